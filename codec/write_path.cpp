@@ -1,0 +1,230 @@
+// Writes a batch of item values to a device: picks the Modbus function per item, encodes the value text with
+// the device's word and byte orders, and never retries an item that already failed in the same batch.
+
+#include <QByteArray>
+#include <QString>
+#include <QVector>
+#include <algorithm>
+#include <climits>
+#include <exception>
+#include <mutex>
+
+#include "codec/value_encoding.h"
+#include "identity/zelt_identity.h"
+#include "plugin/modbus.h"
+
+namespace {
+
+const QString kValueKey = QStringLiteral("value");
+const QString kRegisterKey = QStringLiteral("register");
+const QString kRegisterTypeKey = QStringLiteral("register_type");
+const QString kTypeKey = QStringLiteral("type");
+
+const QChar kBitSeparator = QLatin1Char('.');
+const QChar kRangeSeparator = QLatin1Char('-');
+
+constexpr unsigned int kMultiplePresets = 1;  // "write_preset": 0 single (FC 5 / 6), 1 multiple (FC 15 / 16)
+constexpr int kBytesPerRegister = 2;
+constexpr int kLastBitOfRegister = 15;
+constexpr quint16 kLowByteMask = 0xFF;
+// No server has more registers than the 16-bit address space, so no longer range is ever encoded; libmodbus
+// refuses any count above its write limit before it reads a single word.
+constexpr unsigned int kRegisterAddressSpace = 65536;
+
+const QString kBitOff = QStringLiteral("0");
+const QString kBitOn = QStringLiteral("1");
+
+// Two entries of a batch are the same item when they name the same item instance.
+bool sameItem(ItemInstancePlugin const& a, ItemInstancePlugin const& b) {
+    return a.uid == b.uid && a.deviceId == b.deviceId && a.name == b.name;
+}
+
+}  // namespace
+
+bool Modbus::writeData(LogList* list) {
+    if (list == nullptr) {
+        return false;
+    }
+    try {
+        DeviceInstancePlugin& device = list->device;
+        QString const itemCount = QString::number(list->dataItems.size());
+        writeLogDebug(QStringLiteral("Going to write ") + itemCount + QStringLiteral(" to ") + device.name);
+
+        bool stoppingNow = false;
+        std::shared_ptr<TcpDeviceConnection> entry = tcpDeviceConnection(device.id, &stoppingNow);
+        if (!entry) {
+            return false;
+        }
+        std::lock_guard<std::mutex> lock(entry->mutex);
+
+        if (!entry->connection.isConnected()) {
+            int error = 0;
+            Connection newConnection = makeConnection(device, &error);
+            entry->connection = std::move(newConnection);
+            if (!entry->connection.isConnected()) {
+                entry->connection.setConnected(false);
+                device.lastError = QStringLiteral("Could not connect. ") + entry->connection.errToStr(error);
+                return false;
+            }
+        }
+        Connection& connection = entry->connection;
+
+        writeLogDebug(QStringLiteral("Write going to write to ") + device.name);
+
+        bool const littleEndian = isLittleEndian(device);
+        bool const byteSwapped = isByteSwapped(device);
+        bool const stringLittleEndian = isStringLittleEndian(device);
+        bool const stringByteSwapped = isStringByteSwapped(device);
+        bool const multiple =
+            device.settings.value(QStringLiteral("write_preset")).toUInt() == kMultiplePresets;
+
+        QList<ItemInstancePlugin> failed;  // items not to be tried again in this batch
+        for (DataItem* dataItem : list->dataItems) {
+            if (dataItem == nullptr) {
+                continue;
+            }
+            ItemInstancePlugin& item = dataItem->item;
+            if (zelt_identity::isIdentityAddress(item.settings.value(kRegisterKey))) {
+                continue;
+            }
+            bool const failedBefore = std::any_of(
+                failed.cbegin(), failed.cend(), [&item](auto const& other) { return sameItem(item, other); });
+            if (failedBefore) {
+                writeLogInfo(QStringLiteral("Not going to retry writing %1").arg(item.name));
+                continue;
+            }
+
+            QString const value = dataItem->values.value(kValueKey);
+            writeLogDebug(QStringLiteral("Writing value ") + value + QStringLiteral(" to ") + item.name +
+                          QStringLiteral(" in ") + device.name);
+            if (!writeVar(connection, item, littleEndian, byteSwapped, stringLittleEndian, stringByteSwapped,
+                          value, multiple)) {
+                writeLogDebug(QStringLiteral("Failed to write %1. Register: %2 Offset: %3 Error: %4")
+                                  .arg(item.name, item.settings.value(kRegisterTypeKey),
+                                       item.settings.value(kRegisterKey), item.lastError));
+                failed.append(item);
+            } else {
+                writeLogDebug(QStringLiteral("Wrote %1. Register: %2 Offset: %3 Value: %4")
+                                  .arg(item.name, item.settings.value(kRegisterTypeKey),
+                                       item.settings.value(kRegisterKey), value));
+                writeLogDebug(QStringLiteral("Writing ") + item.name + QStringLiteral(" to ") + device.name +
+                              QStringLiteral(" done"));
+            }
+        }
+
+        int const deviceError = connection.getDeviceError();
+        if (deviceError > 0) {
+            // The connection stays open: the device answered, it only reported a fault.
+            device.lastError = connection.errToStr(deviceError);
+            return false;
+        }
+
+        writeLogDebug(QStringLiteral("Done writing ") + itemCount + QStringLiteral(" to ") + device.name);
+        if (device.settings.value(QStringLiteral("persistent_connection")).toInt() == 0) {
+            connection.disconnect();
+        }
+        return true;
+    } catch (std::exception const&) {
+        return false;  // nothing may escape into the host
+    }
+}
+
+bool Modbus::writeVar(Connection& conn, ItemInstancePlugin& item, bool littleEndian, bool byteSwapped,
+                      bool stringLittleEndian, bool stringByteSwapped, QString value, bool multiple) {
+    RegisterType const table = getType(item);
+    int const offset = getOffset(item);
+    if (offset < 0) {
+        writeLogDebug(QStringLiteral("Wrong offset format. Item: %1, Offset: %2").arg(item.name).arg(offset));
+        item.setLastError(QStringLiteral("Wrong offset format"));
+        return false;
+    }
+
+    int err = 0;
+
+    // Discrete inputs are written like coils, by design.
+    if (table == OutputCoil || table == InputCoil) {
+        unsigned char const state = static_cast<unsigned char>(value.toUShort() & kLowByteMask);
+        return conn.writeBit(offset, state, &err, multiple) > 0;
+    }
+
+    QString const address = item.settings.value(kRegisterKey);
+
+    // A range is a string, whatever the item's type; always FC 16.
+    if (address.contains(kRangeSeparator)) {
+        unsigned int const span = getSpan(item);
+        QByteArray const bytes = value.toUtf8();
+        qint64 const capacity = static_cast<qint64>(span) * kBytesPerRegister;
+        if (bytes.size() > capacity) {
+            item.setLastError(QStringLiteral("String too long. Size ") + QString::number(bytes.size()) +
+                              QStringLiteral(" bytes but expected ") + QString::number(capacity) +
+                              QStringLiteral(" bytes"));
+            return false;
+        }
+        int const built = static_cast<int>(std::min(span, kRegisterAddressSpace));
+        QVector<quint16> const words =
+            codec::encodeString(bytes, built, stringLittleEndian, stringByteSwapped);
+        writeLogDebug(QStringLiteral("Writing string. Offset: %1 Value: %2 Length: %3")
+                          .arg(QString::number(offset), value, QString::number(span)));
+        int const count = static_cast<int>(std::min<unsigned int>(span, INT_MAX));
+        return conn.writeString(offset, count, words.constData(), &err) > 0;
+    }
+
+    // One bit of a register: read, change, write back. Not atomic on the server.
+    if (address.contains(kBitSeparator)) {
+        int const bit = getBit(item);
+        if (bit < 0 || bit > kLastBitOfRegister) {
+            item.setLastError(QStringLiteral("Bit value out of range"));
+            return false;
+        }
+        unsigned short word = 0;
+        if (conn.readWords(table, offset, 1, &word, &err) != 1) {
+            item.setLastError(QStringLiteral("Could not read value. ") + conn.errToStr(err));
+            return false;
+        }
+        unsigned short const mask = static_cast<unsigned short>(1U << bit);
+        if (value == kBitOff) {
+            word = static_cast<unsigned short>(word & ~mask);
+        } else if (value == kBitOn) {
+            word = static_cast<unsigned short>(word | mask);
+        } else {
+            item.setLastError(QStringLiteral("Invalid bool/bit value to write. Val: ") + value);
+            return false;
+        }
+        writeLogDebug(QStringLiteral("Writing bit. Offset: %1 Value: %2 (%3)")
+                          .arg(QString::number(offset), value, QString::number(word)));
+        if (multiple) {
+            // Only a result of 0 counts as failure here, so a failed FC 16 (-1) passes; kept as it always
+            // was.
+            return conn.writeString(offset, 1, &word, &err) != 0;
+        }
+        return conn.writeWord(offset, word, &err) > 0;
+    }
+
+    unsigned int const type = item.settings.value(kTypeKey).toUInt();
+    if (type == BIT) {
+        item.setLastError(QStringLiteral("Invalid address format for bit"));
+        return false;
+    }
+    if (type == STRING) {
+        item.setLastError(QStringLiteral("Invalid address format for string"));
+        return false;
+    }
+
+    unsigned int const length = getLengthOfVar(static_cast<VarType>(type));
+    // An unknown type has no registers and converts nothing.
+    QVector<quint16> const words =
+        codec::encodeNumber(static_cast<VarType>(type), codec::parseNumber(value), littleEndian, byteSwapped);
+    writeLogDebug(QStringLiteral("Writing %2 elements to %1").arg(offset).arg(length));
+
+    if (multiple) {
+        return conn.writeString(offset, static_cast<int>(length), words.constData(), &err) > 0;
+    }
+    int result = 0;
+    for (int i = 0; i < words.size(); ++i) {
+        result = conn.writeWord(offset + i, words.at(i), &err);
+        if (result < 0) {
+            return false;
+        }
+    }
+    return result > 0;
+}

@@ -1,0 +1,70 @@
+#pragma once
+// One Modbus TCP client connection over libmodbus. Errors come back as -1 plus an errno value or a libmodbus
+// code (MODBUS_ENOBASE and up) in an int* out-parameter; errToStr turns a code into text.
+
+#include <QByteArray>
+#include <QString>
+
+#include "connection/register_type.h"
+
+struct _modbus;
+typedef struct _modbus modbus_t;
+class PluginInterface;
+
+class Connection {
+public:
+    struct Network {
+        QString host;
+        int port = 502;
+        int serverId = 1;
+    };
+    // The serial variant is an empty shell: nothing builds a serial context.
+    struct Serial {};
+
+    // The most registers one FC 3 / FC 4 request may ask for (Modbus application protocol, 6.3 and 6.4).
+    static constexpr unsigned char max_read_registers = 125;
+
+    Connection() = default;
+    Connection(Network const& net, PluginInterface* plugin, int* err);
+    Connection(Serial, PluginInterface& plugin, int* err, int, int);
+    Connection(Connection&& other) noexcept;
+    Connection& operator=(Connection&& other) noexcept;
+    Connection(Connection const&) = delete;
+    Connection& operator=(Connection const&) = delete;
+    ~Connection();
+
+    // True while this object owns a libmodbus context.
+    explicit operator bool() const { return ctx != nullptr; }
+
+    int connect(int slave, int* err);
+    void disconnect();
+    bool isConnected() const { return connected; }
+    void setConnected(bool value) { connected = value; }
+    int slave() const { return slaveId; }
+    void flush();
+
+    bool getResponseTimeout(unsigned int* sec, unsigned int* usec) const;
+    bool setResponseTimeout(unsigned int sec, unsigned int usec);
+
+    int readBits(RegisterType type, int addr, int count, unsigned char* dest, int* err) const;
+    int readWords(RegisterType type, int addr, int count, unsigned short* dest, int* err) const;
+    int writeBit(int addr, unsigned char value, int* err, bool multiple) const;
+    int writeWord(int addr, unsigned short value, int* err) const;
+    int writeString(int addr, int count, unsigned short const* words, int* err) const;
+
+    // Sends one request PDU (function code first) and returns the reply PDU's length, or -1.
+    int exchangePdu(QByteArray const& request, QByteArray* response, int* err);
+
+    QString errToStr(int code) const;
+    bool setDeviceError(int code) const;
+    int getDeviceError() const { return deviceError; }
+
+private:
+    int receiveFrame(unsigned char* frame, int capacity, int* err);
+
+    mutable int deviceError = 0;
+    bool connected = false;
+    int slaveId = 1;
+    modbus_t* ctx = nullptr;
+    PluginInterface* plugin = nullptr;
+};

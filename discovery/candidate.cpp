@@ -1,0 +1,117 @@
+#include "discovery/candidate.h"
+
+#include <QRegularExpression>
+
+#include "discovery/constants.h"
+
+namespace ModbusDiscovery {
+
+namespace {
+
+// Register budget preset for discovered devices; two below the usual 125 so odd devices keep some headroom.
+constexpr int kPresetMaxReadRegisters = 123;
+
+quint16 effectivePort(const Candidate& candidate) {
+    return candidate.port == 0 ? static_cast<quint16>(kDefaultTcpPort) : candidate.port;
+}
+
+void fillIfEmpty(QString* target, const QString& value) {
+    if (target->isEmpty() && !value.isEmpty()) {
+        *target = value;
+    }
+}
+
+}  // namespace
+
+void applyIdentify(Candidate* candidate, const IdentifyResult& result) {
+    if (!candidate || !result.ok) {
+        return;
+    }
+    candidate->unitId = result.unitId;
+    fillIfEmpty(&candidate->vendor, result.vendor);
+    fillIfEmpty(&candidate->productCode, result.productCode);
+    fillIfEmpty(&candidate->version, result.version);
+    fillIfEmpty(&candidate->vendorUrl, result.vendorUrl);
+    fillIfEmpty(&candidate->productName, result.productName);
+    fillIfEmpty(&candidate->modelName, result.modelName);
+    fillIfEmpty(&candidate->userApplication, result.userApplication);
+}
+
+QString sanitizeUidPart(QString text) {
+    static const QRegularExpression kSeparators(QStringLiteral("[.:/]"));
+    static const QRegularExpression kDisallowed(QStringLiteral("[^A-Za-z0-9_]+"));
+    text.replace(kSeparators, QStringLiteral("_"));
+    text.remove(kDisallowed);
+    while (text.contains(QLatin1String("__"))) {
+        text.replace(QLatin1String("__"), QLatin1String("_"));
+    }
+    return text;
+}
+
+QString uidFor(const Candidate& candidate) {
+    return QStringLiteral("modbus_%1_%2_%3")
+        .arg(sanitizeUidPart(candidate.address))
+        .arg(static_cast<uint>(effectivePort(candidate)))
+        .arg(static_cast<uint>(candidate.unitId));
+}
+
+QString identityLabel(const Candidate& candidate) {
+    if (!candidate.modelName.isEmpty()) {
+        return candidate.modelName;
+    }
+    if (!candidate.productName.isEmpty()) {
+        return candidate.productName;
+    }
+    return candidate.productCode;
+}
+
+QJsonObject candidateToJson(const Candidate& candidate) {
+    const quint16 port = effectivePort(candidate);
+    const QString label = identityLabel(candidate);
+    const QString portText = QString::number(static_cast<uint>(port));
+    const QString unitText = QString::number(static_cast<uint>(candidate.unitId));
+
+    QString name;
+    if (label.isEmpty()) {
+        name = QStringLiteral("Modbus %1").arg(candidate.address);
+    } else if (label.contains(candidate.address)) {
+        name = label;
+    } else {
+        name = QStringLiteral("%1 (%2)").arg(label, candidate.address);
+    }
+
+    QString description;
+    if (!candidate.vendor.isEmpty() || !label.isEmpty()) {
+        description = QStringLiteral("%1 %2").arg(candidate.vendor, label).trimmed();
+        if (!candidate.version.isEmpty()) {
+            description += QStringLiteral(" %1").arg(candidate.version);
+        }
+        description += QStringLiteral(" at %1:%2 unit %3").arg(candidate.address, portText, unitText);
+    } else {
+        description = QStringLiteral("%1 at %2:%3 unit %4")
+                          .arg(QStringLiteral("Modbus TCP"), candidate.address, portText, unitText);
+    }
+
+    QJsonObject fields;
+    fields.insert(QStringLiteral("port"), portText);
+    fields.insert(QStringLiteral("server_id"), unitText);
+    fields.insert(QStringLiteral("persistent_connection"), QStringLiteral("1"));
+    fields.insert(QStringLiteral("max_read_registers"), QString::number(kPresetMaxReadRegisters));
+    fields.insert(QStringLiteral("write_preset"), QStringLiteral("1"));
+    fields.insert(QStringLiteral("endianness"), QStringLiteral("0"));
+    fields.insert(QStringLiteral("byte_order"), QStringLiteral("0"));
+    fields.insert(QStringLiteral("string_endianness"), QStringLiteral("0"));
+    fields.insert(QStringLiteral("string_byte_order"), QStringLiteral("0"));
+
+    const QString uid = uidFor(candidate);
+    QJsonObject object;
+    object.insert(QStringLiteral("external_id"), uid);
+    object.insert(QStringLiteral("uid_hint"), uid);
+    object.insert(QStringLiteral("name"), name);
+    object.insert(QStringLiteral("description"), description);
+    object.insert(QStringLiteral("address"), candidate.address);
+    object.insert(QStringLiteral("user_defined_fields"), fields);
+    return object;
+}
+
+}  // namespace ModbusDiscovery

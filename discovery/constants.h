@@ -1,0 +1,27 @@
+#pragma once
+// Budgets and limits of discovery and identification.
+
+namespace ModbusDiscovery {
+
+constexpr int kDefaultTimeoutMs = 60000;
+constexpr int kDefaultTcpPort = 502;
+constexpr int kDefaultUnitId = 1;
+constexpr int kTcpConnectTimeoutMs = 400;
+constexpr int kTcpReadTimeoutMs = 400;
+constexpr int kTcpScanConnectTimeoutMs = 80;
+constexpr int kTcpScanReadTimeoutMs = 400;
+constexpr int kRtuReadTimeoutMs = 200;
+constexpr int kMaxTcpScanHosts = 256;
+constexpr int kMaxTcpScanPorts = 64;
+constexpr int kMaxSynWorkers = 48;
+constexpr int kMaxTcpUnitIds = 32;
+constexpr int kMaxRtuUnitIds = 247;
+
+// Function codes and MEI type of the requests discovery and identification send.
+constexpr unsigned char kFcReadCoils = 1;
+constexpr unsigned char kFcReadHolding = 3;
+constexpr unsigned char kFcReportSlaveId = 17;
+constexpr unsigned char kFcMei = 43;
+constexpr unsigned char kMeiDeviceId = 14;
+
+}  // namespace ModbusDiscovery

@@ -1,0 +1,172 @@
+#include "discovery/discovery_run.h"
+
+#include <QMutex>
+#include <QMutexLocker>
+#include <chrono>
+#include <cstdio>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+#include "discovery/constants.h"
+#include "discovery/subnet.h"
+
+namespace ModbusDiscovery {
+
+namespace {
+
+const QString kTypeName = QStringLiteral("Modbus TCP");
+const QString kSourceTcpScan = QStringLiteral("tcp-scan");
+const QString kAnyAddress = QStringLiteral("0.0.0.0");
+const QString kLoopbackPrefix = QStringLiteral("127.");
+const char kDebugVariable[] = "ZELT_DISCOVERY_DEBUG";
+
+// Diagnostics for developers only; the user sees the log list instead.
+void logDiscovery(const QString& line) {
+    if (!qEnvironmentVariableIsSet(kDebugVariable)) {
+        return;
+    }
+    const QByteArray text = line.toUtf8() + '\n';
+    std::fwrite(text.constData(), 1, static_cast<size_t>(text.size()), stderr);
+    std::fflush(stderr);
+}
+
+template <typename T>
+QString joinNumbers(const QList<T>& values) {
+    QStringList texts;
+    for (const T value : values) {
+        texts.append(QString::number(value));
+    }
+    return texts.join(QLatin1Char(','));
+}
+
+// State shared by the workers of one run; it lives on the caller's stack.
+struct RunState {
+    const Options& options;
+    Transport& transport;
+    const QStringList& hosts;
+    std::atomic<bool>* cancel;
+    std::atomic<int> nextHost{0};
+    std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
+    QMutex resultMutex;
+    QList<Candidate> results;
+
+    RunState(const Options& runOptions, Transport& runTransport, const QStringList& runHosts,
+             std::atomic<bool>* runCancel)
+        : options(runOptions), transport(runTransport), hosts(runHosts), cancel(runCancel) {}
+
+    bool shouldStop() const {
+        if (cancel && cancel->load()) {
+            return true;
+        }
+        const auto elapsed =
+            std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
+        return elapsed.count() >= options.timeoutMs;
+    }
+
+    void collect(const QString& host, quint16 port, const IdentifyResult& result) {
+        Candidate candidate;
+        candidate.address = host;
+        candidate.port = port;
+        candidate.source = kSourceTcpScan;
+        applyIdentify(&candidate, result);
+        const QString uid = uidFor(candidate);
+        if (options.existingUids.contains(uid)) {
+            return;
+        }
+        QMutexLocker lock(&resultMutex);
+        for (const Candidate& known : results) {
+            if (uidFor(known) == uid) {
+                return;
+            }
+        }
+        results.append(candidate);
+    }
+
+    void work() {
+        while (!shouldStop()) {
+            const int index = nextHost.fetch_add(1);
+            if (index >= hosts.size()) {
+                return;
+            }
+            const QString& host = hosts.at(index);
+            for (const quint16 port : options.tcpPorts) {
+                if (shouldStop()) {
+                    return;
+                }
+                const QList<IdentifyResult> answers = transport.tcpIdentify(
+                    host, port, options.unitIds, kTcpScanConnectTimeoutMs, kTcpScanReadTimeoutMs, nullptr);
+                for (const IdentifyResult& answer : answers) {
+                    collect(host, port, answer);
+                }
+            }
+        }
+    }
+
+    // A worker must never let an exception out of its thread: that would end the host process.
+    void workGuarded() {
+        try {
+            work();
+        } catch (...) {
+        }
+    }
+};
+
+}  // namespace
+
+QList<Candidate> discoverDevices(const Options& options, Transport& transport, QStringList* log,
+                                 std::atomic<bool>* cancel) {
+    const QString ports = joinNumbers(options.tcpPorts);
+    const QString units = joinNumbers(options.unitIds);
+    const QString interfaceLabel =
+        options.networkInterface.isEmpty() ? QStringLiteral("all IPv4") : options.networkInterface;
+    logDiscovery(QStringLiteral("%1 discovery interface=%2 tcp=%3 unit=%4 timeout_ms=%5")
+                     .arg(kTypeName, interfaceLabel, ports, units, QString::number(options.timeoutMs)));
+    if (log) {
+        log->append(QStringLiteral("%1 discovery probes TCP %2 on the selected subnet, then reads device "
+                                   "identification if available and Report Slave ID. ")
+                        .arg(kTypeName, ports));
+    }
+    if (!options.tcpSubnetScan) {
+        return QList<Candidate>();
+    }
+
+    const QStringList candidates =
+        options.tcpHosts.isEmpty() ? ipv4HostsOnInterface(options.networkInterface, log) : options.tcpHosts;
+    QStringList hosts;
+    for (const QString& host : candidates) {
+        if (host.isEmpty() || host == kAnyAddress || host.startsWith(kLoopbackPrefix)) {
+            continue;
+        }
+        hosts.append(host);
+    }
+    logDiscovery(QStringLiteral("%1 TCP subnet scan hosts=%2 ports=%3")
+                     .arg(kTypeName, QString::number(hosts.size()), ports));
+    if (hosts.isEmpty()) {
+        return QList<Candidate>();
+    }
+
+    RunState state(options, transport, hosts, cancel);
+    const int workerCount = qBound(1, static_cast<int>(hosts.size()), kMaxSynWorkers);
+    std::vector<std::thread> workers;
+    workers.reserve(static_cast<size_t>(workerCount));
+    for (int i = 0; i < workerCount; ++i) {
+        try {
+            workers.emplace_back([&state] { state.workGuarded(); });
+        } catch (const std::system_error&) {
+            break;  // out of threads: the workers already running share the remaining hosts
+        }
+    }
+    if (workers.empty()) {
+        state.workGuarded();
+    }
+    for (std::thread& worker : workers) {
+        worker.join();
+    }
+
+    logDiscovery(
+        QStringLiteral("%1 discovery importable=%2").arg(kTypeName, QString::number(state.results.size())));
+    return state.results;
+}
+
+}  // namespace ModbusDiscovery

@@ -1,0 +1,188 @@
+#include "plugin/modbus.h"
+
+#include "identity/zelt_identity.h"
+#include "plugin/modbus_identity_specs.h"
+
+namespace {
+
+constexpr unsigned int kHostContractVersion = 31;
+const QString kPluginName = QStringLiteral("modbus_tcp");
+
+// Column type codes and sizes are the host's; they are passed through as numbers.
+constexpr int kTypeText = 0;
+constexpr int kTypeRegister = 2;
+constexpr int kTypeChoiceText = 8;
+
+DatabaseColumnStructure column(const char* name, int type, int size, const char* defaultValue,
+                               const char* description) {
+    return DatabaseColumnStructure(QString::fromLatin1(name), type, size, QString::fromLatin1(defaultValue),
+                                   QString::fromLatin1(description));
+}
+
+// The host reads these two selection entries as flags: the column is a discovery parameter.
+void markForDiscovery(DatabaseColumnStructure& column) {
+    column.insertSelectionValues(QStringLiteral("__zelt_discovery_editable"), QStringLiteral("1"));
+    column.insertSelectionValues(QStringLiteral("__zelt_discovery_parameter_only"), QStringLiteral("1"));
+}
+
+void addByteOrderChoices(DatabaseColumnStructure& column) {
+    column.insertSelectionValues(QStringLiteral("First byte high"), QStringLiteral("0"));
+    column.insertSelectionValues(QStringLiteral("First byte low (swapped)"), QStringLiteral("1"));
+}
+
+void addEndiannessChoices(DatabaseColumnStructure& column) {
+    column.insertSelectionValues(QStringLiteral("Big endian"), QStringLiteral("0"));
+    column.insertSelectionValues(QStringLiteral("Little endian (swapped)"), QStringLiteral("1"));
+}
+
+QList<DatabaseColumnStructure> deviceColumns(const QList<NetworkInterfaceInstance>& interfaces) {
+    const char* kWordOrderText = "Big: [A B] [C D] Little: [C D] [A B]";
+    const char* kByteOrderText = "High: [A B] [C D] Low: [B A] [D C]";
+    QList<DatabaseColumnStructure> columns;
+
+    columns.append(column("port", kTypeText, 0, "502", ""));
+    columns.append(column("server_id", kTypeText, 0, "1", ""));
+
+    DatabaseColumnStructure persistent =
+        column("persistent_connection", kTypeText, 3, "1",
+               "Keep the connection alive between polling of data. Set to no if you want it to reconnect between "
+               "each poll.");
+    persistent.insertSelectionValues(QStringLiteral("No"), QStringLiteral("0"));
+    persistent.insertSelectionValues(QStringLiteral("Yes"), QStringLiteral("1"));
+    columns.append(persistent);
+
+    columns.append(column("max_read_registers", kTypeText, 0, "123", "Max. registers to read in each call"));
+
+    DatabaseColumnStructure preset =
+        column("write_preset", kTypeText, 3, "1",
+               "Use single or multiple register presets when writing data. Single presets uses function code 0x05 "
+               "and 0x06. Multiple presets uses function code 0x15 and 0x16");
+    preset.insertSelectionValues(QStringLiteral("Single register"), QStringLiteral("0"));
+    preset.insertSelectionValues(QStringLiteral("Multiple registers"), QStringLiteral("1"));
+    columns.append(preset);
+
+    DatabaseColumnStructure endianness = column("endianness", kTypeText, 3, "0", kWordOrderText);
+    addEndiannessChoices(endianness);
+    columns.append(endianness);
+    DatabaseColumnStructure byteOrder = column("byte_order", kTypeText, 3, "0", kByteOrderText);
+    addByteOrderChoices(byteOrder);
+    columns.append(byteOrder);
+    DatabaseColumnStructure stringEndianness = column("string_endianness", kTypeText, 3, "0", kWordOrderText);
+    addEndiannessChoices(stringEndianness);
+    columns.append(stringEndianness);
+    DatabaseColumnStructure stringByteOrder = column("string_byte_order", kTypeText, 3, "0", kByteOrderText);
+    addByteOrderChoices(stringByteOrder);
+    columns.append(stringByteOrder);
+
+    DatabaseColumnStructure timeout =
+        column("timeout_ms", kTypeText, 0, "60000",
+               "Overall discovery window in milliseconds for the TCP subnet probe. Default 60000 is 60 seconds. One "
+               "TCP session per device: disable an instance before scanning that slave.");
+    markForDiscovery(timeout);
+    columns.append(timeout);
+
+    DatabaseColumnStructure networkInterface =
+        column("network_interface", kTypeChoiceText, 64, "eth0",
+               "Ethernet interface used for Modbus TCP subnet discovery. Default is eth0. Choose All IPv4 interfaces "
+               "to scan every NIC.");
+    networkInterface.insertSelectionValues(QStringLiteral("All IPv4 interfaces"), QString());
+    for (const NetworkInterfaceInstance& iface : interfaces) {
+        if (!iface.name.isEmpty()) networkInterface.insertSelectionValues(iface.name, iface.name);
+    }
+    markForDiscovery(networkInterface);
+    columns.append(networkInterface);
+
+    DatabaseColumnStructure ports =
+        column("tcp_ports", kTypeChoiceText, 64, "502",
+               "TCP ports to probe on the selected subnet. Default 502. Use commas and ranges, for example 502,1502 "
+               "or 502-510. A very wide range is truncated (max 64 ports).");
+    markForDiscovery(ports);
+    columns.append(ports);
+
+    DatabaseColumnStructure serverIds =
+        column("server_ids", kTypeChoiceText, 64, "1",
+               "Modbus unit IDs to probe on each TCP host (0-255). Default 1. Use commas and ranges, for example "
+               "1,255 or 1-10. Discovery also tries 255 if 1 does not answer. TCP-to-RTU gateways need a range "
+               "covering each slave.");
+    markForDiscovery(serverIds);
+    columns.append(serverIds);
+    return columns;
+}
+
+QList<DatabaseColumnStructure> itemColumns() {
+    QList<DatabaseColumnStructure> columns;
+    columns.append(column("register", kTypeRegister, 0, "", ""));
+
+    DatabaseColumnStructure registerType =
+        column("register_type", kTypeText, 2, "4",
+               "Auto calculate offset & register (e.g. 40001 converts to 0 @ holding register)");
+    registerType.insertSelectionValues(QStringLiteral("Auto"), QStringLiteral("4"));
+    registerType.insertSelectionValues(QStringLiteral("Holding Register"), QStringLiteral("3"));
+    registerType.insertSelectionValues(QStringLiteral("Input Coil"), QStringLiteral("1"));
+    registerType.insertSelectionValues(QStringLiteral("Output Coil"), QStringLiteral("0"));
+    registerType.insertSelectionValues(QStringLiteral("Input Register"), QStringLiteral("2"));
+    columns.append(registerType);
+
+    // Listed by size, not by stored code: the 64-bit types were added later as 8 and 9.
+    DatabaseColumnStructure type = column("type", kTypeText, 2, "", "");
+    const std::pair<const char*, const char*> kTypes[] = {{"BIT", "0"},    {"INT16", "1"},  {"UINT16", "2"},
+                                                          {"INT32", "3"},  {"UINT32", "4"}, {"INT64", "8"},
+                                                          {"UINT64", "9"}, {"FLOAT", "5"},  {"DOUBLE", "6"},
+                                                          {"STRING", "7"}};
+    for (const auto& choice : kTypes)
+        type.insertSelectionValues(QString::fromLatin1(choice.first), QString::fromLatin1(choice.second));
+    columns.append(type);
+
+    columns.append(column("floating_point_precision", kTypeText, 4, "4", ""));
+    return columns;
+}
+
+}  // namespace
+
+Modbus::Modbus() : stopping(false) {}
+
+Modbus::~Modbus() = default;
+
+bool Modbus::init() {
+    writeLogDebug(QStringLiteral("Init Modbus plugin"));
+
+    const QList<DatabaseColumnStructure> devices = deviceColumns(pluginInterface.getNetworkInterfaces());
+    const QList<DatabaseColumnStructure> items = itemColumns();
+    const QList<DatabaseColumnStructure> pluginColumns;
+    const QList<DatabaseColumnStructure> fourthColumns;
+
+    PluginInitOptions options;
+    options.flagA = false;
+    options.flagB = false;
+    options.flagD = true;
+    options.flagE = false;
+    options.actionName = QStringLiteral("discover");
+
+    pluginInterface.initPlugin(kPluginName, kHostContractVersion, pluginColumns, items, devices, fourthColumns,
+                               options);
+
+    zelt_identity::ensureItemsForAllDevices(&pluginInterface, modbusIdentityStubSpecs());
+
+    {
+        std::lock_guard<std::mutex> lock(connectionsMutex);
+        stopping = false;
+        connections.reserve(pluginInterface.getPluginDevices().size());
+    }
+    {
+        std::lock_guard<std::mutex> lock(identityMutex);
+        identityProbed.clear();
+        identityValues.clear();
+    }
+
+    writeLogDebug(QStringLiteral("Modbus plugin initialized"));
+    return true;
+}
+
+bool Modbus::getEventData(LogList*) { return true; }
+
+bool Modbus::logCallback(LogList*) { return true; }
+
+void Modbus::writeLogInfo(QString message) { pluginInterface.logInfo(message); }
+void Modbus::writeLogWarning(QString message) { pluginInterface.logWarning(message); }
+void Modbus::writeLogError(QString message) { pluginInterface.logError(message); }
+void Modbus::writeLogDebug(QString message) { pluginInterface.logDebug(message); }

@@ -1,0 +1,252 @@
+// One client connection of the simulator: reads request frames by their MBAP length, answers them and applies
+// the injected faults.
+
+#include <errno.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "tools/sim/sim_protocol.h"
+#include "tools/sim/sim_state.h"
+
+namespace modbus_sim {
+
+namespace {
+
+// The server context is never connected; it only formats answers, so any address does.
+constexpr char kContextAddress[] = "127.0.0.1";
+// libmodbus sleeps for the response timeout before flushing after some exceptions; a server has no reason to
+// wait, so the timeout is the smallest one libmodbus accepts.
+constexpr uint32_t kReplyFlushTimeoutUs = 1;
+
+}  // namespace
+
+Session::Session(Simulator::State* state, int fd, int stopFd) : state(state), fd(fd), stopFd(stopFd) {
+    context = modbus_new_tcp(kContextAddress, 0);
+    if (context) modbus_set_response_timeout(context, 0, kReplyFlushTimeoutUs);
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, capture) != 0) {
+        capture[0] = capture[1] = -1;
+    }
+    if (context && capture[0] >= 0) modbus_set_socket(context, capture[0]);
+}
+
+Session::~Session() {
+    join();
+    if (context) {
+        // The context does not own the capture socket; closing it here keeps ownership in one place.
+        modbus_set_socket(context, -1);
+        modbus_free(context);
+    }
+    for (int& end : capture) {
+        if (end >= 0) ::close(end);
+        end = -1;
+    }
+}
+
+void Session::start() {
+    thread = std::thread([this] { run(); });
+}
+
+void Session::join() {
+    if (thread.joinable()) thread.join();
+}
+
+void Session::run() {
+    bool alreadyClosed = false;
+    for (;;) {
+        QByteArray request(kMbapHeaderLength, '\0');
+        if (!readExact(request.data(), kMbapHeaderLength)) break;
+        const int length = readBigEndian16(request, kMbapLengthFieldOffset);
+        // A frame without even a unit id cannot be answered, and the stream cannot be trusted after it.
+        if (length < 1) break;
+        request.resize(kMbapHeaderLength - 1 + length);
+        if (length > 1 && !readExact(request.data() + kMbapHeaderLength, length - 1)) break;
+        const Outcome outcome = handle(request);
+        if (outcome == Outcome::Closed) alreadyClosed = true;
+        if (outcome != Outcome::Continue) break;
+    }
+    if (!alreadyClosed) ::close(fd);
+    fd = -1;
+    {
+        std::lock_guard<std::mutex> lock(state->mutex);
+        --state->openConnections;
+        ++state->closedConnections;
+    }
+    done = true;
+}
+
+bool Session::readExact(char* data, int size) {
+    int received = 0;
+    while (received < size) {
+        pollfd fds[2] = {{fd, POLLIN, 0}, {stopFd, POLLIN, 0}};
+        if (::poll(fds, 2, -1) < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        if (fds[1].revents != 0) return false;
+        const ssize_t n = ::recv(fd, data + received, size - received, 0);
+        if (n == 0) return false;
+        if (n < 0) {
+            if (errno == EINTR || errno == EAGAIN) continue;
+            return false;
+        }
+        received += static_cast<int>(n);
+    }
+    return true;
+}
+
+bool Session::waitForStop(int ms) {
+    if (ms <= 0) return false;
+    pollfd stop = {stopFd, POLLIN, 0};
+    return ::poll(&stop, 1, ms) > 0;
+}
+
+bool Session::sendAll(const QByteArray& bytes) {
+    int sent = 0;
+    while (sent < bytes.size()) {
+        const ssize_t n = ::send(fd, bytes.constData() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        sent += static_cast<int>(n);
+    }
+    return true;
+}
+
+Session::Outcome Session::handle(const QByteArray& request) {
+    const RequestRecord record = describeRequest(request);
+    bool served = true;
+    UnknownUnitReply unknownUnitReply;
+    FaultRule fault;
+    const FaultRule* rule = nullptr;
+    bool closeNow = false;
+    {
+        std::lock_guard<std::mutex> lock(state->mutex);
+        ++state->functionCounts[record.function];
+        ++state->totalRequests;
+        state->requestLog.push_back(record);
+        served = state->units.empty() || state->units.count(record.unit) > 0;
+        unknownUnitReply = state->unknownUnitReply;
+    }
+    if (record.function < 0) return Outcome::Continue;
+    if (!served) {
+        if (unknownUnitReply == UnknownUnitReply::GatewayException) {
+            return sendAll(exceptionAnswer(request, record.function, kExceptionGatewayTargetFailed))
+                       ? Outcome::Continue
+                       : Outcome::Close;
+        }
+        return Outcome::Continue;
+    }
+    rule = selectFault(record, &fault, &closeNow);
+    if (closeNow) return Outcome::Close;
+    if (rule && rule->kind == FaultKind::Silence) return Outcome::Continue;
+    if (rule && rule->kind == FaultKind::Exception) {
+        return sendAll(exceptionAnswer(request, record.function, rule->exceptionCode)) ? Outcome::Continue
+                                                                                       : Outcome::Close;
+    }
+
+    QByteArray answer;
+    if (record.function == kFunctionEncapsulatedInterface) {
+        int exceptionCode = 0;
+        QByteArray pdu;
+        {
+            std::lock_guard<std::mutex> lock(state->mutex);
+            pdu = readDeviceIdentificationPdu(state->identification, record.pdu, &exceptionCode);
+        }
+        answer = exceptionCode ? exceptionAnswer(request, record.function, exceptionCode)
+                               : wrapAnswer(request, pdu);
+    } else if (record.function == kFunctionReportSlaveId) {
+        std::lock_guard<std::mutex> lock(state->mutex);
+        answer = state->hasReportSlaveId
+                     ? wrapAnswer(request, reportSlaveIdPdu(state->reportSlaveId))
+                     : exceptionAnswer(request, record.function, kExceptionIllegalFunction);
+    } else if (request.size() <= kMaxAduLength) {
+        answer = standardAnswer(request);
+    }
+    // Frames longer than any Modbus ADU are not answered, as a device would drop them.
+    if (answer.isEmpty()) return Outcome::Continue;
+    return deliver(rule, answer);
+}
+
+QByteArray Session::standardAnswer(const QByteArray& request) {
+    if (!context || capture[0] < 0) return {};
+    // modbus_reply reads fields at fixed offsets; a zero-filled full-size buffer keeps short frames in
+    // bounds.
+    uint8_t buffer[MODBUS_TCP_MAX_ADU_LENGTH] = {};
+    memcpy(buffer, request.constData(), request.size());
+    int length = 0;
+    {
+        std::lock_guard<std::mutex> lock(state->mutex);
+        length = modbus_reply(context, buffer, request.size(), state->mapping);
+    }
+    if (length <= 0) return {};
+    QByteArray answer(length, '\0');
+    int received = 0;
+    while (received < length) {
+        const ssize_t n = ::recv(capture[1], answer.data() + received, length - received, 0);
+        if (n <= 0) {
+            if (n < 0 && errno == EINTR) continue;
+            return {};
+        }
+        received += static_cast<int>(n);
+    }
+    return answer;
+}
+
+const FaultRule* Session::selectFault(const RequestRecord& record, FaultRule* storage, bool* closeNow) {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    if (faultGeneration != state->faultGeneration) {
+        closeAfterCounts.clear();
+        faultGeneration = state->faultGeneration;
+    }
+    for (size_t i = 0; i < state->faults.size(); ++i) {
+        const FaultRule& rule = state->faults[i];
+        if (!faultMatches(rule, record)) continue;
+        if (rule.kind == FaultKind::CloseAfter) {
+            // The first `afterRequests` matching requests pass; the next one closes the connection.
+            int& seen = closeAfterCounts[i];
+            if (seen >= rule.afterRequests) {
+                *closeNow = true;
+                return nullptr;
+            }
+            ++seen;
+            continue;
+        }
+        *storage = rule;
+        return storage;
+    }
+    return nullptr;
+}
+
+Session::Outcome Session::deliver(const FaultRule* fault, const QByteArray& answer) {
+    if (!fault) return sendAll(answer) ? Outcome::Continue : Outcome::Close;
+    switch (fault->kind) {
+        case FaultKind::Delay:
+            if (waitForStop(fault->delayMs)) return Outcome::Close;
+            return sendAll(answer) ? Outcome::Continue : Outcome::Close;
+        case FaultKind::ByteByByte:
+            for (int i = 0; i < answer.size(); ++i) {
+                if (i > 0 && waitForStop(fault->delayMs)) return Outcome::Close;
+                if (!sendAll(answer.mid(i, 1))) return Outcome::Close;
+            }
+            return Outcome::Continue;
+        case FaultKind::Reset:
+            sendAll(answer.left(answer.size() / 2));
+            resetConnection();
+            return Outcome::Closed;
+        default:
+            return sendAll(alterAnswer(*fault, answer)) ? Outcome::Continue : Outcome::Close;
+    }
+}
+
+void Session::resetConnection() {
+    // A zero linger time makes close() send RST instead of FIN.
+    const linger reset = {1, 0};
+    ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
+    ::close(fd);
+}
+
+}  // namespace modbus_sim

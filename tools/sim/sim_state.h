@@ -1,0 +1,96 @@
+#pragma once
+// The simulator's shared state: settings, register tables, counters and the client sessions.
+
+#include <modbus.h>
+
+#include <atomic>
+#include <list>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "tools/sim/simulator.h"
+
+namespace modbus_sim {
+
+class Session;
+
+struct Simulator::State {
+    State();
+    ~State();
+
+    // Guards every member up to the lifecycle block.
+    mutable std::mutex mutex;
+    modbus_mapping_t* mapping = nullptr;
+    std::set<int> units;
+    UnknownUnitReply unknownUnitReply = UnknownUnitReply::Silence;
+    DeviceIdentification identification;
+    bool hasReportSlaveId = false;
+    QByteArray reportSlaveId;
+    std::vector<FaultRule> faults;
+    // Bumped by clearFaults so sessions forget their per-rule request counts.
+    int faultGeneration = 0;
+    std::map<int, int> functionCounts;
+    int totalRequests = 0;
+    std::vector<RequestRecord> requestLog;
+    int acceptedConnections = 0;
+    int openConnections = 0;
+    int closedConnections = 0;
+
+    // Lifecycle: start and stop are serialized by lifecycleMutex; sessions are guarded by sessionsMutex.
+    std::mutex lifecycleMutex;
+    std::atomic<bool> running{false};
+    int listenFd = -1;
+    // Written once by stop(); every thread polls the read end next to its socket and so wakes at once.
+    int stopPipe[2] = {-1, -1};
+    std::thread acceptThread;
+    uint16_t port = 0;
+    QString address;
+    std::mutex sessionsMutex;
+    std::list<std::unique_ptr<Session>> sessions;
+
+    void acceptLoop();
+    void reapFinishedSessions(bool all);
+};
+
+// One client connection: its socket, its thread and its libmodbus server context.
+class Session {
+public:
+    Session(Simulator::State* state, int fd, int stopFd);
+    ~Session();
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+
+    void start();
+    void join();
+    bool finished() const { return done.load(); }
+
+private:
+    enum class Outcome { Continue, Close, Closed };
+
+    void run();
+    bool readExact(char* data, int size);
+    bool waitForStop(int ms);
+    bool sendAll(const QByteArray& bytes);
+    Outcome handle(const QByteArray& request);
+    QByteArray standardAnswer(const QByteArray& request);
+    const FaultRule* selectFault(const RequestRecord& record, FaultRule* storage, bool* closeNow);
+    Outcome deliver(const FaultRule* fault, const QByteArray& answer);
+    void resetConnection();
+
+    Simulator::State* state;
+    int fd;
+    int stopFd;
+    std::thread thread;
+    std::atomic<bool> done{false};
+    modbus_t* context = nullptr;
+    // modbus_reply writes its answer into capture[0]; the bytes are read back from capture[1].
+    int capture[2] = {-1, -1};
+    // Matching requests counted per close-after rule (by index) on this connection.
+    std::map<size_t, int> closeAfterCounts;
+    int faultGeneration = 0;
+};
+
+}  // namespace modbus_sim

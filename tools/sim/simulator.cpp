@@ -1,0 +1,303 @@
+// The simulator's public face: settings, register tables, counters, and listening for clients.
+
+#include "tools/sim/simulator.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "tools/sim/sim_protocol.h"
+#include "tools/sim/sim_state.h"
+
+namespace modbus_sim {
+
+namespace {
+
+constexpr int kListenBacklog = 64;
+
+// Clips [address, address + count) to the table; false when nothing is left.
+bool clipRange(int* address, int* count) {
+    if (*address < 0 || *address >= kTableSize || *count <= 0) return false;
+    *count = std::min(*count, kTableSize - *address);
+    return true;
+}
+
+template <typename T, typename Table>
+void storeValues(Table* table, int address, const std::vector<T>& values) {
+    int count = static_cast<int>(values.size());
+    if (!clipRange(&address, &count)) return;
+    for (int i = 0; i < count; ++i) table[address + i] = static_cast<Table>(values[i]);
+}
+
+template <typename T, typename Table>
+std::vector<T> loadValues(const Table* table, int address, int count) {
+    if (!clipRange(&address, &count)) return {};
+    return std::vector<T>(table + address, table + address + count);
+}
+
+void closeFd(int* fd) {
+    if (*fd >= 0) ::close(*fd);
+    *fd = -1;
+}
+
+}  // namespace
+
+Simulator::State::State() {
+    mapping = modbus_mapping_new(kTableSize, kTableSize, kTableSize, kTableSize);
+}
+
+Simulator::State::~State() {
+    modbus_mapping_free(mapping);
+}
+
+void Simulator::State::acceptLoop() {
+    for (;;) {
+        pollfd fds[2] = {{listenFd, POLLIN, 0}, {stopPipe[0], POLLIN, 0}};
+        const int ready = ::poll(fds, 2, -1);
+        if (ready < 0) {
+            if (errno == EINTR) continue;
+            return;
+        }
+        if (fds[1].revents != 0) return;
+        if ((fds[0].revents & POLLIN) == 0) {
+            if (fds[0].revents & (POLLERR | POLLHUP | POLLNVAL)) return;
+            continue;
+        }
+        const int client = ::accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
+        if (client < 0) continue;
+        // Answers sent a byte at a time must leave as separate segments.
+        const int one = 1;
+        ::setsockopt(client, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            ++acceptedConnections;
+            ++openConnections;
+        }
+        reapFinishedSessions(false);
+        std::lock_guard<std::mutex> lock(sessionsMutex);
+        sessions.push_back(std::make_unique<Session>(this, client, stopPipe[0]));
+        sessions.back()->start();
+    }
+}
+
+void Simulator::State::reapFinishedSessions(bool all) {
+    std::list<std::unique_ptr<Session>> finished;
+    {
+        std::lock_guard<std::mutex> lock(sessionsMutex);
+        for (auto it = sessions.begin(); it != sessions.end();) {
+            if (all || (*it)->finished()) {
+                finished.push_back(std::move(*it));
+                it = sessions.erase(it);
+            } else {
+                ++it;
+            }
+        }
+    }
+    for (auto& session : finished) session->join();
+}
+
+Simulator::Simulator() : state(std::make_unique<State>()) {}
+
+Simulator::~Simulator() {
+    stop();
+}
+
+bool Simulator::start(const QString& address, uint16_t port, QString* error) {
+    std::lock_guard<std::mutex> lifecycle(state->lifecycleMutex);
+    auto fail = [&](const QString& reason) {
+        if (error) *error = reason;
+        closeFd(&state->listenFd);
+        closeFd(&state->stopPipe[0]);
+        closeFd(&state->stopPipe[1]);
+        return false;
+    };
+    if (state->running)
+        return fail(QStringLiteral("already running on %1:%2").arg(state->address).arg(state->port));
+    if (!state->mapping) return fail(QStringLiteral("could not allocate the register tables"));
+
+    sockaddr_in bindAddress{};
+    bindAddress.sin_family = AF_INET;
+    bindAddress.sin_port = htons(port);
+    if (::inet_pton(AF_INET, address.toLatin1().constData(), &bindAddress.sin_addr) != 1) {
+        return fail(QStringLiteral("not an IPv4 address: %1").arg(address));
+    }
+    if (::pipe2(state->stopPipe, O_CLOEXEC) != 0)
+        return fail(QStringLiteral("pipe: %1").arg(strerror(errno)));
+    state->listenFd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (state->listenFd < 0) return fail(QStringLiteral("socket: %1").arg(strerror(errno)));
+    const int one = 1;
+    ::setsockopt(state->listenFd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
+    if (::bind(state->listenFd, reinterpret_cast<sockaddr*>(&bindAddress), sizeof(bindAddress)) != 0) {
+        return fail(QStringLiteral("bind %1:%2: %3").arg(address).arg(port).arg(strerror(errno)));
+    }
+    if (::listen(state->listenFd, kListenBacklog) != 0) {
+        return fail(QStringLiteral("listen: %1").arg(strerror(errno)));
+    }
+    sockaddr_in bound{};
+    socklen_t boundLength = sizeof(bound);
+    ::getsockname(state->listenFd, reinterpret_cast<sockaddr*>(&bound), &boundLength);
+    state->port = ntohs(bound.sin_port);
+    state->address = address;
+    state->running = true;
+    state->acceptThread = std::thread([this] { state->acceptLoop(); });
+    return true;
+}
+
+void Simulator::stop() {
+    std::lock_guard<std::mutex> lifecycle(state->lifecycleMutex);
+    if (!state->running) return;
+    const char wake = 1;
+    while (::write(state->stopPipe[1], &wake, 1) < 0 && errno == EINTR) {
+    }
+    if (state->acceptThread.joinable()) state->acceptThread.join();
+    closeFd(&state->listenFd);
+    // Sessions see the stop pipe, close their sockets and end.
+    state->reapFinishedSessions(true);
+    closeFd(&state->stopPipe[0]);
+    closeFd(&state->stopPipe[1]);
+    state->running = false;
+}
+
+bool Simulator::running() const {
+    return state->running;
+}
+
+uint16_t Simulator::port() const {
+    std::lock_guard<std::mutex> lifecycle(state->lifecycleMutex);
+    return state->port;
+}
+
+QString Simulator::address() const {
+    std::lock_guard<std::mutex> lifecycle(state->lifecycleMutex);
+    return state->address;
+}
+
+void Simulator::setUnits(const std::set<int>& units) {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    state->units = units;
+}
+
+void Simulator::setUnknownUnitReply(UnknownUnitReply reply) {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    state->unknownUnitReply = reply;
+}
+
+void Simulator::setHoldingRegisters(int address, const std::vector<uint16_t>& values) {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    storeValues(state->mapping->tab_registers, address, values);
+}
+
+void Simulator::setInputRegisters(int address, const std::vector<uint16_t>& values) {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    storeValues(state->mapping->tab_input_registers, address, values);
+}
+
+void Simulator::setCoils(int address, const std::vector<uint8_t>& values) {
+    std::vector<uint8_t> bits;
+    for (uint8_t value : values) bits.push_back(value ? 1 : 0);
+    std::lock_guard<std::mutex> lock(state->mutex);
+    storeValues(state->mapping->tab_bits, address, bits);
+}
+
+void Simulator::setDiscreteInputs(int address, const std::vector<uint8_t>& values) {
+    std::vector<uint8_t> bits;
+    for (uint8_t value : values) bits.push_back(value ? 1 : 0);
+    std::lock_guard<std::mutex> lock(state->mutex);
+    storeValues(state->mapping->tab_input_bits, address, bits);
+}
+
+std::vector<uint16_t> Simulator::holdingRegisters(int address, int count) const {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    return loadValues<uint16_t>(state->mapping->tab_registers, address, count);
+}
+
+std::vector<uint16_t> Simulator::inputRegisters(int address, int count) const {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    return loadValues<uint16_t>(state->mapping->tab_input_registers, address, count);
+}
+
+std::vector<uint8_t> Simulator::coils(int address, int count) const {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    return loadValues<uint8_t>(state->mapping->tab_bits, address, count);
+}
+
+std::vector<uint8_t> Simulator::discreteInputs(int address, int count) const {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    return loadValues<uint8_t>(state->mapping->tab_input_bits, address, count);
+}
+
+void Simulator::setDeviceIdentification(const DeviceIdentification& identification) {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    state->identification = identification;
+}
+
+void Simulator::setReportSlaveId(const QByteArray& payload) {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    state->hasReportSlaveId = true;
+    state->reportSlaveId = payload;
+}
+
+void Simulator::clearReportSlaveId() {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    state->hasReportSlaveId = false;
+    state->reportSlaveId.clear();
+}
+
+void Simulator::addFault(const FaultRule& rule) {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    state->faults.push_back(rule);
+}
+
+void Simulator::clearFaults() {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    state->faults.clear();
+    ++state->faultGeneration;
+}
+
+int Simulator::requestCount(int function) const {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    const auto found = state->functionCounts.find(function);
+    return found == state->functionCounts.end() ? 0 : found->second;
+}
+
+int Simulator::totalRequests() const {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    return state->totalRequests;
+}
+
+std::vector<RequestRecord> Simulator::requestLog() const {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    return state->requestLog;
+}
+
+void Simulator::clearRequestLog() {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    state->requestLog.clear();
+    state->functionCounts.clear();
+    state->totalRequests = 0;
+}
+
+int Simulator::acceptedConnections() const {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    return state->acceptedConnections;
+}
+
+int Simulator::openConnections() const {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    return state->openConnections;
+}
+
+int Simulator::closedConnections() const {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    return state->closedConnections;
+}
+
+}  // namespace modbus_sim

@@ -1,0 +1,128 @@
+#pragma once
+// A Modbus TCP device simulator for tests and the command line. Standard requests are answered by libmodbus's
+// own server side (modbus_reply over a modbus_mapping_t); Read Device Identification (FC 43 / MEI 14), Report
+// Slave ID (FC 17) and the injected faults are answered here. Every client socket gets a thread of its own.
+
+#include <QByteArray>
+#include <QString>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <set>
+#include <vector>
+
+namespace modbus_sim {
+
+enum class UnknownUnitReply {
+    Silence,           // requests for a unit that is not served are never answered
+    GatewayException,  // answered with exception 11 (gateway target device failed to respond)
+};
+
+enum class FaultKind {
+    Exception,           // answer with Modbus exception `exceptionCode`
+    Delay,               // answer normally after `delayMs`
+    Silence,             // never answer
+    CloseAfter,          // close the client socket after `afterRequests` requests (this one unanswered)
+    Reset,               // send half of the answer, then reset the connection (RST)
+    ByteByByte,          // send the answer one byte at a time, `delayMs` apart
+    WrongTransactionId,  // answer with transaction id + 1
+    WrongLength,         // answer with MBAP length field `lengthField`
+    WrongProtocolId,     // answer with protocol id 1
+    TrailingGarbage,     // append `garbage` after the answer
+    HeaderOnly,          // answer with only the 7-byte MBAP header (length 1)
+};
+
+// A fault applies to a request when every given selector matches (-1 = any). `address` matches when the
+// request's address range covers it (single writes cover their one address; requests without an address never
+// match an address selector). The first matching rule in the order added decides. Faults apply only to served
+// units. Exception and Silence leave the tables untouched (a write is not carried out); the other kinds carry
+// the request out and then alter or hold back the answer. CloseAfter counts per connection: the first
+// `afterRequests` matching requests are answered (later rules still apply to them), the next one closes it.
+struct FaultRule {
+    FaultKind kind = FaultKind::Exception;
+    int unit = -1;
+    int function = -1;
+    int address = -1;
+    int exceptionCode = 1;
+    int delayMs = 0;
+    int afterRequests = 0;
+    int lengthField = 0;
+    QByteArray garbage = QByteArray::fromHex("deadbeef");
+};
+
+struct RequestRecord {
+    int unit = 0;
+    int function = 0;  // -1 for a frame without a PDU
+    int address = -1;  // start address of requests that have one (FC 1-6, 15, 16, 22, 23 read part), else -1
+    int count = -1;    // quantity of requests that have one (FC 1-4, 15, 16, 23 read part), else -1
+    QByteArray pdu;    // the whole request PDU, function code first
+};
+
+struct DeviceIdentification {
+    std::map<int, QByteArray> objects;  // object id (0x00.. and extended ids) -> value bytes
+    int objectsPerResponse = 0;  // 0: as many as fit in one response; otherwise paging with more-follows
+    bool enabled = true;         // false: FC 43 is answered with exception 1 (illegal function)
+    int conformityLevel = 0;     // 0: derived from the objects present (0x81, 0x82 or 0x83)
+};
+
+class Session;
+
+class Simulator {
+public:
+    Simulator();
+    ~Simulator();
+    Simulator(const Simulator&) = delete;
+    Simulator& operator=(const Simulator&) = delete;
+
+    // Listens on address:port (port 0 picks a free one). False with a reason when it cannot.
+    bool start(const QString& address = QStringLiteral("127.0.0.1"), uint16_t port = 0,
+               QString* error = nullptr);
+    void stop();
+    bool running() const;
+    uint16_t port() const;
+    QString address() const;
+
+    // Unit ids served; empty set (the default) serves every unit id.
+    void setUnits(const std::set<int>& units);
+    void setUnknownUnitReply(UnknownUnitReply reply);
+
+    // Register tables, shared by every served unit. Each table holds 65536 entries, all 0 at start.
+    void setHoldingRegisters(int address, const std::vector<uint16_t>& values);
+    void setInputRegisters(int address, const std::vector<uint16_t>& values);
+    void setCoils(int address, const std::vector<uint8_t>& values);
+    void setDiscreteInputs(int address, const std::vector<uint8_t>& values);
+    std::vector<uint16_t> holdingRegisters(int address, int count) const;
+    std::vector<uint16_t> inputRegisters(int address, int count) const;
+    std::vector<uint8_t> coils(int address, int count) const;
+    std::vector<uint8_t> discreteInputs(int address, int count) const;
+
+    // JSON map file (format in the README); false with a reason when it cannot be read.
+    bool loadMapFile(const QString& path, QString* error);
+    bool loadMapJson(const QByteArray& json, QString* error);
+
+    // Identification. Without a Report Slave ID payload, FC 17 is answered with exception 1.
+    void setDeviceIdentification(const DeviceIdentification& identification);
+    void setReportSlaveId(const QByteArray& payload);
+    void clearReportSlaveId();
+
+    void addFault(const FaultRule& rule);
+    void clearFaults();
+
+    // What the simulator received, for assertions. Every request frame is counted and logged, also those for
+    // units not served and those a fault answers. clearRequestLog also zeroes the request counts (not the
+    // connection counters). A connection counts as closed as soon as its session notices the close.
+    int requestCount(int function) const;
+    int totalRequests() const;
+    std::vector<RequestRecord> requestLog() const;
+    void clearRequestLog();
+    int acceptedConnections() const;
+    int openConnections() const;
+    int closedConnections() const;
+
+private:
+    friend class Session;
+    struct State;
+    std::unique_ptr<State> state;
+};
+
+}  // namespace modbus_sim
