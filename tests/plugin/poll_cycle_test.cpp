@@ -1,0 +1,334 @@
+#include <gtest/gtest.h>
+
+#include <tuple>
+
+#include "common/plugin_batch.h"
+#include "plugin/modbus.h"
+#include "tools/sim/simulator.h"
+#include "tools/standin/standin_host.h"
+
+using plugin_test::Batch;
+using plugin_test::makeDevice;
+using plugin_test::makeItem;
+using zelt_standin::Host;
+using zelt_standin::LogLevel;
+
+namespace {
+
+using Request = std::tuple<int, int, int>;  // function code, start address, count
+
+// The data requests the simulator received (reads of the four tables), in order.
+std::vector<Request> dataReads(const modbus_sim::Simulator& sim) {
+    std::vector<Request> reads;
+    for (const modbus_sim::RequestRecord& record : sim.requestLog())
+        if (record.function >= 1 && record.function <= 4) reads.emplace_back(record.function, record.address, record.count);
+    return reads;
+}
+
+class PollCycleTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        Host::instance().reset();
+        ASSERT_TRUE(sim.start());
+    }
+    void TearDown() override {
+        plugin.stopPlugin();
+        sim.stop();
+        Host::instance().reset();
+    }
+
+    DeviceInstancePlugin device(QMap<QString, QString> settings = {}) { return makeDevice(1, sim.port(), settings); }
+
+    modbus_sim::Simulator sim;
+    Modbus plugin;
+};
+
+}  // namespace
+
+TEST_F(PollCycleTest, EmptyBatchStillConnectsAndSyncsIdentity) {
+    Batch batch(device());
+    EXPECT_TRUE(plugin.readData(&batch.list));
+    EXPECT_EQ(sim.acceptedConnections(), 1);
+    EXPECT_GE(sim.requestCount(43), 1);
+    const QStringList debug = Host::instance().logTexts(LogLevel::Debug);
+    EXPECT_TRUE(debug.contains(QStringLiteral("Going to read 0 from device1")));
+    EXPECT_TRUE(debug.contains(QStringLiteral("Done reading 0 from device1")));
+    EXPECT_TRUE(dataReads(sim).empty());
+}
+
+TEST_F(PollCycleTest, ReadLimitNarrowsTheSettingToEightBitsAndCapsAt125) {
+    const struct {
+        const char* setting;
+        int limit;
+    } kRows[] = {{"0", 125}, {"126", 125}, {"256", 125}, {"300", 44}, {"abc", 125}, {"20", 20}};
+    for (const auto& row : kRows) {
+        SCOPED_TRACE(row.setting);
+        Host::instance().clearLogs();
+        Batch batch(device({{"max_read_registers", row.setting}}));
+        batch.add(makeItem("a", "40001", "4", "2"));
+        ASSERT_TRUE(plugin.readData(&batch.list));
+        EXPECT_TRUE(Host::instance().hasLog(
+            LogLevel::Debug,
+            QStringLiteral("Getting ready to read 1 registers of type 3 from 0 to 0. Max read registers: %1")
+                .arg(row.limit)));
+    }
+}
+
+TEST_F(PollCycleTest, FarApartItemsAreSplitIntoOneRequestEach) {
+    sim.setHoldingRegisters(0, {7});
+    sim.setHoldingRegisters(200, {9});
+    Batch batch(device({{"max_read_registers", "123"}}));
+    batch.add(makeItem("far", "40201", "4", "2"));
+    batch.add(makeItem("near", "40001", "4", "2"));
+    ASSERT_TRUE(plugin.readData(&batch.list));
+    EXPECT_EQ(dataReads(sim), (std::vector<Request>{{3, 0, 1}, {3, 200, 1}}));
+    EXPECT_EQ(batch.value("near"), QStringLiteral("7"));
+    EXPECT_EQ(batch.value("far"), QStringLiteral("9"));
+}
+
+TEST_F(PollCycleTest, StringLongerThanTheLimitIsReadInOneRequest) {
+    sim.setHoldingRegisters(0, {0x4142, 0x4344, 0x4546, 0x4748, 0x494A, 0x4B4C, 0x4D4E, 0x4F50, 0x5152, 0x5354,
+                                0x5556, 0x5758});
+    Batch batch(device({{"max_read_registers", "5"}}));
+    batch.add(makeItem("text", "40001-40012", "4", "7"));
+    ASSERT_TRUE(plugin.readData(&batch.list));
+    EXPECT_EQ(dataReads(sim), (std::vector<Request>{{3, 0, 12}}));
+    EXPECT_EQ(batch.value("text"), QStringLiteral("ABCDEFGHIJKLMNOPQRSTUVWX"));
+}
+
+TEST_F(PollCycleTest, TwoItemsAtTheSameAddressAreBothExtracted) {
+    sim.setHoldingRegisters(4, {0x8001});
+    Batch batch(device());
+    batch.add(makeItem("signed", "40005", "4", "1"));
+    batch.add(makeItem("unsigned", "40005", "4", "2"));
+    ASSERT_TRUE(plugin.readData(&batch.list));
+    EXPECT_EQ(dataReads(sim), (std::vector<Request>{{3, 4, 1}}));
+    EXPECT_EQ(batch.value("signed"), QStringLiteral("-32767"));
+    EXPECT_EQ(batch.value("unsigned"), QStringLiteral("32769"));
+}
+
+TEST_F(PollCycleTest, FailedFirstHalfStopsTheRun) {
+    modbus_sim::FaultRule fault;
+    fault.kind = modbus_sim::FaultKind::Exception;
+    fault.function = 3;
+    fault.address = 0;
+    fault.exceptionCode = 2;
+    sim.addFault(fault);
+    Batch batch(device({{"max_read_registers", "123"}}));
+    batch.add(makeItem("first", "40001", "4", "2"));
+    DataItem* second = batch.add(makeItem("second", "40201", "4", "2"));
+    second->values.insert(QStringLiteral("value"), QStringLiteral("old"));
+
+    // An illegal data address is an item fault, not a device fault: the poll itself succeeds.
+    EXPECT_TRUE(plugin.readData(&batch.list));
+    EXPECT_EQ(dataReads(sim), (std::vector<Request>{{3, 0, 1}}));
+    EXPECT_TRUE(Host::instance().hasLog(LogLevel::Debug, QStringLiteral("There was an error, returning f")));
+    EXPECT_EQ(batch.error("first"), QStringLiteral("Illegal data address"));
+    EXPECT_EQ(batch.value("second"), QStringLiteral("old"));
+    EXPECT_EQ(batch.error("second"), QString());
+    EXPECT_TRUE(Host::instance().hasLog(LogLevel::Debug,
+                                        QStringLiteral("Failed to read elements of type 3.Illegal data address")));
+}
+
+TEST_F(PollCycleTest, EveryTableTypeOrderAndGapInOnePoll) {
+    sim.setCoils(0, {1, 0, 0});
+    sim.setDiscreteInputs(0, {0, 0, 0, 0, 1});
+    sim.setInputRegisters(0, {0xFFFF, 0xFFFE, 0x3F80, 0x0000});
+    sim.setHoldingRegisters(0, {0xFFFF, 0xFFFF, 0x0001, 0x0002, 0x4048, 0xF5C3});
+    sim.setHoldingRegisters(10, {0x3FF8, 0x0000, 0x0000, 0x0000, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFE, 0x0001, 0x0002,
+                                 0x0003, 0x0004, 0x0008, 0x4142, 0x4344, 0x4500});
+
+    Batch batch(device({{"max_read_registers", "10"}}));
+    batch.add(makeItem("h_string", "40024-40026", "4", "7"));
+    batch.add(makeItem("c3", "00003", "4", "0"));
+    batch.add(makeItem("h_int16", "40001", "4", "1"));
+    batch.add(makeItem("h_uint16", "40002", "4", "2"));
+    batch.add(makeItem("h_int32", "40003", "4", "3"));
+    batch.add(makeItem("h_float", "40005", "4", "5", "2"));
+    batch.add(makeItem("h_double", "40011", "4", "6"));
+    batch.add(makeItem("h_int64", "40015", "4", "8"));
+    batch.add(makeItem("h_uint64", "40019", "4", "9"));
+    batch.add(makeItem("h_bit", "40023.3", "4", "0"));
+    batch.add(makeItem("c1", "00001", "4", "0"));
+    batch.add(makeItem("d1", "10001", "4", "0"));
+    batch.add(makeItem("d5", "10005", "4", "0"));
+    batch.add(makeItem("i_int32", "30001", "4", "3"));
+    batch.add(makeItem("i_float", "30003", "4", "5"));
+    DataItem* invalid = batch.add(makeItem("invalid", "abc", "3", "2"));
+    invalid->values.insert(QStringLiteral("value"), QStringLiteral("as given"));
+    DataItem* identity = batch.add(makeItem("identity_1_vendor", "__identity.vendor", "4", "7"));
+
+    ASSERT_TRUE(plugin.readData(&batch.list));
+
+    EXPECT_EQ(dataReads(sim), (std::vector<Request>{
+                                  {1, 0, 3}, {2, 0, 5}, {4, 0, 4}, {3, 0, 6}, {3, 10, 8}, {3, 18, 8}}));
+    const std::pair<const char*, const char*> kExpected[] = {
+        {"c1", "1"},           {"c3", "0"},          {"d1", "0"},          {"d5", "1"},
+        {"i_int32", "-2"},     {"i_float", "1"},     {"h_int16", "-1"},    {"h_uint16", "65535"},
+        {"h_int32", "65538"},  {"h_float", "3.14"},  {"h_double", "1.5000"}, {"h_int64", "-2"},
+        {"h_uint64", "281483566841860"}, {"h_bit", "1"}, {"h_string", "ABCDE"},
+    };
+    for (const auto& expected : kExpected) {
+        SCOPED_TRACE(expected.first);
+        EXPECT_EQ(batch.value(expected.first), QString::fromLatin1(expected.second));
+        EXPECT_EQ(batch.error(expected.first), QString());
+    }
+    EXPECT_EQ(invalid->values.value(QStringLiteral("value")), QStringLiteral("as given"));
+    EXPECT_FALSE(identity->values.contains(QStringLiteral("value")));
+    EXPECT_TRUE(Host::instance().hasLog(LogLevel::Debug, QStringLiteral("Done reading 17 from device1")));
+    EXPECT_TRUE(Host::instance().hasLog(
+        LogLevel::Debug, QStringLiteral("Holding/Input register data for h_int16 to be extracted. Length: 6 Byte "
+                                        "swapped: 0")));
+    EXPECT_TRUE(Host::instance().hasLog(LogLevel::Debug, QStringLiteral("Holding/Input register data extracted!")));
+    EXPECT_TRUE(Host::instance().hasLog(
+        LogLevel::Debug, QStringLiteral("Reading words 6 registers of type 3 from 0 to 4. Max read registers: 10")));
+    EXPECT_TRUE(Host::instance().hasLog(
+        LogLevel::Debug,
+        QStringLiteral("Done reading words 6 registers of type 3 from 0 to 4. Max read registers: 10")));
+}
+
+TEST_F(PollCycleTest, RefusedConnectionSetsTheDeviceErrorOnly) {
+    const quint16 closedPort = sim.port();
+    sim.stop();
+    Batch batch(makeDevice(1, closedPort));
+    batch.add(makeItem("a", "40001", "4", "2"));
+    EXPECT_FALSE(plugin.readData(&batch.list));
+    EXPECT_EQ(batch.list.device.lastError, QStringLiteral("Could not connect. Connection refused"));
+    EXPECT_EQ(batch.error("a"), QString());
+    EXPECT_TRUE(Host::instance().hasLog(LogLevel::Debug,
+                                        QStringLiteral("Could not connect to 127.0.0.1. Connection refused")));
+}
+
+TEST_F(PollCycleTest, ServerBusyOnTheLastTableIsADeviceErrorAndKeepsTheConnection) {
+    sim.setInputRegisters(0, {5});
+    modbus_sim::FaultRule fault;
+    fault.kind = modbus_sim::FaultKind::Exception;
+    fault.function = 3;
+    fault.exceptionCode = 6;
+    sim.addFault(fault);
+    Batch batch(device({{"persistent_connection", "0"}}));
+    batch.add(makeItem("input", "30001", "4", "2"));
+    batch.add(makeItem("holding", "40001", "4", "2"));
+    EXPECT_FALSE(plugin.readData(&batch.list));
+    EXPECT_EQ(batch.value("input"), QStringLiteral("5"));
+    EXPECT_EQ(batch.error("holding"), QStringLiteral("Slave device or server is busy"));
+    EXPECT_EQ(batch.list.device.lastError, QStringLiteral("Slave device or server is busy"));
+    EXPECT_FALSE(Host::instance().hasLog(LogLevel::Debug, QStringLiteral("Done reading 2 from device1")));
+    EXPECT_EQ(sim.closedConnections(), 0);
+
+    sim.clearFaults();
+    sim.setHoldingRegisters(0, {6});
+    Batch next(device({{"persistent_connection", "0"}}));
+    next.add(makeItem("holding", "40001", "4", "2"));
+    EXPECT_TRUE(plugin.readData(&next.list));
+    EXPECT_EQ(next.value("holding"), QStringLiteral("6"));
+}
+
+TEST_F(PollCycleTest, BusyOnAnEarlierTableIsClearedByALaterSuccessfulRead) {
+    sim.setHoldingRegisters(0, {5});
+    modbus_sim::FaultRule fault;
+    fault.kind = modbus_sim::FaultKind::Exception;
+    fault.function = 4;
+    fault.exceptionCode = 6;
+    sim.addFault(fault);
+    Batch batch(device());
+    batch.add(makeItem("input", "30001", "4", "2"));
+    batch.add(makeItem("holding", "40001", "4", "2"));
+    EXPECT_TRUE(plugin.readData(&batch.list));
+    EXPECT_EQ(batch.error("input"), QStringLiteral("Slave device or server is busy"));
+    EXPECT_EQ(batch.value("holding"), QStringLiteral("5"));
+    EXPECT_EQ(batch.list.device.lastError, QString());
+}
+
+TEST_F(PollCycleTest, NonPersistentDeviceIsDisconnectedAfterASuccessfulPoll) {
+    Batch batch(device({{"persistent_connection", "0"}}));
+    batch.add(makeItem("holding", "40001", "4", "2"));
+    EXPECT_TRUE(plugin.readData(&batch.list));
+    EXPECT_TRUE(plugin_test::waitUntil([&] { return sim.closedConnections() == 1; }));
+    EXPECT_TRUE(plugin.readData(&batch.list));
+    EXPECT_EQ(sim.acceptedConnections(), 2);
+}
+
+TEST_F(PollCycleTest, PersistentDeviceKeepsOneConnection) {
+    Batch batch(device({{"persistent_connection", "1"}}));
+    batch.add(makeItem("holding", "40001", "4", "2"));
+    EXPECT_TRUE(plugin.readData(&batch.list));
+    EXPECT_TRUE(plugin.readData(&batch.list));
+    EXPECT_EQ(sim.acceptedConnections(), 1);
+    EXPECT_EQ(sim.closedConnections(), 0);
+}
+
+TEST_F(PollCycleTest, TimedOutReadGivesTimeoutTextsAndTheNextPollRecovers) {
+    modbus_sim::FaultRule fault;
+    fault.kind = modbus_sim::FaultKind::Silence;
+    fault.function = 3;
+    sim.addFault(fault);
+    sim.setHoldingRegisters(0, {42});
+    Batch batch(device());
+    batch.add(makeItem("holding", "40001", "4", "2"));
+    EXPECT_FALSE(plugin.readData(&batch.list));
+    EXPECT_EQ(batch.error("holding"), QStringLiteral("Connection timed out"));
+    EXPECT_EQ(batch.list.device.lastError, QStringLiteral("Connection timed out"));
+
+    sim.clearFaults();
+    Batch next(device());
+    next.add(makeItem("holding", "40001", "4", "2"));
+    EXPECT_TRUE(plugin.readData(&next.list));
+    EXPECT_EQ(next.value("holding"), QStringLiteral("42"));
+    EXPECT_EQ(next.error("holding"), QString());
+    // The failed read marked the connection broken, so the next poll connected again.
+    EXPECT_EQ(sim.acceptedConnections(), 2);
+}
+
+TEST_F(PollCycleTest, DroppedConnectionMidPollIsReportedAndRecovered) {
+    sim.setHoldingRegisters(0, {1});
+    sim.setInputRegisters(0, {2});
+    Batch first(device());
+    first.add(makeItem("input", "30001", "4", "2"));
+    ASSERT_TRUE(plugin.readData(&first.list));  // identity probe done, connection cached
+
+    modbus_sim::FaultRule fault;
+    fault.kind = modbus_sim::FaultKind::CloseAfter;
+    fault.function = 3;
+    fault.afterRequests = 0;
+    sim.addFault(fault);
+    Batch batch(device());
+    batch.add(makeItem("input", "30001", "4", "2"));
+    batch.add(makeItem("holding", "40001", "4", "2"));
+    EXPECT_FALSE(plugin.readData(&batch.list));
+    EXPECT_EQ(batch.value("input"), QStringLiteral("2"));
+    EXPECT_EQ(batch.error("holding"), QStringLiteral("Connection reset by peer"));
+    EXPECT_EQ(batch.list.device.lastError, QStringLiteral("Connection reset by peer"));
+
+    sim.clearFaults();
+    Batch next(device());
+    next.add(makeItem("holding", "40001", "4", "2"));
+    EXPECT_TRUE(plugin.readData(&next.list));
+    EXPECT_EQ(next.value("holding"), QStringLiteral("1"));
+}
+
+TEST_F(PollCycleTest, SilentDeviceFailsWithinTheTimeoutsAndIsNotProbedTwice) {
+    modbus_sim::FaultRule fault;
+    fault.kind = modbus_sim::FaultKind::Silence;
+    sim.addFault(fault);
+    Batch batch(device());
+    batch.add(makeItem("coil", "00001", "4", "0"));
+    const auto started = std::chrono::steady_clock::now();
+    EXPECT_FALSE(plugin.readData(&batch.list));
+    // Hang guard: three identity exchanges of 400 ms and one read of libmodbus's 500 ms, with a wide margin.
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(10));
+    EXPECT_EQ(batch.error("coil"), QStringLiteral("Connection timed out"));
+    EXPECT_EQ(batch.list.device.lastError, QStringLiteral("Connection timed out"));
+    EXPECT_TRUE(Host::instance().hasLog(LogLevel::Info, QStringLiteral("No Modbus identity (43/14 or 17) on device 1")));
+    EXPECT_TRUE(Host::instance().hasLog(LogLevel::Debug, QStringLiteral("Could not read coil. Connection timed out")));
+
+    sim.clearFaults();
+    sim.setCoils(0, {1});
+    sim.clearRequestLog();
+    Batch next(device());
+    next.add(makeItem("coil", "00001", "4", "0"));
+    EXPECT_TRUE(plugin.readData(&next.list));
+    EXPECT_EQ(next.value("coil"), QStringLiteral("1"));
+    EXPECT_EQ(sim.requestCount(43), 0);
+    EXPECT_EQ(sim.requestCount(17), 0);
+}
