@@ -8,7 +8,7 @@ namespace ModbusDiscovery {
 
 namespace {
 
-// Register budget preset for discovered devices; two below the usual 125 so odd devices keep some headroom.
+// Preset for discovered devices: deliberately two below the 125-register limit of one read.
 constexpr int kPresetMaxReadRegisters = 123;
 
 quint16 effectivePort(const Candidate& candidate) {

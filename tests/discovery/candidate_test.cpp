@@ -140,24 +140,24 @@ TEST(CandidateToJson, WritesTheWholeObject) {
     candidate.vendorUrl = QStringLiteral("x.inv");
     candidate.userApplication = QStringLiteral("APP");
     candidate.source = QStringLiteral("tcp-scan");
-    const QByteArray expected = R"({
+    const QByteArray expected = R"json({
         "address": "10.0.0.5",
         "description": "ACME X1 2.1 at 10.0.0.5:1502 unit 3",
         "external_id": "modbus_10_0_0_5_1502_3",
         "name": "X1 (10.0.0.5)",
-                     "uid_hint" : "modbus_10_0_0_5_1502_3", "user_defined_fields" : {
-        "byte_order" : "0",
-                       "endianness" : "0",
-                                      "max_read_registers" : "123",
-                                                             "persistent_connection" : "1",
-                                                                                       "port" : "1502",
-                                                                                                "server_id"
-            : "3",
-              "string_byte_order" : "0",
-                                    "string_endianness" : "0",
-                                                          "write_preset" : "1"
-    }
-})";
+        "uid_hint": "modbus_10_0_0_5_1502_3",
+        "user_defined_fields": {
+            "byte_order": "0",
+            "endianness": "0",
+            "max_read_registers": "123",
+            "persistent_connection": "1",
+            "port": "1502",
+            "server_id": "3",
+            "string_byte_order": "0",
+            "string_endianness": "0",
+            "write_preset": "1"
+        }
+    })json";
     EXPECT_EQ(candidateToJson(candidate), QJsonDocument::fromJson(expected).object());
 }
 

@@ -163,16 +163,40 @@ TEST(WrapRtu, AppendsCrcLowByteFirst) {
 }
 
 TEST(ParseRtu, ReturnsUnitAndPdu) {
-    unsigned char unitId = 0;
-    QByteArray pdu;
-    ASSERT_TRUE(parseRtu(hex("0111c02c"), &unitId, &pdu));
-    EXPECT_EQ(unitId, 1);
-    EXPECT_EQ(pdu.toHex(), QByteArray("11"));
-    EXPECT_TRUE(parseRtu(hex("0111c02c"), nullptr, nullptr));
+    struct Row {
+        const char* name;
+        const char* frame;
+        unsigned char unitId;
+        const char* pdu;
+    };
+    const Row rows[] = {
+        {"two-byte report slave id answer", "0111002c50", 1, "1100"},
+        {"exception answer", "018302c0f1", 1, "8302"},
+        {"read holding request", "010300000001840a", 1, "0300000001"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        unsigned char unitId = 0;
+        QByteArray pdu;
+        ASSERT_TRUE(parseRtu(hex(row.frame), &unitId, &pdu));
+        EXPECT_EQ(unitId, row.unitId);
+        EXPECT_EQ(pdu.toHex(), QByteArray(row.pdu));
+        EXPECT_TRUE(parseRtu(hex(row.frame), nullptr, nullptr));
+        EXPECT_EQ(wrapRtu(unitId, pdu).toHex(), QByteArray(row.frame));
+    }
+}
+
+TEST(ParseRtu, RejectsTheFourByteReportSlaveIdRequest) {
+    // 01 11 C0 2C carries a correct CRC, but five bytes are the smallest frame accepted.
+    unsigned char unitId = 0x55;
+    QByteArray pdu("untouched");
+    EXPECT_FALSE(parseRtu(wrapRtu(1, reportSlaveIdPdu()), &unitId, &pdu));
+    EXPECT_EQ(unitId, 0x55);
+    EXPECT_EQ(pdu, QByteArray("untouched"));
 }
 
 TEST(ParseRtu, RejectsEveryFlippedByte) {
-    const QByteArray frame = hex("0111c02c");
+    const QByteArray frame = hex("0111002c50");
     for (int i = 0; i < frame.size(); ++i) {
         SCOPED_TRACE(i);
         QByteArray damaged = frame;

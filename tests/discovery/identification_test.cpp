@@ -72,15 +72,16 @@ TEST(AsciiFromBytes, KeepsPrintableBytesAndTrims) {
 TEST(ParseDeviceIdPdu, ReadsAllRegularObjects) {
     // Objects 0..6 then a private object 0x80 that is dropped.
     const QByteArray pdu =
-        hex("2b0e0383ff0708"
+        hex("2b0e0383ff0709"
             "000441434d45"    // 0 ACME
             "00024e4f"        // 0 again, ignored
-            "01035031"        // product code P1
+            "01025031"        // product code P1
             "0203322e31"      // 2.1
-            "0307782e696e76"  // x.inv
+            "0305782e696e76"  // x.inv
             "0402504e"        // PN
             "05025831"        // X1
-            "06024150");      // AP
+            "06024150"        // AP
+            "80025a5a");      // private object
     IdentifyResult result;
     result.unitId = 9;
     result.source = QStringLiteral("old");
@@ -274,7 +275,9 @@ TEST(IdentifyFromResponse, ChoosesOkAndSource) {
          deviceIdAnswer("01"
                         "000141"),
          true, 7, "device-id", "A", ""},
-        {"device id answer without objects", 7, 43, deviceIdAnswer("00"), true, 7, "device-id", "", ""},
+        {"seven-byte answer to 43 with object count 0", 7, 43, deviceIdAnswer("00"), true, 7, "pdu", "", ""},
+        {"eight-byte device id answer without objects", 7, 43, deviceIdAnswer("0000"), true, 7, "device-id",
+         "", ""},
         {"six-byte answer to 43", 7, 43, hex("2b0e01010000"), true, 7, "pdu", "", ""},
         {"exception to 43", 7, 43, hex("ab01"), true, 7, "exception", "", ""},
         {"four-byte answer to 43", 7, 43, hex("2b0e0101"), false, 1, "", "", ""},
