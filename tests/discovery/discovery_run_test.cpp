@@ -440,7 +440,8 @@ TEST(DiscoveryRunTest, ExistingUidsAreNotReturned) {
                      {answerFrom(1, QStringLiteral("Known")), answerFrom(2, QStringLiteral("New"))});
     transport.answer(QStringLiteral("10.1.0.2"), 502, {answerFrom(1, QStringLiteral("Other"))});
     Options options = optionsFor({QStringLiteral("10.1.0.1"), QStringLiteral("10.1.0.2")});
-    options.existingUids = {QStringLiteral("modbus_10_1_0_1_502_1"), QStringLiteral("modbus_10_1_0_2_502_1")};
+    options.existingUids =
+        QStringList{QStringLiteral("modbus_10_1_0_1_502_1"), QStringLiteral("modbus_10_1_0_2_502_1")};
     StderrCapture capture;
     const QList<Candidate> result = run(options, transport);
     const QString errors = capture.text();
