@@ -14,18 +14,20 @@ namespace {
 
 // Errors that mean the socket itself is gone, so the cache must build a new connection.
 bool isBrokenSocket(int error) {
-    return error == EBADF || error == EPIPE || error == ECONNABORTED || error == ECONNRESET || error == ENOTCONN;
+    return error == EBADF || error == EPIPE || error == ECONNABORTED || error == ECONNRESET ||
+           error == ENOTCONN;
 }
 
-constexpr int kMbapHeaderLength = 7;      // transaction id, protocol id, length, unit id
+constexpr int kMbapHeaderLength = 7;  // transaction id, protocol id, length, unit id
 constexpr int kMbapLengthFieldOffset = 4;
-constexpr int kMinMbapLengthField = 2;    // unit id and function code
-constexpr int kMaxMbapLengthField = 254;  // unit id and the largest PDU (253 bytes)
+constexpr int kMinMbapLengthField = 2;      // unit id and function code
+constexpr int kMaxMbapLengthField = 254;    // unit id and the largest PDU (253 bytes)
 constexpr int kTimeoutErrno = EINPROGRESS;  // what libmodbus reports for an expired response timeout here
 
 }  // namespace
 
-Connection::Connection(Network const& net, PluginInterface* pluginInterface, int* err) : plugin(pluginInterface) {
+Connection::Connection(Network const& net, PluginInterface* pluginInterface, int* err)
+    : plugin(pluginInterface) {
     // modbus_new_tcp takes only dotted IPv4 text; the _pi variant also resolves host names.
     const QByteArray host = net.host.toLocal8Bit();
     const QByteArray service = QByteArray::number(net.port);
@@ -36,7 +38,9 @@ Connection::Connection(Network const& net, PluginInterface* pluginInterface, int
 
 Connection::Connection(Serial, PluginInterface& pluginInterface, int*, int, int) : plugin(&pluginInterface) {}
 
-Connection::Connection(Connection&& other) noexcept { *this = std::move(other); }
+Connection::Connection(Connection&& other) noexcept {
+    *this = std::move(other);
+}
 
 Connection& Connection::operator=(Connection&& other) noexcept {
     std::swap(ctx, other.ctx);
@@ -47,14 +51,17 @@ Connection& Connection::operator=(Connection&& other) noexcept {
     return *this;
 }
 
-Connection::~Connection() { disconnect(); }
+Connection::~Connection() {
+    disconnect();
+}
 
 int Connection::connect(int slave, int* err) {
     slaveId = slave < 0 ? 1 : slave;
     if (modbus_set_slave(ctx, slaveId) == -1) {
         const int error = errno;
         if (plugin)
-            plugin->logDebug(QStringLiteral("Could not set server ID to %1: %2").arg(slave).arg(modbus_strerror(error)));
+            plugin->logDebug(
+                QStringLiteral("Could not set server ID to %1: %2").arg(slave).arg(modbus_strerror(error)));
         disconnect();
         *err = error;
         return -1;
@@ -137,9 +144,11 @@ int Connection::readWords(RegisterType type, int addr, int count, unsigned short
 }
 
 int Connection::writeBit(int addr, unsigned char value, int* err, bool multiple) const {
-    plugin->logDebug(
-        QStringLiteral("Writing bit. Register: %1 Data: 0x%2").arg(addr).arg(QString::number(value, 16)));
-    const int result = multiple ? modbus_write_bits(ctx, addr, 1, &value) : modbus_write_bit(ctx, addr, value);
+    if (plugin)
+        plugin->logDebug(
+            QStringLiteral("Writing bit. Register: %1 Data: 0x%2").arg(addr).arg(QString::number(value, 16)));
+    const int result =
+        multiple ? modbus_write_bits(ctx, addr, 1, &value) : modbus_write_bit(ctx, addr, value);
     if (result < 0) {
         const int error = errno;
         if (plugin) plugin->logError(QStringLiteral("Could not write bit: %1").arg(modbus_strerror(error)));
@@ -154,10 +163,11 @@ int Connection::writeBit(int addr, unsigned char value, int* err, bool multiple)
 int Connection::writeWord(int addr, unsigned short value, int* err) const {
     const int result = modbus_write_register(ctx, addr, value);
     const int error = errno;
-    plugin->logDebug(QStringLiteral("Writing word. Register: %1 Data: 0x%2 Res: %3")
-                         .arg(addr)
-                         .arg(QString::number(value, 16))
-                         .arg(result));
+    if (plugin)
+        plugin->logDebug(QStringLiteral("Writing word. Register: %1 Data: 0x%2 Res: %3")
+                             .arg(addr)
+                             .arg(QString::number(value, 16))
+                             .arg(result));
     if (result < 0) {
         if (plugin) plugin->logError(QStringLiteral("Could not write word: %1").arg(modbus_strerror(error)));
         *err = error;
@@ -169,7 +179,7 @@ int Connection::writeWord(int addr, unsigned short value, int* err) const {
 }
 
 int Connection::writeString(int addr, int count, unsigned short const* words, int* err) const {
-    plugin->logDebug(QStringLiteral("Writing string. Register: %1").arg(addr));
+    if (plugin) plugin->logDebug(QStringLiteral("Writing string. Register: %1").arg(addr));
     const int result = modbus_write_registers(ctx, addr, count, words);
     if (result < 0) {
         const int error = errno;
@@ -195,8 +205,8 @@ int Connection::receiveFrame(unsigned char* frame, int capacity, int* err) {
     int received = 0;
     int wanted = kMbapHeaderLength;
     while (received < wanted) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline -
-                                                                                  std::chrono::steady_clock::now());
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
         pollfd descriptor{socket, POLLIN, 0};
         const int ready = ::poll(&descriptor, 1, left.count() > 0 ? static_cast<int>(left.count()) : 0);
         if (ready < 0) {
@@ -260,7 +270,8 @@ int Connection::exchangePdu(QByteArray const& request, QByteArray* response, int
 
     const int header = modbus_get_header_length(ctx);
     if (header >= 0 && received >= header + 1) {
-        if (response) *response = QByteArray(reinterpret_cast<const char*>(reply + header), received - header);
+        if (response)
+            *response = QByteArray(reinterpret_cast<const char*>(reply + header), received - header);
         return received - header;
     }
     if (err) *err = EMBBADDATA;

@@ -19,9 +19,13 @@ void setValue(DataItem* dataItem, const QString& value, const QDateTime& now) {
 
 }  // namespace
 
-int readIntervalMs() { return kReadIntervalMs; }
+int readIntervalMs() {
+    return kReadIntervalMs;
+}
 
-bool isIdentityAddress(const QString& address) { return address.startsWith(kAddressPrefix, Qt::CaseSensitive); }
+bool isIdentityAddress(const QString& address) {
+    return address.startsWith(kAddressPrefix, Qt::CaseSensitive);
+}
 
 QString fieldKey(const QString& address) {
     return isIdentityAddress(address) ? address.mid(kAddressPrefix.size()) : QString();
@@ -59,7 +63,8 @@ int ensureItems(PluginInterface* host, int deviceId, const QList<Spec>& specs) {
 void ensureItemsForAllDevices(PluginInterface* host, const QList<Spec>& specs) {
     if (!host) return;
     int created = 0;
-    for (const DeviceInstancePlugin& device : host->getPluginDevices()) created += ensureItems(host, device.id, specs);
+    for (const DeviceInstancePlugin& device : host->getPluginDevices())
+        created += ensureItems(host, device.id, specs);
     requestReloadIfIdentityCreated(host, created);
 }
 

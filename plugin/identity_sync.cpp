@@ -18,16 +18,18 @@ constexpr int kMaxIdentificationRequests = 4;
 
 enum ReadStatus { kNoAnswer = 0, kException = 1, kGotData = 2 };
 
-int readDeviceIdObjects(Connection& connection, unsigned char readCode, ModbusDiscovery::IdentifyResult* result) {
+int readDeviceIdObjects(Connection& connection, unsigned char readCode,
+                        ModbusDiscovery::IdentifyResult* result) {
     bool gotData = false;
     unsigned char objectId = 0;
     for (int request = 0; request < kMaxIdentificationRequests; ++request) {
         QByteArray response;
         int error = 0;
-        if (connection.exchangePdu(ModbusDiscovery::readDeviceIdPdu(readCode, objectId), &response, &error) < 0)
+        if (connection.exchangePdu(ModbusDiscovery::readDeviceIdPdu(readCode, objectId), &response, &error) <
+            0)
             return gotData ? kGotData : kNoAnswer;
-        const ModbusDiscovery::IdentifyResult answer =
-            ModbusDiscovery::identifyFromResponse(static_cast<unsigned char>(connection.slave()), kFcMei, response);
+        const ModbusDiscovery::IdentifyResult answer = ModbusDiscovery::identifyFromResponse(
+            static_cast<unsigned char>(connection.slave()), kFcMei, response);
         if (!answer.ok) return gotData ? kGotData : kNoAnswer;
         if (answer.source == QLatin1String("exception")) return gotData ? kGotData : kException;
         gotData = true;
@@ -89,7 +91,8 @@ void Modbus::syncDeviceIdentity(Connection& connection, int deviceId, LogList* l
         if (values.isEmpty())
             writeLogInfo(QStringLiteral("No Modbus identity (43/14 or 17) on device %1").arg(deviceId));
         else
-            writeLogInfo(QStringLiteral("Read %1 identity value(s) for device %2").arg(values.size()).arg(deviceId));
+            writeLogInfo(
+                QStringLiteral("Read %1 identity value(s) for device %2").arg(values.size()).arg(deviceId));
     }
 
     if (values.isEmpty()) return;

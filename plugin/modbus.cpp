@@ -43,20 +43,20 @@ QList<DatabaseColumnStructure> deviceColumns(const QList<NetworkInterfaceInstanc
     columns.append(column("port", kTypeText, 0, "502", ""));
     columns.append(column("server_id", kTypeText, 0, "1", ""));
 
-    DatabaseColumnStructure persistent =
-        column("persistent_connection", kTypeText, 3, "1",
-               "Keep the connection alive between polling of data. Set to no if you want it to reconnect between "
-               "each poll.");
+    DatabaseColumnStructure persistent = column(
+        "persistent_connection", kTypeText, 3, "1",
+        "Keep the connection alive between polling of data. Set to no if you want it to reconnect between "
+        "each poll.");
     persistent.insertSelectionValues(QStringLiteral("No"), QStringLiteral("0"));
     persistent.insertSelectionValues(QStringLiteral("Yes"), QStringLiteral("1"));
     columns.append(persistent);
 
     columns.append(column("max_read_registers", kTypeText, 0, "123", "Max. registers to read in each call"));
 
-    DatabaseColumnStructure preset =
-        column("write_preset", kTypeText, 3, "1",
-               "Use single or multiple register presets when writing data. Single presets uses function code 0x05 "
-               "and 0x06. Multiple presets uses function code 0x15 and 0x16");
+    DatabaseColumnStructure preset = column(
+        "write_preset", kTypeText, 3, "1",
+        "Use single or multiple register presets when writing data. Single presets uses function code 0x05 "
+        "and 0x06. Multiple presets uses function code 0x15 and 0x16");
     preset.insertSelectionValues(QStringLiteral("Single register"), QStringLiteral("0"));
     preset.insertSelectionValues(QStringLiteral("Multiple registers"), QStringLiteral("1"));
     columns.append(preset);
@@ -74,16 +74,17 @@ QList<DatabaseColumnStructure> deviceColumns(const QList<NetworkInterfaceInstanc
     addByteOrderChoices(stringByteOrder);
     columns.append(stringByteOrder);
 
-    DatabaseColumnStructure timeout =
-        column("timeout_ms", kTypeText, 0, "60000",
-               "Overall discovery window in milliseconds for the TCP subnet probe. Default 60000 is 60 seconds. One "
-               "TCP session per device: disable an instance before scanning that slave.");
+    DatabaseColumnStructure timeout = column(
+        "timeout_ms", kTypeText, 0, "60000",
+        "Overall discovery window in milliseconds for the TCP subnet probe. Default 60000 is 60 seconds. One "
+        "TCP session per device: disable an instance before scanning that slave.");
     markForDiscovery(timeout);
     columns.append(timeout);
 
     DatabaseColumnStructure networkInterface =
         column("network_interface", kTypeChoiceText, 64, "eth0",
-               "Ethernet interface used for Modbus TCP subnet discovery. Default is eth0. Choose All IPv4 interfaces "
+               "Ethernet interface used for Modbus TCP subnet discovery. Default is eth0. Choose All IPv4 "
+               "interfaces "
                "to scan every NIC.");
     networkInterface.insertSelectionValues(QStringLiteral("All IPv4 interfaces"), QString());
     for (const NetworkInterfaceInstance& iface : interfaces) {
@@ -92,18 +93,18 @@ QList<DatabaseColumnStructure> deviceColumns(const QList<NetworkInterfaceInstanc
     markForDiscovery(networkInterface);
     columns.append(networkInterface);
 
-    DatabaseColumnStructure ports =
-        column("tcp_ports", kTypeChoiceText, 64, "502",
-               "TCP ports to probe on the selected subnet. Default 502. Use commas and ranges, for example 502,1502 "
-               "or 502-510. A very wide range is truncated (max 64 ports).");
+    DatabaseColumnStructure ports = column(
+        "tcp_ports", kTypeChoiceText, 64, "502",
+        "TCP ports to probe on the selected subnet. Default 502. Use commas and ranges, for example 502,1502 "
+        "or 502-510. A very wide range is truncated (max 64 ports).");
     markForDiscovery(ports);
     columns.append(ports);
 
-    DatabaseColumnStructure serverIds =
-        column("server_ids", kTypeChoiceText, 64, "1",
-               "Modbus unit IDs to probe on each TCP host (0-255). Default 1. Use commas and ranges, for example "
-               "1,255 or 1-10. Discovery also tries 255 if 1 does not answer. TCP-to-RTU gateways need a range "
-               "covering each slave.");
+    DatabaseColumnStructure serverIds = column(
+        "server_ids", kTypeChoiceText, 64, "1",
+        "Modbus unit IDs to probe on each TCP host (0-255). Default 1. Use commas and ranges, for example "
+        "1,255 or 1-10. Discovery also tries 255 if 1 does not answer. TCP-to-RTU gateways need a range "
+        "covering each slave.");
     markForDiscovery(serverIds);
     columns.append(serverIds);
     return columns;
@@ -125,10 +126,9 @@ QList<DatabaseColumnStructure> itemColumns() {
 
     // Listed by size, not by stored code: the 64-bit types were added later as 8 and 9.
     DatabaseColumnStructure type = column("type", kTypeText, 2, "", "");
-    const std::pair<const char*, const char*> kTypes[] = {{"BIT", "0"},    {"INT16", "1"},  {"UINT16", "2"},
-                                                          {"INT32", "3"},  {"UINT32", "4"}, {"INT64", "8"},
-                                                          {"UINT64", "9"}, {"FLOAT", "5"},  {"DOUBLE", "6"},
-                                                          {"STRING", "7"}};
+    const std::pair<const char*, const char*> kTypes[] = {
+        {"BIT", "0"},   {"INT16", "1"},  {"UINT16", "2"}, {"INT32", "3"},  {"UINT32", "4"},
+        {"INT64", "8"}, {"UINT64", "9"}, {"FLOAT", "5"},  {"DOUBLE", "6"}, {"STRING", "7"}};
     for (const auto& choice : kTypes)
         type.insertSelectionValues(QString::fromLatin1(choice.first), QString::fromLatin1(choice.second));
     columns.append(type);
@@ -158,8 +158,8 @@ bool Modbus::init() {
     options.flagE = false;
     options.actionName = QStringLiteral("discover");
 
-    pluginInterface.initPlugin(kPluginName, kHostContractVersion, pluginColumns, items, devices, fourthColumns,
-                               options);
+    pluginInterface.initPlugin(kPluginName, kHostContractVersion, pluginColumns, items, devices,
+                               fourthColumns, options);
 
     zelt_identity::ensureItemsForAllDevices(&pluginInterface, modbusIdentityStubSpecs());
 
@@ -178,11 +178,23 @@ bool Modbus::init() {
     return true;
 }
 
-bool Modbus::getEventData(LogList*) { return true; }
+bool Modbus::getEventData(LogList*) {
+    return true;
+}
 
-bool Modbus::logCallback(LogList*) { return true; }
+bool Modbus::logCallback(LogList*) {
+    return true;
+}
 
-void Modbus::writeLogInfo(QString message) { pluginInterface.logInfo(message); }
-void Modbus::writeLogWarning(QString message) { pluginInterface.logWarning(message); }
-void Modbus::writeLogError(QString message) { pluginInterface.logError(message); }
-void Modbus::writeLogDebug(QString message) { pluginInterface.logDebug(message); }
+void Modbus::writeLogInfo(QString message) {
+    pluginInterface.logInfo(message);
+}
+void Modbus::writeLogWarning(QString message) {
+    pluginInterface.logWarning(message);
+}
+void Modbus::writeLogError(QString message) {
+    pluginInterface.logError(message);
+}
+void Modbus::writeLogDebug(QString message) {
+    pluginInterface.logDebug(message);
+}

@@ -49,8 +49,8 @@ public:
 
     // Poll cycle.
     DataItemIterator readItems(Connection& connection, DataItemIterator first, DataItemIterator last,
-                               bool littleEndian, bool byteSwapped, bool stringLittleEndian, bool stringByteSwapped,
-                               unsigned char maxReadRegisters);
+                               bool littleEndian, bool byteSwapped, bool stringLittleEndian,
+                               bool stringByteSwapped, unsigned char maxReadRegisters);
 
     // Identity.
     void syncDeviceIdentity(Connection& connection, int deviceId, LogList* list);

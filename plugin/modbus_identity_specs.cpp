@@ -16,12 +16,15 @@ constexpr FieldRow kIdentityFields[] = {
     {"vendor_url", "Vendor URL", "Read Device Identification object 0x03 (vendor URL)"},
     {"product_name", "Product name", "Read Device Identification object 0x04 (product name)"},
     {"model", "Model", "Read Device Identification object 0x05 (model name) or Report Slave ID"},
-    {"user_application", "User application", "Read Device Identification object 0x06 (user application name)"},
+    {"user_application", "User application",
+     "Read Device Identification object 0x06 (user application name)"},
 };
 
 constexpr const char* kStubFields[] = {"vendor", "product_code", "version", "model"};
 
-zelt_identity::Spec specFor(const FieldRow& row) { return modbusIdentitySpec(row.field, row.label, row.description); }
+zelt_identity::Spec specFor(const FieldRow& row) {
+    return modbusIdentitySpec(row.field, row.label, row.description);
+}
 
 }  // namespace
 

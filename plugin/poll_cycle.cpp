@@ -11,7 +11,9 @@ unsigned char readLimit(unsigned char maxReadRegisters) {
     return maxReadRegisters;
 }
 
-QString flagText(bool flag) { return flag ? QStringLiteral("1") : QStringLiteral("0"); }
+QString flagText(bool flag) {
+    return flag ? QStringLiteral("1") : QStringLiteral("0");
+}
 }  // namespace
 
 bool Modbus::readData(LogList* list) {
@@ -42,7 +44,7 @@ bool Modbus::readData(LogList* list) {
     if (!connection.isConnected()) {
         int error = 0;
         connection = makeConnection(device, &error);
-        if (!connection.isConnected()) {
+        if (!connection) {
             writeLogDebug(QStringLiteral("Could not connect to ") + device.address + QStringLiteral(". ") +
                           connection.errToStr(error));
             device.lastError = QStringLiteral("Could not connect. ") + connection.errToStr(error);
@@ -54,17 +56,19 @@ bool Modbus::readData(LogList* list) {
     syncDeviceIdentity(connection, device.id, list);
 
     // The host stores the limit as text; narrowing it to 8 bits is part of the stored behaviour.
-    const auto maxRead = static_cast<unsigned char>(device.settings.value(QStringLiteral("max_read_registers")).toInt());
+    const auto maxRead =
+        static_cast<unsigned char>(device.settings.value(QStringLiteral("max_read_registers")).toInt());
     const bool littleEndian = isLittleEndian(device);
     const bool byteSwapped = isByteSwapped(device);
     const bool stringLittleEndian = isStringLittleEndian(device);
     const bool stringByteSwapped = isStringByteSwapped(device);
     for (auto runStart = readList.begin(); runStart != readList.end();) {
         const RegisterType table = getType((*runStart)->item);
-        auto runEnd = std::find_if(runStart, readList.end(),
-                                   [table](const DataItem* dataItem) { return getType(dataItem->item) != table; });
-        readItems(connection, runStart, runEnd, littleEndian, byteSwapped, stringLittleEndian, stringByteSwapped,
-                  maxRead);
+        auto runEnd = std::find_if(runStart, readList.end(), [table](const DataItem* dataItem) {
+            return getType(dataItem->item) != table;
+        });
+        readItems(connection, runStart, runEnd, littleEndian, byteSwapped, stringLittleEndian,
+                  stringByteSwapped, maxRead);
         runStart = runEnd;
     }
 
@@ -80,9 +84,10 @@ bool Modbus::readData(LogList* list) {
     return true;
 }
 
-Modbus::DataItemIterator Modbus::readItems(Connection& connection, DataItemIterator first, DataItemIterator last,
-                                           bool littleEndian, bool byteSwapped, bool stringLittleEndian,
-                                           bool stringByteSwapped, unsigned char maxReadRegisters) {
+Modbus::DataItemIterator Modbus::readItems(Connection& connection, DataItemIterator first,
+                                           DataItemIterator last, bool littleEndian, bool byteSwapped,
+                                           bool stringLittleEndian, bool stringByteSwapped,
+                                           unsigned char maxReadRegisters) {
     if (first == last) return first;
     const unsigned char limit = readLimit(maxReadRegisters);
 
@@ -117,7 +122,8 @@ Modbus::DataItemIterator Modbus::readItems(Connection& connection, DataItemItera
             .arg(lastAddress)
             .arg(static_cast<int>(limit));
     };
-    writeLogDebug(requestText("Getting ready to read %1 registers of type %2 from %3 to %4. Max read registers: %5"));
+    writeLogDebug(
+        requestText("Getting ready to read %1 registers of type %2 from %3 to %4. Max read registers: %5"));
 
     int error = 0;
     if (table == OutputCoil || table == InputCoil) {
@@ -126,12 +132,14 @@ Modbus::DataItemIterator Modbus::readItems(Connection& connection, DataItemItera
             return extract(first, last, startAddress, bits);
         connection.setConnected(false);
         writeLogDebug(QStringLiteral("Could not read coil. ") + connection.errToStr(error));
-        for (DataItemIterator it = first; it != last; ++it) (*it)->item.setLastError(connection.errToStr(error));
+        for (DataItemIterator it = first; it != last; ++it)
+            (*it)->item.setLastError(connection.errToStr(error));
         return first;
     }
     if (table == InputRegister || table == HoldingRegister) {
         std::vector<unsigned short> words(count);
-        writeLogDebug(requestText("Reading words %1 registers of type %2 from %3 to %4. Max read registers: %5"));
+        writeLogDebug(
+            requestText("Reading words %1 registers of type %2 from %3 to %4. Max read registers: %5"));
         const int result = connection.readWords(table, startAddress, count, words.data(), &error);
         writeLogDebug(
             requestText("Done reading words %1 registers of type %2 from %3 to %4. Max read registers: %5"));

@@ -1,6 +1,6 @@
 #pragma once
-// Services the host offers to a plugin. The plugin holds one PluginInterface by value; every instance talks to
-// the same host, so no per-object state lives here.
+// Services the host offers to a plugin. The plugin holds one PluginInterface by value; every instance talks
+// to the same host, so no per-object state lives here.
 
 #include <QList>
 #include <QString>

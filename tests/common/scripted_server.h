@@ -1,6 +1,6 @@
 #pragma once
-// A one-client Modbus TCP server whose answers a test scripts PDU by PDU, for replies the simulator never gives
-// (for example identification that always says more objects follow).
+// A one-client Modbus TCP server whose answers a test scripts PDU by PDU, for replies the simulator never
+// gives (for example identification that always says more objects follow).
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -75,7 +75,8 @@ private:
             if (!readExact(client, header, kMbapHeaderSize)) break;
             const int length = (header[4] << 8) | header[5];
             QByteArray pdu(length - 1, '\0');
-            if (length > 1 && !readExact(client, reinterpret_cast<unsigned char*>(pdu.data()), length - 1)) break;
+            if (length > 1 && !readExact(client, reinterpret_cast<unsigned char*>(pdu.data()), length - 1))
+                break;
             {
                 std::lock_guard<std::mutex> lock(mutex);
                 received.push_back(pdu);

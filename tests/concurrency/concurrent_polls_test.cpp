@@ -34,7 +34,8 @@ TEST(ConcurrentPolls, EightDevicesFromEightThreadsWithWritesAndStops) {
         identification.objects = {{0, "ACME"}, {1, QByteArray("P") + QByteArray::number(i)}, {2, "1.0"}};
         sims.back()->setDeviceIdentification(identification);
         sims.back()->setInputRegisters(0, {static_cast<uint16_t>(1000 + i)});
-        devices.append(makeDevice(i + 1, sims.back()->port(), {{"persistent_connection", i % 2 ? "1" : "0"}}));
+        devices.append(
+            makeDevice(i + 1, sims.back()->port(), {{"persistent_connection", i % 2 ? "1" : "0"}}));
     }
     Host::instance().setDevices(devices);
 
@@ -85,7 +86,8 @@ TEST(ConcurrentPolls, EightDevicesFromEightThreadsWithWritesAndStops) {
         read.add(makeItem("input", "30001", "4", "2"));
         ASSERT_TRUE(plugin.readData(&read.list));
         EXPECT_EQ(read.value("input"), QString::number(1000 + i));
-        EXPECT_EQ(read.value(QStringLiteral("identity_%1_product_code").arg(i + 1)), QStringLiteral("P%1").arg(i));
+        EXPECT_EQ(read.value(QStringLiteral("identity_%1_product_code").arg(i + 1)),
+                  QStringLiteral("P%1").arg(i));
     }
     plugin.stopPlugin();
     Host::instance().reset();

@@ -1,8 +1,9 @@
+#include "identity/zelt_identity.h"
+
 #include <gtest/gtest.h>
 
 #include <memory>
 
-#include "identity/zelt_identity.h"
 #include "plugin/modbus_identity_specs.h"
 #include "tools/standin/standin_host.h"
 
@@ -70,7 +71,8 @@ TEST_F(IdentityTest, EnsureItemsTwiceCreatesOnlyOnce) {
     EXPECT_EQ(zelt_identity::ensureItems(&host, 4, modbusIdentityStubSpecs()), 4);
     EXPECT_EQ(zelt_identity::ensureItems(&host, 4, modbusIdentityStubSpecs()), 0);
     EXPECT_EQ(uids(Host::instance().addedItems()),
-              QStringList({"identity_4_vendor", "identity_4_product_code", "identity_4_version", "identity_4_model"}));
+              QStringList({"identity_4_vendor", "identity_4_product_code", "identity_4_version",
+                           "identity_4_model"}));
 }
 
 TEST_F(IdentityTest, ExistingItemKeepsItsSettings) {
@@ -106,7 +108,8 @@ TEST_F(IdentityTest, RefreshingHostGetsItemsButNoReload) {
 
 TEST_F(IdentityTest, ValueSpecsSkipBlankValuesAndKeepFieldOrder) {
     EXPECT_TRUE(modbusIdentityValueSpecs({{"model", "  "}}).isEmpty());
-    EXPECT_EQ(fields(modbusIdentityValueSpecs({{"model", "Y"}, {"vendor", "X"}})), QStringList({"vendor", "model"}));
+    EXPECT_EQ(fields(modbusIdentityValueSpecs({{"model", "Y"}, {"vendor", "X"}})),
+              QStringList({"vendor", "model"}));
     EXPECT_EQ(fields(modbusIdentityValueSpecs({{"user_application", "a"},
                                                {"product_name", "b"},
                                                {"vendor_url", "c"},
@@ -178,7 +181,8 @@ TEST_F(IdentityTest, PublishAppendsOnlyItemsTheHostKnows) {
     Host::instance().addKnownItem(known);
     addDataItem(QStringLiteral("t1"), QStringLiteral("40001"));
 
-    zelt_identity::publishValues(&host, &list, {{"vendor", "ACME"}, {"model", "X1"}, {"version", "  "}}, "register");
+    zelt_identity::publishValues(&host, &list, {{"vendor", "ACME"}, {"model", "X1"}, {"version", "  "}},
+                                 "register");
 
     ASSERT_EQ(list.dataItems.size(), 2);
     const DataItem* appended = list.dataItems.at(1);

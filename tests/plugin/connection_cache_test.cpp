@@ -23,7 +23,9 @@ struct Interval {
     Clock::time_point end;
 };
 
-bool overlap(const Interval& a, const Interval& b) { return a.start < b.end && b.start < a.end; }
+bool overlap(const Interval& a, const Interval& b) {
+    return a.start < b.end && b.start < a.end;
+}
 
 class ConnectionCacheTest : public ::testing::Test {
 protected:
@@ -133,7 +135,8 @@ TEST_F(ConnectionCacheTest, PollDuringStopReturnsFalseWithoutTouchingTheBatch) {
     modbus_sim::Simulator other;
     ASSERT_TRUE(busy.start());
     ASSERT_TRUE(other.start());
-    // Device 1 is connected and probed first; its next poll then holds its mutex in a slow read while stop waits.
+    // Device 1 is connected and probed first; its next poll then holds its mutex in a slow read while stop
+    // waits.
     Batch warmUp(makeDevice(1, busy.port()));
     ASSERT_TRUE(plugin.readData(&warmUp.list));
     slowReads(busy);

@@ -36,8 +36,8 @@ protected:
 
     void fullIdentification(int objectsPerResponse) {
         modbus_sim::DeviceIdentification identification;
-        identification.objects = {{0, "ACME"},          {1, "X-100"},      {2, "2.1"},   {3, "http://acme.example"},
-                                  {4, "Meter"},         {5, "X-100 Pro"},  {6, "fw app"}};
+        identification.objects = {{0, "ACME"},  {1, "X-100"},     {2, "2.1"},   {3, "http://acme.example"},
+                                  {4, "Meter"}, {5, "X-100 Pro"}, {6, "fw app"}};
         identification.objectsPerResponse = objectsPerResponse;
         sim.setDeviceIdentification(identification);
     }
@@ -46,10 +46,13 @@ protected:
     Modbus plugin;
 };
 
-const QMap<QString, QString> kAllSeven = {
-    {"vendor", "ACME"},        {"product_code", "X-100"}, {"version", "2.1"},
-    {"vendor_url", "http://acme.example"}, {"product_name", "Meter"}, {"model", "X-100 Pro"},
-    {"user_application", "fw app"}};
+const QMap<QString, QString> kAllSeven = {{"vendor", "ACME"},
+                                          {"product_code", "X-100"},
+                                          {"version", "2.1"},
+                                          {"vendor_url", "http://acme.example"},
+                                          {"product_name", "Meter"},
+                                          {"model", "X-100 Pro"},
+                                          {"user_application", "fw app"}};
 
 QMap<QString, QString> publishedIdentity(const Batch& batch) {
     QMap<QString, QString> values;
@@ -80,13 +83,14 @@ TEST_F(IdentitySyncTest, PagedIdentificationGivesSevenItemsOneReloadAndIsPublish
                                     "identity_1_user_application"}));
     EXPECT_EQ(Host::instance().reloadCount(), 2);
     EXPECT_EQ(publishedIdentity(batch), kAllSeven);
-    EXPECT_TRUE(Host::instance().hasLog(LogLevel::Info, QStringLiteral("Read 7 identity value(s) for device 1")));
+    EXPECT_TRUE(
+        Host::instance().hasLog(LogLevel::Info, QStringLiteral("Read 7 identity value(s) for device 1")));
     // Basic (objects 0-2) in two pages, then regular from object 0 in four pages.
     const std::vector<QByteArray> identification = requestsOf(43);
-    EXPECT_EQ(identification, (std::vector<QByteArray>{
-                                  QByteArray::fromHex("2b0e0100"), QByteArray::fromHex("2b0e0102"),
-                                  QByteArray::fromHex("2b0e0200"), QByteArray::fromHex("2b0e0202"),
-                                  QByteArray::fromHex("2b0e0204"), QByteArray::fromHex("2b0e0206")}));
+    EXPECT_EQ(identification,
+              (std::vector<QByteArray>{QByteArray::fromHex("2b0e0100"), QByteArray::fromHex("2b0e0102"),
+                                       QByteArray::fromHex("2b0e0200"), QByteArray::fromHex("2b0e0202"),
+                                       QByteArray::fromHex("2b0e0204"), QByteArray::fromHex("2b0e0206")}));
     EXPECT_EQ(sim.requestCount(17), 0);
 
     for (int poll = 0; poll < 2; ++poll) {
@@ -121,14 +125,16 @@ TEST_F(IdentitySyncTest, DeviceWithoutIdentityIsLoggedOnceAndNotAskedAgain) {
     sim.setDeviceIdentification(identification);
     Batch batch(makeDevice(3, sim.port()));
     ASSERT_TRUE(plugin.readData(&batch.list));
-    EXPECT_EQ(Host::instance().countLog(LogLevel::Info, QStringLiteral("No Modbus identity (43/14 or 17) on device 3")),
+    EXPECT_EQ(Host::instance().countLog(LogLevel::Info,
+                                        QStringLiteral("No Modbus identity (43/14 or 17) on device 3")),
               1);
     EXPECT_TRUE(Host::instance().addedItems().isEmpty());
     Batch again(makeDevice(3, sim.port()));
     ASSERT_TRUE(plugin.readData(&again.list));
     EXPECT_EQ(sim.requestCount(43), 1);
     EXPECT_EQ(sim.requestCount(17), 1);
-    EXPECT_EQ(Host::instance().countLog(LogLevel::Info, QStringLiteral("No Modbus identity (43/14 or 17) on device 3")),
+    EXPECT_EQ(Host::instance().countLog(LogLevel::Info,
+                                        QStringLiteral("No Modbus identity (43/14 or 17) on device 3")),
               1);
 }
 
@@ -176,7 +182,8 @@ TEST_F(IdentitySyncTest, EndlessMoreFollowsIsAskedFourTimesPerReadCode) {
     EXPECT_EQ(regular, 4);
     EXPECT_EQ(slaveId, 0);
     EXPECT_EQ(publishedIdentity(batch), (QMap<QString, QString>{{"vendor", "ACME"}}));
-    EXPECT_TRUE(Host::instance().hasLog(LogLevel::Info, QStringLiteral("Read 1 identity value(s) for device 5")));
+    EXPECT_TRUE(
+        Host::instance().hasLog(LogLevel::Info, QStringLiteral("Read 1 identity value(s) for device 5")));
 }
 
 TEST_F(IdentitySyncTest, DeviceIdZeroAndConnectionWithoutContextDoNothing) {
@@ -212,5 +219,6 @@ TEST_F(IdentitySyncTest, ProbeRestoresTheResponseTimeout) {
     ASSERT_TRUE(connection.getResponseTimeout(&sec, &usec));
     EXPECT_EQ(sec, 1u);
     EXPECT_EQ(usec, 250000u);
-    EXPECT_TRUE(Host::instance().hasLog(LogLevel::Info, QStringLiteral("Read 7 identity value(s) for device 7")));
+    EXPECT_TRUE(
+        Host::instance().hasLog(LogLevel::Info, QStringLiteral("Read 7 identity value(s) for device 7")));
 }

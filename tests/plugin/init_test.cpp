@@ -20,7 +20,8 @@ struct ColumnRow {
 const QList<QPair<QString, QString>> kDiscoveryMarking = {{"__zelt_discovery_editable", "1"},
                                                           {"__zelt_discovery_parameter_only", "1"}};
 const QList<QPair<QString, QString>> kEndianness = {{"Big endian", "0"}, {"Little endian (swapped)", "1"}};
-const QList<QPair<QString, QString>> kByteOrder = {{"First byte high", "0"}, {"First byte low (swapped)", "1"}};
+const QList<QPair<QString, QString>> kByteOrder = {{"First byte high", "0"},
+                                                   {"First byte low (swapped)", "1"}};
 
 void expectColumns(const QList<DatabaseColumnStructure>& actual, const std::vector<ColumnRow>& expected) {
     ASSERT_EQ(actual.size(), static_cast<int>(expected.size()));
@@ -45,13 +46,21 @@ std::vector<ColumnRow> expectedDeviceColumns(const QList<QPair<QString, QString>
     return {
         {"port", 0, 0, "502", "", {}},
         {"server_id", 0, 0, "1", "", {}},
-        {"persistent_connection", 0, 3, "1",
-         "Keep the connection alive between polling of data. Set to no if you want it to reconnect between each "
+        {"persistent_connection",
+         0,
+         3,
+         "1",
+         "Keep the connection alive between polling of data. Set to no if you want it to reconnect between "
+         "each "
          "poll.",
          {{"No", "0"}, {"Yes", "1"}}},
         {"max_read_registers", 0, 0, "123", "Max. registers to read in each call", {}},
-        {"write_preset", 0, 3, "1",
-         "Use single or multiple register presets when writing data. Single presets uses function code 0x05 and "
+        {"write_preset",
+         0,
+         3,
+         "1",
+         "Use single or multiple register presets when writing data. Single presets uses function code 0x05 "
+         "and "
          "0x06. Multiple presets uses function code 0x15 and 0x16",
          {{"Single register", "0"}, {"Multiple registers", "1"}}},
         {"endianness", 0, 3, "0", "Big: [A B] [C D] Little: [C D] [A B]", kEndianness},
@@ -59,29 +68,46 @@ std::vector<ColumnRow> expectedDeviceColumns(const QList<QPair<QString, QString>
         {"string_endianness", 0, 3, "0", "Big: [A B] [C D] Little: [C D] [A B]", kEndianness},
         {"string_byte_order", 0, 3, "0", "High: [A B] [C D] Low: [B A] [D C]", kByteOrder},
         {"timeout_ms", 0, 0, "60000",
-         "Overall discovery window in milliseconds for the TCP subnet probe. Default 60000 is 60 seconds. One TCP "
+         "Overall discovery window in milliseconds for the TCP subnet probe. Default 60000 is 60 seconds. "
+         "One TCP "
          "session per device: disable an instance before scanning that slave.",
          kDiscoveryMarking},
         {"network_interface", 8, 64, "eth0",
-         "Ethernet interface used for Modbus TCP subnet discovery. Default is eth0. Choose All IPv4 interfaces to "
+         "Ethernet interface used for Modbus TCP subnet discovery. Default is eth0. Choose All IPv4 "
+         "interfaces to "
          "scan every NIC.",
          interfaceChoices + kDiscoveryMarking},
         {"tcp_ports", 8, 64, "502",
-         "TCP ports to probe on the selected subnet. Default 502. Use commas and ranges, for example 502,1502 or "
+         "TCP ports to probe on the selected subnet. Default 502. Use commas and ranges, for example "
+         "502,1502 or "
          "502-510. A very wide range is truncated (max 64 ports).",
          kDiscoveryMarking},
         {"server_ids", 8, 64, "1",
-         "Modbus unit IDs to probe on each TCP host (0-255). Default 1. Use commas and ranges, for example 1,255 or "
-         "1-10. Discovery also tries 255 if 1 does not answer. TCP-to-RTU gateways need a range covering each slave.",
+         "Modbus unit IDs to probe on each TCP host (0-255). Default 1. Use commas and ranges, for example "
+         "1,255 or "
+         "1-10. Discovery also tries 255 if 1 does not answer. TCP-to-RTU gateways need a range covering "
+         "each slave.",
          kDiscoveryMarking},
     };
 }
 
 const std::vector<ColumnRow> kItemColumns = {
     {"register", 2, 0, "", "", {}},
-    {"register_type", 0, 2, "4", "Auto calculate offset & register (e.g. 40001 converts to 0 @ holding register)",
-     {{"Auto", "4"}, {"Holding Register", "3"}, {"Input Coil", "1"}, {"Output Coil", "0"}, {"Input Register", "2"}}},
-    {"type", 0, 2, "", "",
+    {"register_type",
+     0,
+     2,
+     "4",
+     "Auto calculate offset & register (e.g. 40001 converts to 0 @ holding register)",
+     {{"Auto", "4"},
+      {"Holding Register", "3"},
+      {"Input Coil", "1"},
+      {"Output Coil", "0"},
+      {"Input Register", "2"}}},
+    {"type",
+     0,
+     2,
+     "",
+     "",
      {{"BIT", "0"},
       {"INT16", "1"},
       {"UINT16", "2"},
@@ -182,7 +208,8 @@ TEST_F(InitTest, TypeChoicesKeepTheirListOrderAndStoredCodes) {
         labels << choice.label;
         values << choice.value;
     }
-    EXPECT_EQ(labels.join(','), QStringLiteral("BIT,INT16,UINT16,INT32,UINT32,INT64,UINT64,FLOAT,DOUBLE,STRING"));
+    EXPECT_EQ(labels.join(','),
+              QStringLiteral("BIT,INT16,UINT16,INT32,UINT32,INT64,UINT64,FLOAT,DOUBLE,STRING"));
     EXPECT_EQ(values.join(','), QStringLiteral("0,1,2,3,4,8,9,5,6,7"));
 }
 

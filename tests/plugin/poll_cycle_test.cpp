@@ -21,7 +21,8 @@ using Request = std::tuple<int, int, int>;  // function code, start address, cou
 std::vector<Request> dataReads(const modbus_sim::Simulator& sim) {
     std::vector<Request> reads;
     for (const modbus_sim::RequestRecord& record : sim.requestLog())
-        if (record.function >= 1 && record.function <= 4) reads.emplace_back(record.function, record.address, record.count);
+        if (record.function >= 1 && record.function <= 4)
+            reads.emplace_back(record.function, record.address, record.count);
     return reads;
 }
 
@@ -37,7 +38,9 @@ protected:
         Host::instance().reset();
     }
 
-    DeviceInstancePlugin device(QMap<QString, QString> settings = {}) { return makeDevice(1, sim.port(), settings); }
+    DeviceInstancePlugin device(QMap<QString, QString> settings = {}) {
+        return makeDevice(1, sim.port(), settings);
+    }
 
     modbus_sim::Simulator sim;
     Modbus plugin;
@@ -87,8 +90,8 @@ TEST_F(PollCycleTest, FarApartItemsAreSplitIntoOneRequestEach) {
 }
 
 TEST_F(PollCycleTest, StringLongerThanTheLimitIsReadInOneRequest) {
-    sim.setHoldingRegisters(0, {0x4142, 0x4344, 0x4546, 0x4748, 0x494A, 0x4B4C, 0x4D4E, 0x4F50, 0x5152, 0x5354,
-                                0x5556, 0x5758});
+    sim.setHoldingRegisters(
+        0, {0x4142, 0x4344, 0x4546, 0x4748, 0x494A, 0x4B4C, 0x4D4E, 0x4F50, 0x5152, 0x5354, 0x5556, 0x5758});
     Batch batch(device({{"max_read_registers", "5"}}));
     batch.add(makeItem("text", "40001-40012", "4", "7"));
     ASSERT_TRUE(plugin.readData(&batch.list));
@@ -126,8 +129,8 @@ TEST_F(PollCycleTest, FailedFirstHalfStopsTheRun) {
     EXPECT_EQ(batch.error("first"), QStringLiteral("Illegal data address"));
     EXPECT_EQ(batch.value("second"), QStringLiteral("old"));
     EXPECT_EQ(batch.error("second"), QString());
-    EXPECT_TRUE(Host::instance().hasLog(LogLevel::Debug,
-                                        QStringLiteral("Failed to read elements of type 3.Illegal data address")));
+    EXPECT_TRUE(Host::instance().hasLog(
+        LogLevel::Debug, QStringLiteral("Failed to read elements of type 3.Illegal data address")));
 }
 
 TEST_F(PollCycleTest, EveryTableTypeOrderAndGapInOnePoll) {
@@ -135,8 +138,8 @@ TEST_F(PollCycleTest, EveryTableTypeOrderAndGapInOnePoll) {
     sim.setDiscreteInputs(0, {0, 0, 0, 0, 1});
     sim.setInputRegisters(0, {0xFFFF, 0xFFFE, 0x3F80, 0x0000});
     sim.setHoldingRegisters(0, {0xFFFF, 0xFFFF, 0x0001, 0x0002, 0x4048, 0xF5C3});
-    sim.setHoldingRegisters(10, {0x3FF8, 0x0000, 0x0000, 0x0000, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFE, 0x0001, 0x0002,
-                                 0x0003, 0x0004, 0x0008, 0x4142, 0x4344, 0x4500});
+    sim.setHoldingRegisters(10, {0x3FF8, 0x0000, 0x0000, 0x0000, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFE, 0x0001,
+                                 0x0002, 0x0003, 0x0004, 0x0008, 0x4142, 0x4344, 0x4500});
 
     Batch batch(device({{"max_read_registers", "10"}}));
     batch.add(makeItem("h_string", "40024-40026", "4", "7"));
@@ -160,13 +163,24 @@ TEST_F(PollCycleTest, EveryTableTypeOrderAndGapInOnePoll) {
 
     ASSERT_TRUE(plugin.readData(&batch.list));
 
-    EXPECT_EQ(dataReads(sim), (std::vector<Request>{
-                                  {1, 0, 3}, {2, 0, 5}, {4, 0, 4}, {3, 0, 6}, {3, 10, 8}, {3, 18, 8}}));
+    EXPECT_EQ(dataReads(sim),
+              (std::vector<Request>{{1, 0, 3}, {2, 0, 5}, {4, 0, 4}, {3, 0, 6}, {3, 10, 8}, {3, 18, 8}}));
     const std::pair<const char*, const char*> kExpected[] = {
-        {"c1", "1"},           {"c3", "0"},          {"d1", "0"},          {"d5", "1"},
-        {"i_int32", "-2"},     {"i_float", "1"},     {"h_int16", "-1"},    {"h_uint16", "65535"},
-        {"h_int32", "65538"},  {"h_float", "3.14"},  {"h_double", "1.5000"}, {"h_int64", "-2"},
-        {"h_uint64", "281483566841860"}, {"h_bit", "1"}, {"h_string", "ABCDE"},
+        {"c1", "1"},
+        {"c3", "0"},
+        {"d1", "0"},
+        {"d5", "1"},
+        {"i_int32", "-2"},
+        {"i_float", "1"},
+        {"h_int16", "-1"},
+        {"h_uint16", "65535"},
+        {"h_int32", "65538"},
+        {"h_float", "3.14"},
+        {"h_double", "1.5000"},
+        {"h_int64", "-2"},
+        {"h_uint64", "281483566841860"},
+        {"h_bit", "1"},
+        {"h_string", "ABCDE"},
     };
     for (const auto& expected : kExpected) {
         SCOPED_TRACE(expected.first);
@@ -177,11 +191,14 @@ TEST_F(PollCycleTest, EveryTableTypeOrderAndGapInOnePoll) {
     EXPECT_FALSE(identity->values.contains(QStringLiteral("value")));
     EXPECT_TRUE(Host::instance().hasLog(LogLevel::Debug, QStringLiteral("Done reading 17 from device1")));
     EXPECT_TRUE(Host::instance().hasLog(
-        LogLevel::Debug, QStringLiteral("Holding/Input register data for h_int16 to be extracted. Length: 6 Byte "
-                                        "swapped: 0")));
-    EXPECT_TRUE(Host::instance().hasLog(LogLevel::Debug, QStringLiteral("Holding/Input register data extracted!")));
+        LogLevel::Debug,
+        QStringLiteral("Holding/Input register data for h_int16 to be extracted. Length: 6 Byte "
+                       "swapped: 0")));
+    EXPECT_TRUE(
+        Host::instance().hasLog(LogLevel::Debug, QStringLiteral("Holding/Input register data extracted!")));
     EXPECT_TRUE(Host::instance().hasLog(
-        LogLevel::Debug, QStringLiteral("Reading words 6 registers of type 3 from 0 to 4. Max read registers: 10")));
+        LogLevel::Debug,
+        QStringLiteral("Reading words 6 registers of type 3 from 0 to 4. Max read registers: 10")));
     EXPECT_TRUE(Host::instance().hasLog(
         LogLevel::Debug,
         QStringLiteral("Done reading words 6 registers of type 3 from 0 to 4. Max read registers: 10")));
@@ -195,8 +212,8 @@ TEST_F(PollCycleTest, RefusedConnectionSetsTheDeviceErrorOnly) {
     EXPECT_FALSE(plugin.readData(&batch.list));
     EXPECT_EQ(batch.list.device.lastError, QStringLiteral("Could not connect. Connection refused"));
     EXPECT_EQ(batch.error("a"), QString());
-    EXPECT_TRUE(Host::instance().hasLog(LogLevel::Debug,
-                                        QStringLiteral("Could not connect to 127.0.0.1. Connection refused")));
+    EXPECT_TRUE(Host::instance().hasLog(
+        LogLevel::Debug, QStringLiteral("Could not connect to 127.0.0.1. Connection refused")));
 }
 
 TEST_F(PollCycleTest, ServerBusyOnTheLastTableIsADeviceErrorAndKeepsTheConnection) {
@@ -319,8 +336,10 @@ TEST_F(PollCycleTest, SilentDeviceFailsWithinTheTimeoutsAndIsNotProbedTwice) {
     EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(10));
     EXPECT_EQ(batch.error("coil"), QStringLiteral("Connection timed out"));
     EXPECT_EQ(batch.list.device.lastError, QStringLiteral("Connection timed out"));
-    EXPECT_TRUE(Host::instance().hasLog(LogLevel::Info, QStringLiteral("No Modbus identity (43/14 or 17) on device 1")));
-    EXPECT_TRUE(Host::instance().hasLog(LogLevel::Debug, QStringLiteral("Could not read coil. Connection timed out")));
+    EXPECT_TRUE(Host::instance().hasLog(LogLevel::Info,
+                                        QStringLiteral("No Modbus identity (43/14 or 17) on device 1")));
+    EXPECT_TRUE(Host::instance().hasLog(LogLevel::Debug,
+                                        QStringLiteral("Could not read coil. Connection timed out")));
 
     sim.clearFaults();
     sim.setCoils(0, {1});

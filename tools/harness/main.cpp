@@ -1,4 +1,5 @@
-// Developer harness: drives one plugin object against one Modbus TCP server in an endless write-then-read loop.
+// Developer harness: drives one plugin object against one Modbus TCP server in an endless write-then-read
+// loop.
 #include <QDebug>
 #include <chrono>
 #include <thread>
@@ -28,10 +29,20 @@ int main() {
     list.device.name = QStringLiteral("test");
     list.device.address = QString::fromLatin1(kTestDeviceAddress);
     list.device.settings = {
-        {"persistent_connection", "1"}, {"endianness", "1"},   {"byte_order", "1"},      {"string_endianness", "1"},
-        {"string_byte_order", "0"},     {"max_read_registers", "20"}, {"serial_mode", "1"},
-        {"device_interface", "ttyUSB0"}, {"baudrate", "19200"}, {"parity", "N"},         {"databits", "8"},
-        {"stopbits", "1"},              {"server_id", "1"},    {"port", "502"},
+        {"persistent_connection", "1"},
+        {"endianness", "1"},
+        {"byte_order", "1"},
+        {"string_endianness", "1"},
+        {"string_byte_order", "0"},
+        {"max_read_registers", "20"},
+        {"serial_mode", "1"},
+        {"device_interface", "ttyUSB0"},
+        {"baudrate", "19200"},
+        {"parity", "N"},
+        {"databits", "8"},
+        {"stopbits", "1"},
+        {"server_id", "1"},
+        {"port", "502"},
     };
     list.dataItems = {makeItem("40001", "3", "4"), makeItem("40003", "5", "8"), makeItem("40019", "1", "4"),
                       makeItem("40025", "1", "4")};

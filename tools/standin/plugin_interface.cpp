@@ -33,10 +33,12 @@ PluginInitOptions::PluginInitOptions()
 PluginInterface::PluginInterface() = default;
 PluginInterface::~PluginInterface() = default;
 
-void PluginInterface::initPlugin(QString name, unsigned int version, QList<DatabaseColumnStructure> pluginColumns,
+void PluginInterface::initPlugin(QString name, unsigned int version,
+                                 QList<DatabaseColumnStructure> pluginColumns,
                                  QList<DatabaseColumnStructure> itemColumns,
                                  QList<DatabaseColumnStructure> deviceColumns,
-                                 QList<DatabaseColumnStructure> fourthColumns, PluginInitOptions const& options) {
+                                 QList<DatabaseColumnStructure> fourthColumns,
+                                 PluginInitOptions const& options) {
     zelt_standin::InitCall call;
     call.name = std::move(name);
     call.version = version;
@@ -48,12 +50,22 @@ void PluginInterface::initPlugin(QString name, unsigned int version, QList<Datab
     Host::instance().recordInit(std::move(call));
 }
 
-QString PluginInterface::getSetting(QString key) { return Host::instance().setting(key); }
+QString PluginInterface::getSetting(QString key) {
+    return Host::instance().setting(key);
+}
 
-void PluginInterface::logInfo(QString message) { Host::instance().recordLog(LogLevel::Info, message); }
-void PluginInterface::logWarning(QString message) { Host::instance().recordLog(LogLevel::Warning, message); }
-void PluginInterface::logError(QString message) { Host::instance().recordLog(LogLevel::Error, message); }
-void PluginInterface::logDebug(QString message) { Host::instance().recordLog(LogLevel::Debug, message); }
+void PluginInterface::logInfo(QString message) {
+    Host::instance().recordLog(LogLevel::Info, message);
+}
+void PluginInterface::logWarning(QString message) {
+    Host::instance().recordLog(LogLevel::Warning, message);
+}
+void PluginInterface::logError(QString message) {
+    Host::instance().recordLog(LogLevel::Error, message);
+}
+void PluginInterface::logDebug(QString message) {
+    Host::instance().recordLog(LogLevel::Debug, message);
+}
 
 void PluginInterface::addPluginItem(ItemInstancePlugin* item) {
     if (item) Host::instance().recordAddedItem(*item);
@@ -63,9 +75,13 @@ bool PluginInterface::getPluginItem(QString uid, ItemInstancePlugin* out) {
     return Host::instance().findItem(uid, out);
 }
 
-void PluginInterface::reloadPlugins() { Host::instance().recordReload(); }
+void PluginInterface::reloadPlugins() {
+    Host::instance().recordReload();
+}
 
-QList<DeviceInstancePlugin> PluginInterface::getPluginDevices() { return Host::instance().devices(); }
+QList<DeviceInstancePlugin> PluginInterface::getPluginDevices() {
+    return Host::instance().devices();
+}
 
 QList<NetworkInterfaceInstance> PluginInterface::getNetworkInterfaces() {
     return Host::instance().networkInterfaces();

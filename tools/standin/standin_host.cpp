@@ -103,7 +103,9 @@ QStringList Host::logTexts(LogLevel level) const {
     return texts;
 }
 
-bool Host::hasLog(LogLevel level, const QString& text) const { return countLog(level, text) > 0; }
+bool Host::hasLog(LogLevel level, const QString& text) const {
+    return countLog(level, text) > 0;
+}
 
 int Host::countLog(LogLevel level, const QString& text) const {
     std::lock_guard<std::mutex> lock(mutex);
