@@ -12,7 +12,9 @@ CommandLine::CommandLine(QString name, QString summary)
     addFlag(QStringLiteral("help"), QStringLiteral("show this help"));
 }
 
-void CommandLine::addFlag(const QString& name, const QString& help) { specs.append({name, QString(), help}); }
+void CommandLine::addFlag(const QString& name, const QString& help) {
+    specs.append({name, QString(), help});
+}
 
 void CommandLine::addOption(const QString& name, const QString& valueName, const QString& help) {
     specs.append({name, valueName, help});
@@ -58,21 +60,29 @@ bool CommandLine::parse(const QStringList& arguments, int* exitCode) {
     return true;
 }
 
-QString CommandLine::pluginPath() const { return value(QStringLiteral("plugin"), defaultPluginPath()); }
+QString CommandLine::pluginPath() const {
+    return value(QStringLiteral("plugin"), defaultPluginPath());
+}
 
 QString CommandLine::usage() const {
-    QString text = QStringLiteral("Usage: zelt-modbus %1 [options]\n%2\n\nOptions:\n").arg(commandName, commandSummary);
+    QString text =
+        QStringLiteral("Usage: zelt-modbus %1 [options]\n%2\n\nOptions:\n").arg(commandName, commandSummary);
     for (const Spec& spec : specs) {
-        const QString left = spec.valueName.isEmpty() ? QStringLiteral("--%1").arg(spec.name)
-                                                      : QStringLiteral("--%1 %2").arg(spec.name, spec.valueName);
+        const QString left = spec.valueName.isEmpty()
+                                 ? QStringLiteral("--%1").arg(spec.name)
+                                 : QStringLiteral("--%1 %2").arg(spec.name, spec.valueName);
         text += QStringLiteral("  %1  %2\n").arg(left, -24).arg(spec.help);
     }
     return text;
 }
 
-Table::Table(QStringList header) { rows.append(std::move(header)); }
+Table::Table(QStringList header) {
+    rows.append(std::move(header));
+}
 
-void Table::addRow(QStringList row) { rows.append(std::move(row)); }
+void Table::addRow(QStringList row) {
+    rows.append(std::move(row));
+}
 
 void Table::print(QTextStream& out) const {
     QList<int> widths;
@@ -85,14 +95,32 @@ void Table::print(QTextStream& out) const {
     for (int r = 0; r < rows.size(); ++r) {
         QStringList cells;
         for (int i = 0; i < rows.at(r).size(); ++i)
-            cells.append(i + 1 == rows.at(r).size() ? rows.at(r).at(i) : rows.at(r).at(i).leftJustified(widths[i]));
-        out << "  " << cells.join(QStringLiteral("  ")) << "\n";
+            cells.append(i + 1 == rows.at(r).size() ? rows.at(r).at(i)
+                                                    : rows.at(r).at(i).leftJustified(widths[i]));
+        // Padding after the last non-empty cell would only leave trailing blanks.
+        QString line = QStringLiteral("  ") + cells.join(QStringLiteral("  "));
+        while (line.endsWith(QLatin1Char(' '))) line.chop(1);
+        out << line << "\n";
         if (r == 0) {
             QStringList rules;
             for (int width : widths) rules.append(QString(width, QLatin1Char('-')));
             out << "  " << rules.join(QStringLiteral("  ")) << "\n";
         }
     }
+}
+
+bool readNumberOption(const CommandLine& command, const QString& name, int minimum, int fallback, int* out) {
+    if (!command.has(name)) {
+        *out = fallback;
+        return true;
+    }
+    bool ok = false;
+    *out = command.value(name).toInt(&ok);
+    if (ok && *out >= minimum) return true;
+    QTextStream(stderr) << "zelt-modbus: --" << name << " needs a whole number of at least " << minimum
+                        << ", not \"" << command.value(name) << "\"\n"
+                        << command.usage();
+    return false;
 }
 
 int fail(const QString& message, int exitCode) {

@@ -53,6 +53,10 @@ private:
     QList<QStringList> rows;
 };
 
+// Reads the whole-number option `name` (at least `minimum`; `fallback` when absent). False after printing the
+// problem and the usage; the caller exits with kExitUsage.
+bool readNumberOption(const CommandLine& command, const QString& name, int minimum, int fallback, int* out);
+
 // Prints "zelt-modbus: <message>" to standard error and returns 1.
 int fail(const QString& message, int exitCode = 1);
 

@@ -18,7 +18,8 @@ QJsonArray columnsToJson(const QList<DatabaseColumnStructure>& columns) {
     for (const DatabaseColumnStructure& column : columns) {
         QJsonArray choices;
         for (const auto& choice : column.selectionValues)
-            choices.append(QJsonObject{{QStringLiteral("label"), choice.label}, {QStringLiteral("value"), choice.value}});
+            choices.append(QJsonObject{{QStringLiteral("label"), choice.label},
+                                       {QStringLiteral("value"), choice.value}});
         array.append(QJsonObject{{QStringLiteral("name"), column.name},
                                  {QStringLiteral("type"), column.type},
                                  {QStringLiteral("size"), column.size},
@@ -31,8 +32,8 @@ QJsonArray columnsToJson(const QList<DatabaseColumnStructure>& columns) {
 
 void printColumns(QTextStream& out, const QString& title, const QList<DatabaseColumnStructure>& columns) {
     out << title << "\n";
-    Table table({QStringLiteral("column"), QStringLiteral("type"), QStringLiteral("size"), QStringLiteral("default"),
-                 QStringLiteral("choices")});
+    Table table({QStringLiteral("column"), QStringLiteral("type"), QStringLiteral("size"),
+                 QStringLiteral("default"), QStringLiteral("choices")});
     for (const DatabaseColumnStructure& column : columns) {
         QStringList choices;
         for (const auto& choice : column.selectionValues)
@@ -50,7 +51,8 @@ void printColumns(QTextStream& out, const QString& title, const QList<DatabaseCo
 }  // namespace
 
 int runColumns(const QStringList& arguments) {
-    CommandLine command(QStringLiteral("columns"), QStringLiteral("Prints the device and item columns the plugin declares."));
+    CommandLine command(QStringLiteral("columns"),
+                        QStringLiteral("Prints the device and item columns the plugin declares."));
     command.addFlag(QStringLiteral("json"), QStringLiteral("print JSON instead of tables"));
     if (int exitCode = 0; !command.parse(arguments, &exitCode)) return exitCode;
 

@@ -1,5 +1,6 @@
 // zelt-modbus: drives the modbus_tcp plugin file from the command line the way the host does.
 #include <QCoreApplication>
+#include <QMap>
 #include <QTextStream>
 
 #include "tools/zelt-modbus/cli.h"
@@ -10,6 +11,11 @@ const char* kUsage =
     "Usage: zelt-modbus COMMAND [options]\n"
     "\n"
     "Commands:\n"
+    "  demo       run a simulated meter on 127.0.0.1, write a setpoint and poll it\n"
+    "  poll       poll the devices of a configuration file\n"
+    "  write      write one value to one item of a configuration file\n"
+    "  discover   look for Modbus TCP devices with the plugin's discovery\n"
+    "  simulate   run the Modbus TCP device simulator\n"
     "  columns    print the configuration columns the plugin declares\n"
     "\n"
     "Run 'zelt-modbus COMMAND --help' for the options of a command.\n";
@@ -28,7 +34,14 @@ int main(int argc, char** argv) {
         QTextStream(stdout) << kUsage;
         return 0;
     }
-    if (command == QLatin1String("columns")) return zelt_cli::runColumns(arguments);
+    using Runner = int (*)(const QStringList&);
+    const QMap<QString, Runner> commands{{QStringLiteral("demo"), zelt_cli::runDemo},
+                                         {QStringLiteral("poll"), zelt_cli::runPoll},
+                                         {QStringLiteral("write"), zelt_cli::runWrite},
+                                         {QStringLiteral("discover"), zelt_cli::runDiscover},
+                                         {QStringLiteral("simulate"), zelt_cli::runSimulate},
+                                         {QStringLiteral("columns"), zelt_cli::runColumns}};
+    if (const Runner run = commands.value(command)) return run(arguments);
     QTextStream(stderr) << "zelt-modbus: unknown command " << command << "\n" << kUsage;
     return zelt_cli::kExitUsage;
 }

@@ -13,8 +13,8 @@ namespace zelt_cli {
 
 QString defaultPluginPath() {
     const QString built = QStringLiteral(ZELT_PLUGIN_BUILD_PATH);
-    const QString installed =
-        QDir(QCoreApplication::applicationDirPath()).absoluteFilePath(QStringLiteral(ZELT_PLUGIN_RELATIVE_INSTALL_PATH));
+    const QString installed = QDir(QCoreApplication::applicationDirPath())
+                                  .absoluteFilePath(QStringLiteral(ZELT_PLUGIN_RELATIVE_INSTALL_PATH));
     // An installed tool uses the plugin installed with it, even when the build tree still exists.
     if (QFileInfo::exists(installed)) return QFileInfo(installed).canonicalFilePath();
     return built;

@@ -1,0 +1,52 @@
+#pragma once
+// The configuration file of zelt-modbus: the devices and items the host would have stored, read and checked
+// in one place before any traffic. Pure apart from reading the file itself.
+
+#include <QByteArray>
+#include <QList>
+#include <QMap>
+#include <QString>
+
+#include "plugin/host/records.h"
+
+namespace zelt_cli {
+
+struct ItemConfig {
+    QString uid;
+    QString name;
+    QMap<QString, QString> settings;
+};
+
+struct DeviceConfig {
+    int id = 0;
+    QString name;
+    QString address;
+    QMap<QString, QString> settings;
+    QList<ItemConfig> items;
+};
+
+struct Config {
+    QList<DeviceConfig> devices;
+
+    // Null when there is no device with that id.
+    const DeviceConfig* device(int id) const;
+};
+
+// Parses the JSON text of a configuration. `fileName` only prefixes the messages. False with a message that
+// names the file and the place in it, e.g. `meter.json: devices[0].items[1]: duplicate uid "t1"`.
+bool parseConfig(const QByteArray& json, const QString& fileName, Config* config, QString* error);
+
+// Reads and parses the file at `path`.
+bool readConfigFile(const QString& path, Config* config, QString* error);
+
+// Settings a column list declares a default for, as the host stores them for a new device or item.
+QMap<QString, QString> columnDefaults(const QList<DatabaseColumnStructure>& columns);
+
+// Fills every setting the configuration leaves out with the declared default; given settings are kept.
+void applyDefaults(Config* config, const QMap<QString, QString>& deviceDefaults,
+                   const QMap<QString, QString>& itemDefaults);
+
+DeviceInstancePlugin toDeviceRecord(const DeviceConfig& device);
+ItemInstancePlugin toItemRecord(const ItemConfig& item, int deviceId);
+
+}  // namespace zelt_cli
