@@ -1,10 +1,9 @@
 #include "discovery/discovery_run.h"
 
-#include <QMutex>
-#include <QMutexLocker>
 #include <chrono>
 #include <cstdio>
 #include <system_error>
+#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -48,7 +47,7 @@ struct RunState {
     std::atomic<bool>* cancel;
     std::atomic<int> nextHost{0};
     std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
-    QMutex resultMutex;
+    std::mutex resultMutex;  // std::mutex rather than QMutex: ThreadSanitizer sees through it
     QList<Candidate> results;
 
     RunState(const Options& runOptions, Transport& runTransport, const QStringList& runHosts,
@@ -74,8 +73,8 @@ struct RunState {
         if (options.existingUids.contains(uid)) {
             return;
         }
-        QMutexLocker lock(&resultMutex);
-        for (const Candidate& known : results) {
+        std::lock_guard<std::mutex> lock(resultMutex);
+        for (const Candidate& known : std::as_const(results)) {
             if (uidFor(known) == uid) {
                 return;
             }
