@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstring>
 
@@ -19,10 +20,11 @@ bool isBrokenSocket(int error) {
 }
 
 constexpr int kMbapHeaderLength = 7;  // transaction id, protocol id, length, unit id
+constexpr int kMbapPrefixLength = 6;  // the header without the unit id, which the length field counts
 constexpr int kMbapLengthFieldOffset = 4;
 constexpr int kMinMbapLengthField = 2;      // unit id and function code
 constexpr int kMaxMbapLengthField = 254;    // unit id and the largest PDU (253 bytes)
-constexpr int kTimeoutErrno = EINPROGRESS;  // what libmodbus reports for an expired response timeout here
+constexpr int kTimeoutErrno = EINPROGRESS;  // an operation that did not complete in time
 
 }  // namespace
 
@@ -192,32 +194,70 @@ int Connection::writeString(int addr, int count, unsigned short const* words, in
     return result;
 }
 
+namespace {
+
+// Waits for the socket until the deadline; false with *err set when it does not become ready.
+bool waitForSocket(int socket, short events, std::chrono::steady_clock::time_point deadline, int* err) {
+    for (;;) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        pollfd descriptor{socket, events, 0};
+        const int ready = ::poll(&descriptor, 1, left.count() > 0 ? static_cast<int>(left.count()) : 0);
+        if (ready > 0) return true;
+        if (ready < 0 && errno == EINTR) continue;
+        *err = ready < 0 ? errno : ETIMEDOUT;
+        return false;
+    }
+}
+
+std::chrono::steady_clock::time_point responseDeadline(modbus_t* ctx) {
+    uint32_t sec = 0;
+    uint32_t usec = 0;
+    modbus_get_response_timeout(ctx, &sec, &usec);
+    return std::chrono::steady_clock::now() + std::chrono::seconds(sec) + std::chrono::microseconds(usec);
+}
+}  // namespace
+
+// libmodbus refuses raw requests above 254 bytes, although a Modbus TCP frame may carry up to 260; the frame
+// is therefore framed and sent here, like the reply is read here.
+int Connection::sendFrame(const unsigned char* adu, int length, int* err) {
+    static std::atomic<uint16_t> transactionCounter{0};
+    const uint16_t transactionId = ++transactionCounter;
+    unsigned char frame[kMbapPrefixLength + MODBUS_TCP_MAX_ADU_LENGTH];
+    frame[0] = static_cast<unsigned char>(transactionId >> 8);
+    frame[1] = static_cast<unsigned char>(transactionId & 0xFF);
+    frame[2] = 0;  // protocol id: Modbus
+    frame[3] = 0;
+    frame[4] = static_cast<unsigned char>(length >> 8);
+    frame[5] = static_cast<unsigned char>(length & 0xFF);
+    std::memcpy(frame + kMbapPrefixLength, adu, length);
+
+    const int socket = modbus_get_socket(ctx);
+    const auto deadline = responseDeadline(ctx);
+    const int total = kMbapPrefixLength + length;
+    int sent = 0;
+    while (sent < total) {
+        if (!waitForSocket(socket, POLLOUT, deadline, err)) return -1;
+        const ssize_t count = ::send(socket, frame + sent, total - sent, MSG_NOSIGNAL);
+        if (count < 0) {
+            if (errno == EINTR || errno == EAGAIN) continue;
+            *err = errno;
+            return -1;
+        }
+        sent += static_cast<int>(count);
+    }
+    return sent;
+}
+
 // libmodbus sizes a confirmation by its function code and returns only two bytes of an FC 43 answer, leaving
 // the rest in the socket. Reading the frame by its MBAP length keeps the stream aligned for the next request.
 int Connection::receiveFrame(unsigned char* frame, int capacity, int* err) {
     const int socket = modbus_get_socket(ctx);
-    uint32_t sec = 0;
-    uint32_t usec = 0;
-    modbus_get_response_timeout(ctx, &sec, &usec);
-    const auto deadline =
-        std::chrono::steady_clock::now() + std::chrono::seconds(sec) + std::chrono::microseconds(usec);
-
+    const auto deadline = responseDeadline(ctx);
     int received = 0;
     int wanted = kMbapHeaderLength;
     while (received < wanted) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
-        pollfd descriptor{socket, POLLIN, 0};
-        const int ready = ::poll(&descriptor, 1, left.count() > 0 ? static_cast<int>(left.count()) : 0);
-        if (ready < 0) {
-            if (errno == EINTR) continue;
-            *err = errno;
-            return -1;
-        }
-        if (ready == 0) {
-            *err = ETIMEDOUT;
-            return -1;
-        }
+        if (!waitForSocket(socket, POLLIN, deadline, err)) return -1;
         const ssize_t count = ::recv(socket, frame + received, wanted - received, 0);
         if (count < 0) {
             if (errno == EINTR || errno == EAGAIN) continue;
@@ -232,11 +272,11 @@ int Connection::receiveFrame(unsigned char* frame, int capacity, int* err) {
         if (wanted == kMbapHeaderLength && received >= kMbapHeaderLength) {
             const int lengthField = (frame[kMbapLengthFieldOffset] << 8) | frame[kMbapLengthFieldOffset + 1];
             if (lengthField < kMinMbapLengthField || lengthField > kMaxMbapLengthField ||
-                kMbapHeaderLength - 1 + lengthField > capacity) {
+                kMbapPrefixLength + lengthField > capacity) {
                 *err = EMBBADDATA;
                 return -1;
             }
-            wanted = kMbapHeaderLength - 1 + lengthField;
+            wanted = kMbapPrefixLength + lengthField;
         }
     }
     return received;
@@ -261,7 +301,8 @@ int Connection::exchangePdu(QByteArray const& request, QByteArray* response, int
         modbus_flush(ctx);
         return -1;
     };
-    if (modbus_send_raw_request(ctx, buffer, request.size() + 1) < 0) return fail(errno);
+    int sendError = 0;
+    if (sendFrame(buffer, request.size() + 1, &sendError) < 0) return fail(sendError);
 
     unsigned char reply[MODBUS_TCP_MAX_ADU_LENGTH];
     int receiveError = 0;

@@ -60,6 +60,7 @@ public:
     int getDeviceError() const { return deviceError; }
 
 private:
+    int sendFrame(const unsigned char* adu, int length, int* err);
     int receiveFrame(unsigned char* frame, int capacity, int* err);
 
     mutable int deviceError = 0;

@@ -1,4 +1,5 @@
-// The simulator over loopback: standard answers, identification, Report Slave ID, unit filtering and counters.
+// The simulator over loopback: standard answers, identification, Report Slave ID, unit filtering and
+// counters.
 
 #include "tools/sim/simulator.h"
 
@@ -91,8 +92,10 @@ TEST_F(SimulatorTest, TablesClipAtTheirEnd) {
 TEST_F(SimulatorTest, AnswersPipelinedRequestsInOrder) {
     simulator.setHoldingRegisters(0, {0x0A0B});
     ASSERT_TRUE(client.send(adu(1, kUnit, "0300000001") + adu(2, kUnit, "0300000001")));
-    EXPECT_EQ(client.readFrame().toHex(), QByteArray("000100000005010302" "0a0b"));
-    EXPECT_EQ(client.readFrame().toHex(), QByteArray("000200000005010302" "0a0b"));
+    EXPECT_EQ(client.readFrame().toHex(), QByteArray("000100000005010302"
+                                                     "0a0b"));
+    EXPECT_EQ(client.readFrame().toHex(), QByteArray("000200000005010302"
+                                                     "0a0b"));
 }
 
 TEST_F(SimulatorTest, ServesSeveralClientsAtOnce) {
@@ -126,15 +129,35 @@ TEST_F(SimulatorTest, ReadsDeviceIdentification) {
     DeviceIdentification identification = acmeIdentification();
     simulator.setDeviceIdentification(identification);
     const ExchangeRow rows[] = {
-        {"basic", "2b0e0100", "2b0e0182000003" "000441434d45" "0105582d313030" "0203312e30"},
+        {"basic", "2b0e0100",
+         "2b0e0182000003"
+         "000441434d45"
+         "0105582d313030"
+         "0203312e30"},
         {"regular", "2b0e0200",
-         "2b0e0282000004" "000441434d45" "0105582d313030" "0203312e30" "05054d6f64656c"},
-        {"regular from object 2", "2b0e0202", "2b0e0282000002" "0203312e30" "05054d6f64656c"},
+         "2b0e0282000004"
+         "000441434d45"
+         "0105582d313030"
+         "0203312e30"
+         "05054d6f64656c"},
+        {"regular from object 2", "2b0e0202",
+         "2b0e0282000002"
+         "0203312e30"
+         "05054d6f64656c"},
         {"absent start object restarts at 0", "2b0e0203",
-         "2b0e0282000004" "000441434d45" "0105582d313030" "0203312e30" "05054d6f64656c"},
+         "2b0e0282000004"
+         "000441434d45"
+         "0105582d313030"
+         "0203312e30"
+         "05054d6f64656c"},
         {"start object outside the category restarts at 0", "2b0e0105",
-         "2b0e0182000003" "000441434d45" "0105582d313030" "0203312e30"},
-        {"specific object", "2b0e0405", "2b0e0482000001" "05054d6f64656c"},
+         "2b0e0182000003"
+         "000441434d45"
+         "0105582d313030"
+         "0203312e30"},
+        {"specific object", "2b0e0405",
+         "2b0e0482000001"
+         "05054d6f64656c"},
         {"specific object absent", "2b0e0403", "ab02"},
         {"read code 0", "2b0e0000", "ab03"},
         {"read code 5", "2b0e0500", "ab03"},
@@ -151,17 +174,23 @@ TEST_F(SimulatorTest, ExtendedObjectsAndConformityLevel) {
     DeviceIdentification identification = acmeIdentification();
     identification.objects[0x80] = QByteArray::fromHex("0102");
     simulator.setDeviceIdentification(identification);
-    EXPECT_EQ(answerPdu("2b0e0380"), QByteArray("2b0e0383000001" "80020102"));
-    EXPECT_EQ(answerPdu("2b0e0200"),
-              QByteArray("2b0e0283000004" "000441434d45" "0105582d313030" "0203312e30" "05054d6f64656c"));
+    EXPECT_EQ(answerPdu("2b0e0380"), QByteArray("2b0e0383000001"
+                                                "80020102"));
+    EXPECT_EQ(answerPdu("2b0e0200"), QByteArray("2b0e0283000004"
+                                                "000441434d45"
+                                                "0105582d313030"
+                                                "0203312e30"
+                                                "05054d6f64656c"));
 
     identification.objects = {{0x00, "A"}};
     simulator.setDeviceIdentification(identification);
-    EXPECT_EQ(answerPdu("2b0e0100"), QByteArray("2b0e0181000001" "000141"));
+    EXPECT_EQ(answerPdu("2b0e0100"), QByteArray("2b0e0181000001"
+                                                "000141"));
 
     identification.conformityLevel = 0x01;
     simulator.setDeviceIdentification(identification);
-    EXPECT_EQ(answerPdu("2b0e0100"), QByteArray("2b0e0101000001" "000141"));
+    EXPECT_EQ(answerPdu("2b0e0100"), QByteArray("2b0e0101000001"
+                                                "000141"));
 
     identification.enabled = false;
     simulator.setDeviceIdentification(identification);
@@ -172,12 +201,18 @@ TEST_F(SimulatorTest, PagesIdentificationWithMoreFollows) {
     DeviceIdentification identification = acmeIdentification();
     identification.objectsPerResponse = 2;
     simulator.setDeviceIdentification(identification);
-    EXPECT_EQ(answerPdu("2b0e0200"), QByteArray("2b0e0282ff0202" "000441434d45" "0105582d313030"));
-    EXPECT_EQ(answerPdu("2b0e0202"), QByteArray("2b0e0282000002" "0203312e30" "05054d6f64656c"));
+    EXPECT_EQ(answerPdu("2b0e0200"), QByteArray("2b0e0282ff0202"
+                                                "000441434d45"
+                                                "0105582d313030"));
+    EXPECT_EQ(answerPdu("2b0e0202"), QByteArray("2b0e0282000002"
+                                                "0203312e30"
+                                                "05054d6f64656c"));
     identification.objectsPerResponse = 1;
     simulator.setDeviceIdentification(identification);
-    EXPECT_EQ(answerPdu("2b0e0101"), QByteArray("2b0e0182ff0201" "0105582d313030"));
-    EXPECT_EQ(answerPdu("2b0e0102"), QByteArray("2b0e0182000001" "0203312e30"));
+    EXPECT_EQ(answerPdu("2b0e0101"), QByteArray("2b0e0182ff0201"
+                                                "0105582d313030"));
+    EXPECT_EQ(answerPdu("2b0e0102"), QByteArray("2b0e0182000001"
+                                                "0203312e30"));
 }
 
 TEST_F(SimulatorTest, PagesIdentificationThatDoesNotFitOneAnswer) {
@@ -234,7 +269,7 @@ TEST_F(SimulatorTest, LogsEveryRequest) {
         const char* pdu;
     };
     const Expected expected[] = {
-        {1, 3, 0x10, 4, "0300100004"},          {1, 6, 0x20, -1, "0600200005"}, {1, 0x2B, -1, -1, "2b0e0100"},
+        {1, 3, 0x10, 4, "0300100004"},         {1, 6, 0x20, -1, "0600200005"}, {1, 0x2B, -1, -1, "2b0e0100"},
         {1, 15, 0x30, 10, "0f0030000a02ff03"}, {5, 4, 0, 2, "0400000002"},
     };
     const std::vector<RequestRecord> log = simulator.requestLog();

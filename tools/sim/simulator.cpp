@@ -119,8 +119,10 @@ bool Simulator::start(const QString& address, uint16_t port, QString* error) {
         closeFd(&state->stopPipe[1]);
         return false;
     };
-    if (state->running)
-        return fail(QStringLiteral("already running on %1:%2").arg(state->address).arg(state->port));
+    if (state->running) {
+        if (error) *error = QStringLiteral("already running on %1:%2").arg(state->address).arg(state->port);
+        return false;
+    }
     if (!state->mapping) return fail(QStringLiteral("could not allocate the register tables"));
 
     sockaddr_in bindAddress{};

@@ -1,0 +1,525 @@
+// Connection against the device simulator over loopback.
+
+#include "connection/connection.h"
+
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <modbus.h>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "plugin/host/plugin_interface.h"
+#include "tools/sim/simulator.h"
+#include "tools/standin/standin_host.h"
+
+namespace {
+
+using modbus_sim::FaultKind;
+using modbus_sim::FaultRule;
+using modbus_sim::Simulator;
+using zelt_standin::Host;
+using zelt_standin::LogLevel;
+
+// libmodbus error codes (MODBUS_ENOBASE + n) as the connection reports them.
+constexpr int kIllegalDataAddress = 112345680;
+constexpr int kServerBusy = 112345684;
+constexpr int kBadData = 112345691;
+constexpr int kTooManyData = 112345694;
+// Hang guard for waits on the simulator's counters.
+constexpr int kWaitMs = 5000;
+// Short response timeout for tests that expect no answer.
+constexpr unsigned int kShortTimeoutUs = 200000;
+
+bool waitFor(const std::function<bool()>& condition) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+FaultRule exceptionRule(int function, int code) {
+    FaultRule rule;
+    rule.kind = FaultKind::Exception;
+    rule.function = function;
+    rule.exceptionCode = code;
+    return rule;
+}
+
+class ConnectionTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        Host::instance().reset();
+        simulator.setHoldingRegisters(0, {0x1111, 0x2222, 0x3333});
+        simulator.setInputRegisters(0, {0xA1, 0xA2});
+        simulator.setCoils(0, {1, 0, 1});
+        simulator.setDiscreteInputs(0, {0, 1});
+        ASSERT_TRUE(simulator.start());
+    }
+
+    Connection::Network network(int serverId = 1) const {
+        Connection::Network net;
+        net.host = QStringLiteral("127.0.0.1");
+        net.port = simulator.port();
+        net.serverId = serverId;
+        return net;
+    }
+
+    std::unique_ptr<Connection> connect(int serverId = 1) {
+        int err = 0;
+        auto connection = std::make_unique<Connection>(network(serverId), &host, &err);
+        EXPECT_TRUE(connection->isConnected()) << err;
+        return connection;
+    }
+
+    // A port nobody listens on: one the system just handed out and took back.
+    static uint16_t closedPort() {
+        Simulator probe;
+        probe.start();
+        const uint16_t port = probe.port();
+        probe.stop();
+        return port;
+    }
+
+    PluginInterface host;
+    Simulator simulator;
+};
+
+TEST_F(ConnectionTest, ReadsEveryTable) {
+    auto connection = connect();
+    int err = 0;
+    unsigned char bits[3] = {};
+    EXPECT_EQ(connection->readBits(OutputCoil, 0, 3, bits, &err), 3);
+    EXPECT_EQ(std::vector<unsigned char>(bits, bits + 3), std::vector<unsigned char>({1, 0, 1}));
+    EXPECT_EQ(connection->readBits(InputCoil, 0, 2, bits, &err), 2);
+    EXPECT_EQ(std::vector<unsigned char>(bits, bits + 2), std::vector<unsigned char>({0, 1}));
+    unsigned short words[3] = {};
+    EXPECT_EQ(connection->readWords(HoldingRegister, 0, 3, words, &err), 3);
+    EXPECT_EQ(std::vector<unsigned short>(words, words + 3),
+              std::vector<unsigned short>({0x1111, 0x2222, 0x3333}));
+    EXPECT_EQ(connection->readWords(InputRegister, 0, 2, words, &err), 2);
+    EXPECT_EQ(std::vector<unsigned short>(words, words + 2), std::vector<unsigned short>({0xA1, 0xA2}));
+    EXPECT_EQ(simulator.requestCount(1), 1);
+    EXPECT_EQ(simulator.requestCount(2), 1);
+    EXPECT_EQ(simulator.requestCount(3), 1);
+    EXPECT_EQ(simulator.requestCount(4), 1);
+    EXPECT_EQ(connection->getDeviceError(), 0);
+}
+
+TEST_F(ConnectionTest, NegativeUnitIdConnectsAsUnitOne) {
+    auto connection = connect(-5);
+    EXPECT_EQ(connection->slave(), 1);
+    int err = 0;
+    unsigned short word = 0;
+    ASSERT_EQ(connection->readWords(HoldingRegister, 0, 1, &word, &err), 1);
+    ASSERT_EQ(simulator.requestLog().size(), 1u);
+    EXPECT_EQ(simulator.requestLog().at(0).unit, 1);
+}
+
+TEST_F(ConnectionTest, UnitZeroIsPassedThrough) {
+    auto connection = connect(0);
+    EXPECT_EQ(connection->slave(), 0);
+    int err = 0;
+    unsigned short word = 0;
+    ASSERT_EQ(connection->readWords(HoldingRegister, 1, 1, &word, &err), 1);
+    EXPECT_EQ(word, 0x2222);
+    ASSERT_EQ(simulator.requestLog().size(), 1u);
+    EXPECT_EQ(simulator.requestLog().at(0).unit, 0);
+}
+
+TEST_F(ConnectionTest, FailedConnectLogsAndReportsErrno) {
+    for (int serverId : {-3, 1}) {
+        SCOPED_TRACE(serverId);
+        Host::instance().reset();
+        Connection::Network net = network(serverId);
+        net.port = closedPort();
+        int err = 0;
+        Connection connection(net, &host, &err);
+        EXPECT_FALSE(connection.isConnected());
+        EXPECT_FALSE(static_cast<bool>(connection));  // the failed connect gave up the context
+        EXPECT_EQ(err, ECONNREFUSED);
+        EXPECT_EQ(Host::instance().logTexts(LogLevel::Debug),
+                  QStringList({QStringLiteral("Could not connect: Connection refused")}));
+    }
+}
+
+TEST_F(ConnectionTest, HostNameConnects) {
+    Connection::Network net = network();
+    net.host = QStringLiteral("localhost");
+    int err = 0;
+    Connection connection(net, &host, &err);
+    ASSERT_TRUE(connection.isConnected()) << err;
+    unsigned short word = 0;
+    EXPECT_EQ(connection.readWords(HoldingRegister, 2, 1, &word, &err), 1);
+    EXPECT_EQ(word, 0x3333);
+}
+
+TEST_F(ConnectionTest, ReadBitsRejectsRegisterTypes) {
+    auto connection = connect();
+    for (RegisterType type : {InputRegister, HoldingRegister}) {
+        SCOPED_TRACE(static_cast<int>(type));
+        Host::instance().clearLogs();
+        unsigned char bits[2] = {};
+        int err = 12345;
+        errno = ENOENT;
+        EXPECT_EQ(connection->readBits(type, 0, 2, bits, &err), -1);
+        // The non-bit marker -1 is overwritten by errno, as the caller's error handling expects.
+        EXPECT_EQ(err, ENOENT);
+        EXPECT_EQ(connection->getDeviceError(), ENOENT);
+        EXPECT_EQ(Host::instance().logTexts(LogLevel::Debug),
+                  QStringList({QStringLiteral("readBits called with non-bit input type")}));
+    }
+    EXPECT_EQ(simulator.totalRequests(), 0);
+}
+
+TEST_F(ConnectionTest, ReadWordsIgnoresBitTypes) {
+    auto connection = connect();
+    for (RegisterType type : {OutputCoil, InputCoil, Auto}) {
+        SCOPED_TRACE(static_cast<int>(type));
+        connection->setDeviceError(ECONNRESET);
+        unsigned short words[2] = {7, 7};
+        int err = 12345;
+        EXPECT_EQ(connection->readWords(type, 0, 2, words, &err), 0);
+        EXPECT_EQ(err, 12345);
+        EXPECT_EQ(words[0], 7);
+        EXPECT_EQ(connection->getDeviceError(), 0);
+    }
+    EXPECT_EQ(simulator.totalRequests(), 0);
+    EXPECT_TRUE(Host::instance().logLines().isEmpty());
+}
+
+TEST_F(ConnectionTest, ItemExceptionKeepsDeviceErrorAndDeviceExceptionReplacesIt) {
+    auto connection = connect();
+    connection->setDeviceError(ECONNRESET);
+    simulator.addFault(exceptionRule(3, 2));
+    unsigned short word = 0;
+    int err = 0;
+    EXPECT_EQ(connection->readWords(HoldingRegister, 0, 1, &word, &err), -1);
+    EXPECT_EQ(err, kIllegalDataAddress);
+    EXPECT_EQ(connection->getDeviceError(), ECONNRESET);
+
+    simulator.clearFaults();
+    simulator.addFault(exceptionRule(3, 6));
+    EXPECT_EQ(connection->readWords(HoldingRegister, 0, 1, &word, &err), -1);
+    EXPECT_EQ(err, kServerBusy);
+    EXPECT_EQ(connection->getDeviceError(), kServerBusy);
+    EXPECT_TRUE(connection->isConnected());
+}
+
+TEST_F(ConnectionTest, DeviceErrorKeepsOnlyDeviceLevelCodes) {
+    struct Row {
+        int code;
+        bool stored;
+    };
+    const Row rows[] = {
+        {0, true},          {ETIMEDOUT, true},  {ECONNRESET, true}, {112345677, true},  {112345679, false},
+        {112345680, false}, {112345681, false}, {112345682, true},  {112345683, false}, {112345684, true},
+        {112345686, false}, {112345688, true},  {112345689, true},  {kBadData, false},  {kTooManyData, false},
+    };
+    auto connection = connect();
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.code);
+        connection->setDeviceError(ENOENT);
+        EXPECT_EQ(connection->setDeviceError(row.code), row.stored);
+        EXPECT_EQ(connection->getDeviceError(), row.stored ? row.code : ENOENT);
+    }
+}
+
+TEST_F(ConnectionTest, ErrorTexts) {
+    auto connection = connect();
+    struct Row {
+        int code;
+        const char* text;
+    };
+    const Row rows[] = {
+        {115, "Timeout"},
+        {-1, "Non-bit input type. Input or Output Coil required."},
+        {ECONNRESET, "Connection reset by peer"},
+        {ETIMEDOUT, "Connection timed out"},
+        {kIllegalDataAddress, "Illegal data address"},
+        {kServerBusy, "Slave device or server is busy"},
+        {kBadData, "Invalid data"},
+        {kTooManyData, "Too many data"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.code);
+        EXPECT_EQ(connection->errToStr(row.code).toStdString(), row.text);
+    }
+}
+
+TEST_F(ConnectionTest, WritesLogAndReachTheDevice) {
+    auto connection = connect();
+    int err = 0;
+    EXPECT_EQ(connection->writeBit(5, 1, &err, false), 1);
+    EXPECT_EQ(connection->writeBit(6, 1, &err, true), 1);
+    EXPECT_EQ(connection->writeWord(10, 0xBEEF, &err), 1);
+    const unsigned short words[] = {0x4142, 0x4300};
+    EXPECT_EQ(connection->writeString(20, 2, words, &err), 2);
+    EXPECT_EQ(simulator.coils(5, 2), std::vector<uint8_t>({1, 1}));
+    EXPECT_EQ(simulator.holdingRegisters(10, 1), std::vector<uint16_t>({0xBEEF}));
+    EXPECT_EQ(simulator.holdingRegisters(20, 2), std::vector<uint16_t>({0x4142, 0x4300}));
+    EXPECT_EQ(simulator.requestCount(5), 1);
+    EXPECT_EQ(simulator.requestCount(15), 1);
+    EXPECT_EQ(simulator.requestCount(6), 1);
+    EXPECT_EQ(simulator.requestCount(16), 1);
+    EXPECT_EQ(Host::instance().logTexts(LogLevel::Debug),
+              QStringList({QStringLiteral("Writing bit. Register: 5 Data: 0x1"),
+                           QStringLiteral("Writing bit. Register: 6 Data: 0x1"),
+                           QStringLiteral("Writing word. Register: 10 Data: 0xbeef Res: 1"),
+                           QStringLiteral("Writing string. Register: 20")}));
+    EXPECT_TRUE(Host::instance().logTexts(LogLevel::Error).isEmpty());
+    EXPECT_EQ(connection->getDeviceError(), 0);
+}
+
+TEST_F(ConnectionTest, FailedWritesLogAtErrorLevel) {
+    auto connection = connect();
+    simulator.addFault(exceptionRule(5, 2));
+    simulator.addFault(exceptionRule(6, 2));
+    simulator.addFault(exceptionRule(16, 4));
+    int err = 0;
+    EXPECT_EQ(connection->writeBit(3, 0, &err, false), -1);
+    EXPECT_EQ(err, kIllegalDataAddress);
+    EXPECT_EQ(connection->writeWord(4, 0x0A, &err), -1);
+    EXPECT_EQ(err, kIllegalDataAddress);
+    EXPECT_EQ(connection->getDeviceError(), 0);
+    const unsigned short words[] = {1, 2};
+    EXPECT_EQ(connection->writeString(7, 2, words, &err), -1);
+    EXPECT_EQ(err, 112345682);
+    EXPECT_EQ(connection->getDeviceError(), 112345682);
+    EXPECT_EQ(Host::instance().logTexts(LogLevel::Debug),
+              QStringList({QStringLiteral("Writing bit. Register: 3 Data: 0x0"),
+                           QStringLiteral("Writing word. Register: 4 Data: 0xa Res: -1"),
+                           QStringLiteral("Writing string. Register: 7")}));
+    EXPECT_EQ(Host::instance().logTexts(LogLevel::Error),
+              QStringList({QStringLiteral("Could not write bit: Illegal data address"),
+                           QStringLiteral("Could not write word: Illegal data address"),
+                           QStringLiteral("Could not write words: Slave device or server failure")}));
+    EXPECT_EQ(simulator.holdingRegisters(4, 1), std::vector<uint16_t>({0}));
+}
+
+TEST_F(ConnectionTest, ResponseTimeouts) {
+    auto connection = connect();
+    unsigned int sec = 9;
+    unsigned int usec = 9;
+    ASSERT_TRUE(connection->getResponseTimeout(&sec, &usec));
+    EXPECT_EQ(sec, 0u);  // libmodbus's default of 0.5 s stays in force
+    EXPECT_EQ(usec, 500000u);
+    EXPECT_TRUE(connection->setResponseTimeout(2, 250000));
+    ASSERT_TRUE(connection->getResponseTimeout(&sec, &usec));
+    EXPECT_EQ(sec, 2u);
+    EXPECT_EQ(usec, 250000u);
+    EXPECT_FALSE(connection->setResponseTimeout(0, 1000000));
+
+    int err = 0;
+    Connection shell(Connection::Serial{}, host, &err, 0, 0);
+    EXPECT_FALSE(shell.getResponseTimeout(&sec, &usec));
+    EXPECT_FALSE(shell.setResponseTimeout(1, 0));
+    EXPECT_FALSE(shell.isConnected());
+    EXPECT_EQ(shell.slave(), 1);
+}
+
+TEST_F(ConnectionTest, SilentDeviceTimesOut) {
+    auto connection = connect();
+    ASSERT_TRUE(connection->setResponseTimeout(0, kShortTimeoutUs));
+    FaultRule silence;
+    silence.kind = FaultKind::Silence;
+    simulator.addFault(silence);
+    unsigned short word = 0;
+    int err = 0;
+    EXPECT_EQ(connection->readWords(HoldingRegister, 0, 1, &word, &err), -1);
+    EXPECT_EQ(err, ETIMEDOUT);
+    EXPECT_EQ(connection->getDeviceError(), ETIMEDOUT);
+    EXPECT_EQ(simulator.requestCount(3), 1);
+    QByteArray reply;
+    EXPECT_EQ(connection->exchangePdu(QByteArray::fromHex("0300000001"), &reply, &err), -1);
+    EXPECT_EQ(err, ETIMEDOUT);
+}
+
+TEST_F(ConnectionTest, ExchangePduReturnsTheReplyPdu) {
+    auto connection = connect(3);
+    QByteArray reply;
+    int err = 0;
+    EXPECT_EQ(connection->exchangePdu(QByteArray::fromHex("0300000002"), &reply, &err), 6);
+    EXPECT_EQ(reply.toHex(), QByteArray("030411112222"));
+    simulator.addFault(exceptionRule(3, 2));
+    EXPECT_EQ(connection->exchangePdu(QByteArray::fromHex("0300000002"), &reply, &err), 2);
+    EXPECT_EQ(reply.toHex(), QByteArray("8302"));
+    EXPECT_EQ(connection->exchangePdu(QByteArray::fromHex("0300000002"), nullptr, nullptr), 2);
+    ASSERT_EQ(simulator.requestLog().size(), 3u);
+    EXPECT_EQ(simulator.requestLog().at(0).unit, 3);
+    EXPECT_EQ(connection->getDeviceError(), 0);
+}
+
+TEST_F(ConnectionTest, ExchangePduRejectsEmptyRequestsAndMissingContexts) {
+    auto connection = connect();
+    int err = 0;
+    EXPECT_EQ(connection->exchangePdu(QByteArray(), nullptr, &err), -1);
+    EXPECT_EQ(err, EINVAL);
+    Connection shell(Connection::Serial{}, host, &err, 0, 0);
+    err = 0;
+    EXPECT_EQ(shell.exchangePdu(QByteArray::fromHex("11"), nullptr, &err), -1);
+    EXPECT_EQ(err, EINVAL);
+    EXPECT_EQ(simulator.totalRequests(), 0);
+}
+
+TEST_F(ConnectionTest, ExchangePduSendsTheLargestRequest) {
+    auto connection = connect();
+    ASSERT_TRUE(connection->setResponseTimeout(0, kShortTimeoutUs));
+    // Unit id plus request fill the largest frame libmodbus handles.
+    const QByteArray largest(MODBUS_TCP_MAX_ADU_LENGTH - 1, '\x41');
+    int err = 0;
+    connection->exchangePdu(largest, nullptr, &err);
+    ASSERT_TRUE(waitFor([&] { return simulator.totalRequests() == 1; })) << "err " << err;
+    EXPECT_EQ(simulator.requestLog().at(0).pdu, largest);
+}
+
+TEST_F(ConnectionTest, ExchangePduRefusesAnOversizedRequest) {
+    auto connection = connect();
+    const QByteArray tooLarge(MODBUS_TCP_MAX_ADU_LENGTH, '\x41');
+    int err = 0;
+    EXPECT_EQ(connection->exchangePdu(tooLarge, nullptr, &err), -1);
+    EXPECT_EQ(err, kTooManyData);
+    EXPECT_TRUE(connection->isConnected());
+    EXPECT_EQ(connection->exchangePdu(QByteArray::fromHex("0300000001"), nullptr, &err), 4);
+    ASSERT_EQ(simulator.requestLog().size(), 1u);
+    EXPECT_EQ(simulator.requestLog().at(0).pdu.toHex(), QByteArray("0300000001"));
+}
+
+TEST_F(ConnectionTest, ExchangePduOnAResetConnection) {
+    auto connection = connect();
+    FaultRule reset;
+    reset.kind = FaultKind::Reset;
+    simulator.addFault(reset);
+    int err = 0;
+    QByteArray reply = "unchanged";
+    EXPECT_EQ(connection->exchangePdu(QByteArray::fromHex("0300000001"), &reply, &err), -1);
+    EXPECT_EQ(err, ECONNRESET);
+    EXPECT_FALSE(connection->isConnected());
+    EXPECT_TRUE(static_cast<bool>(connection));  // the context stays until the cache replaces the object
+    EXPECT_EQ(reply, QByteArray("unchanged"));
+}
+
+TEST_F(ConnectionTest, ExchangePduHeaderOnlyReplyIsBadData) {
+    auto connection = connect();
+    FaultRule headerOnly;
+    headerOnly.kind = FaultKind::HeaderOnly;
+    simulator.addFault(headerOnly);
+    int err = 0;
+    EXPECT_EQ(connection->exchangePdu(QByteArray::fromHex("0300000001"), nullptr, &err), -1);
+    EXPECT_EQ(err, kBadData);
+}
+
+TEST_F(ConnectionTest, ExchangePduBadLengthFieldIsBadData) {
+    auto connection = connect();
+    for (int lengthField : {0, 255}) {
+        SCOPED_TRACE(lengthField);
+        simulator.clearFaults();
+        FaultRule wrongLength;
+        wrongLength.kind = FaultKind::WrongLength;
+        wrongLength.lengthField = lengthField;
+        simulator.addFault(wrongLength);
+        int err = 0;
+        EXPECT_EQ(connection->exchangePdu(QByteArray::fromHex("0300000001"), nullptr, &err), -1);
+        EXPECT_EQ(err, kBadData);
+    }
+}
+
+TEST_F(ConnectionTest, ExchangePduReadsALongIdentificationReplyWhole) {
+    modbus_sim::DeviceIdentification identification;
+    identification.objects = {{0, "ACME Industrial Automation"}, {1, "X-100-SERIES"}, {2, "v1.2.3-build-45"}};
+    simulator.setDeviceIdentification(identification);
+    auto connection = connect();
+    QByteArray reply;
+    int err = 0;
+    const int length = connection->exchangePdu(QByteArray::fromHex("2b0e0100"), &reply, &err);
+    const QByteArray expected = QByteArray::fromHex("2b0e0181000003") + QByteArray::fromHex("001a") +
+                                "ACME Industrial Automation" + QByteArray::fromHex("010c") + "X-100-SERIES" +
+                                QByteArray::fromHex("020f") + "v1.2.3-build-45";
+    ASSERT_GE(expected.size(), 40);
+    EXPECT_EQ(length, expected.size());
+    EXPECT_EQ(reply.toHex(), expected.toHex());
+    // Nothing of the long reply is left behind to spoil the next exchange.
+    EXPECT_EQ(connection->exchangePdu(QByteArray::fromHex("0300000001"), &reply, &err), 4);
+    EXPECT_EQ(reply.toHex(), QByteArray("03021111"));
+    unsigned short word = 0;
+    EXPECT_EQ(connection->readWords(HoldingRegister, 1, 1, &word, &err), 1);
+    EXPECT_EQ(word, 0x2222);
+}
+
+TEST_F(ConnectionTest, ExchangePduReadsAReplySentByteByByte) {
+    FaultRule slow;
+    slow.kind = FaultKind::ByteByByte;
+    slow.delayMs = 2;
+    simulator.addFault(slow);
+    simulator.setReportSlaveId(QByteArray::fromHex("01ff4142"));
+    auto connection = connect();
+    QByteArray reply;
+    int err = 0;
+    EXPECT_EQ(connection->exchangePdu(QByteArray::fromHex("11"), &reply, &err), 6);
+    EXPECT_EQ(reply.toHex(), QByteArray("110401ff4142"));
+}
+
+TEST_F(ConnectionTest, MoveIntoAFreshObjectKeepsTheConnectionOpen) {
+    auto source = connect();
+    ASSERT_TRUE(waitFor([&] { return simulator.openConnections() == 1; }));
+    Connection target(std::move(*source));
+    EXPECT_TRUE(target.isConnected());
+    EXPECT_FALSE(source->isConnected());
+    EXPECT_FALSE(static_cast<bool>(*source));
+    source.reset();
+    unsigned short word = 0;
+    int err = 0;
+    EXPECT_EQ(target.readWords(HoldingRegister, 0, 1, &word, &err), 1);
+    EXPECT_EQ(word, 0x1111);
+    EXPECT_EQ(simulator.closedConnections(), 0);
+    EXPECT_EQ(simulator.openConnections(), 1);
+}
+
+TEST_F(ConnectionTest, MoveAssignmentSwapsWithTheTarget) {
+    Simulator other;
+    other.setHoldingRegisters(0, {0x9999});
+    ASSERT_TRUE(other.start());
+    auto source = connect(4);
+    int err = 0;
+    Connection::Network otherNet = network(7);
+    otherNet.port = other.port();
+    Connection target(otherNet, &host, &err);
+    ASSERT_TRUE(target.isConnected());
+    target.setDeviceError(ETIMEDOUT);
+
+    target = std::move(*source);
+    EXPECT_EQ(target.slave(), 4);
+    EXPECT_EQ(target.getDeviceError(), 0);
+    EXPECT_EQ(source->slave(), 7);
+    EXPECT_EQ(source->getDeviceError(), ETIMEDOUT);
+    EXPECT_TRUE(source->isConnected());
+    unsigned short word = 0;
+    EXPECT_EQ(source->readWords(HoldingRegister, 0, 1, &word, &err), 1);
+    EXPECT_EQ(word, 0x9999);
+    EXPECT_EQ(target.readWords(HoldingRegister, 0, 1, &word, &err), 1);
+    EXPECT_EQ(word, 0x1111);
+
+    source.reset();  // closes the other simulator's connection, not this one's
+    EXPECT_TRUE(waitFor([&] { return other.closedConnections() == 1; }));
+    EXPECT_EQ(simulator.closedConnections(), 0);
+    EXPECT_EQ(target.readWords(HoldingRegister, 2, 1, &word, &err), 1);
+    EXPECT_EQ(word, 0x3333);
+}
+
+TEST_F(ConnectionTest, DisconnectClosesTheSocket) {
+    auto connection = connect();
+    ASSERT_TRUE(waitFor([&] { return simulator.openConnections() == 1; }));
+    connection->disconnect();
+    EXPECT_FALSE(connection->isConnected());
+    EXPECT_FALSE(static_cast<bool>(*connection));
+    EXPECT_TRUE(waitFor([&] { return simulator.closedConnections() == 1; }));
+    connection->disconnect();  // twice is harmless
+    connection->flush();       // without a context, nothing
+}
+
+}  // namespace
