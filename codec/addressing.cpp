@@ -32,23 +32,7 @@ bool deviceFlag(DeviceInstancePlugin const& device, char const* key) {
 }  // namespace
 
 unsigned int Modbus::getLengthOfVar(VarType type) {
-    switch (type) {
-        case BIT:
-        case INT16:
-        case UINT16:
-            return 1;
-        case INT32:
-        case UINT32:
-        case FLOAT:
-            return 2;
-        case DOUBLE:
-        case INT64:
-        case UINT64:
-            return 4;
-        case STRING:
-            return 0;  // its length comes from the address range
-    }
-    return 0;
+    return registersPerValue(type);
 }
 
 RegisterType Modbus::getType(ItemInstancePlugin const& item) {

@@ -52,24 +52,9 @@ Bits bitsOf(Value value) {
     return bits;
 }
 
+// A bit is never encoded as a number of its own: bits are written through coils or "n.b" addresses.
 unsigned int registersOf(VarType type) {
-    switch (type) {
-        case INT16:
-        case UINT16:
-            return 1;
-        case INT32:
-        case UINT32:
-        case FLOAT:
-            return 2;
-        case DOUBLE:
-        case INT64:
-        case UINT64:
-            return 4;
-        case BIT:
-        case STRING:
-            return 0;
-    }
-    return 0;
+    return type == BIT ? 0 : registersPerValue(type);
 }
 
 }  // namespace
