@@ -162,18 +162,21 @@ TEST_F(IdentitySyncTest, StopMakesTheNextPollProbeAgain) {
 
 TEST_F(IdentitySyncTest, EndlessMoreFollowsIsAskedFourTimesPerReadCode) {
     // Every answer carries one object and says more follow from object 1.
-    plugin_test::ScriptedServer server([](const QByteArray& request) {
-        if (request.size() >= 3 && static_cast<unsigned char>(request.at(0)) == 0x2B)
-            return QByteArray::fromHex("2b0e") + request.mid(2, 1) + QByteArray::fromHex("01ff0101") +
-                   QByteArray::fromHex("000441434d45");
-        return QByteArray::fromHex("0300");  // empty register answer for the poll
+    test_support::ScriptedServer server([](const test_support::Request& request) {
+        const QByteArray& pdu = request.pdu;
+        if (pdu.size() >= 3 && static_cast<unsigned char>(pdu.at(0)) == 0x2B)
+            return test_support::replyFrame(request, QByteArray::fromHex("2b0e") + pdu.mid(2, 1) +
+                                                         QByteArray::fromHex("01ff0101") +
+                                                         QByteArray::fromHex("000441434d45"));
+        return test_support::replyFrame(request, QByteArray::fromHex("0300"));  // empty register answer
     });
     Batch batch(makeDevice(5, server.port()));
     ASSERT_TRUE(plugin.readData(&batch.list));
     int basic = 0;
     int regular = 0;
     int slaveId = 0;
-    for (const QByteArray& request : server.requests()) {
+    for (const test_support::Request& received : server.requests()) {
+        const QByteArray& request = received.pdu;
         if (request.startsWith(QByteArray::fromHex("2b0e01"))) ++basic;
         if (request.startsWith(QByteArray::fromHex("2b0e02"))) ++regular;
         if (request == QByteArray::fromHex("11")) ++slaveId;
