@@ -1,20 +1,28 @@
-// The simulator's JSON map file: a good file fills every table and setting, a bad one names the key.
+// The simulator's JSON map file: a good file fills every table, setting and fault, a bad one names the key.
 
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include <QFile>
+#include <QFileInfo>
+#include <QProcess>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 #include <vector>
 
+#include "tools/sim/sim_fault_names.h"
 #include "tools/sim/simulator.h"
 #include "tools/simulator_raw_client.h"
 
 namespace {
 
+using modbus_sim::FaultRule;
 using modbus_sim::Simulator;
 using simulator_test::adu;
+using simulator_test::kAnswerWaitMs;
 using simulator_test::kSilenceWaitMs;
 using simulator_test::RawClient;
+using simulator_test::waitFor;
 
 QString writeFile(const QTemporaryDir& dir, const QByteArray& contents) {
     const QString path = dir.filePath(QStringLiteral("map.json"));
@@ -146,6 +154,416 @@ TEST(SimulatorMapFile, MissingFile) {
     QString error;
     EXPECT_FALSE(simulator.loadMapFile(path, &error));
     EXPECT_EQ(error, path + QStringLiteral(": No such file or directory"));
+}
+
+// Every field of a rule on one line, so that a table row states the whole rule.
+std::string describe(const FaultRule& rule) {
+    return QStringLiteral(
+               "%1 unit=%2 function=%3 address=%4 exception_code=%5 delay_ms=%6 after_requests=%7 "
+               "length_field=%8 garbage=%9")
+        .arg(QLatin1String(modbus_sim::faultKindName(rule.kind)))
+        .arg(rule.unit)
+        .arg(rule.function)
+        .arg(rule.address)
+        .arg(rule.exceptionCode)
+        .arg(rule.delayMs)
+        .arg(rule.afterRequests)
+        .arg(rule.lengthField)
+        .arg(QString::fromLatin1(rule.garbage.toHex()))
+        .toStdString();
+}
+
+TEST(SimulatorMapFileFaults, EveryKindBecomesItsRule) {
+    struct Row {
+        const char* fault;
+        const char* rule;
+    };
+    const Row rows[] = {
+        {R"({"kind": "exception"})",
+         "exception unit=-1 function=-1 address=-1 exception_code=1 delay_ms=0 after_requests=0 "
+         "length_field=0 garbage=deadbeef"},
+        {R"({"kind": "exception", "unit": 3, "function": 3, "address": 5, "exception_code": 255})",
+         "exception unit=3 function=3 address=5 exception_code=255 delay_ms=0 after_requests=0 "
+         "length_field=0 garbage=deadbeef"},
+        {R"({"kind": "delay", "delay_ms": 60000})",
+         "delay unit=-1 function=-1 address=-1 exception_code=1 delay_ms=60000 after_requests=0 "
+         "length_field=0 garbage=deadbeef"},
+        {R"({"kind": "silence", "unit": 0, "function": 0, "address": 65535})",
+         "silence unit=0 function=0 address=65535 exception_code=1 delay_ms=0 after_requests=0 "
+         "length_field=0 garbage=deadbeef"},
+        {R"({"kind": "close_after", "after_requests": 3})",
+         "close_after unit=-1 function=-1 address=-1 exception_code=1 delay_ms=0 after_requests=3 "
+         "length_field=0 garbage=deadbeef"},
+        {R"({"kind": "reset", "function": 16})",
+         "reset unit=-1 function=16 address=-1 exception_code=1 delay_ms=0 after_requests=0 "
+         "length_field=0 garbage=deadbeef"},
+        {R"({"kind": "byte_by_byte", "delay_ms": 20})",
+         "byte_by_byte unit=-1 function=-1 address=-1 exception_code=1 delay_ms=20 after_requests=0 "
+         "length_field=0 garbage=deadbeef"},
+        {R"({"kind": "wrong_transaction_id", "unit": 255})",
+         "wrong_transaction_id unit=255 function=-1 address=-1 exception_code=1 delay_ms=0 after_requests=0 "
+         "length_field=0 garbage=deadbeef"},
+        {R"({"kind": "wrong_length", "length_field": 65535})",
+         "wrong_length unit=-1 function=-1 address=-1 exception_code=1 delay_ms=0 after_requests=0 "
+         "length_field=65535 garbage=deadbeef"},
+        {R"({"kind": "wrong_protocol_id"})",
+         "wrong_protocol_id unit=-1 function=-1 address=-1 exception_code=1 delay_ms=0 after_requests=0 "
+         "length_field=0 garbage=deadbeef"},
+        {R"({"kind": "trailing_garbage", "garbage": "hex:01 02 0a"})",
+         "trailing_garbage unit=-1 function=-1 address=-1 exception_code=1 delay_ms=0 after_requests=0 "
+         "length_field=0 garbage=01020a"},
+        {R"({"kind": "trailing_garbage", "garbage": "AB"})",
+         "trailing_garbage unit=-1 function=-1 address=-1 exception_code=1 delay_ms=0 after_requests=0 "
+         "length_field=0 garbage=4142"},
+        {R"({"kind": "header_only", "address": 0})",
+         "header_only unit=-1 function=-1 address=0 exception_code=1 delay_ms=0 after_requests=0 "
+         "length_field=0 garbage=deadbeef"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.fault);
+        std::vector<FaultRule> faults;
+        QString error;
+        ASSERT_TRUE(
+            modbus_sim::readMapFaults(QByteArray(R"({"faults": [)") + row.fault + "]}", &faults, &error))
+            << error.toStdString();
+        ASSERT_EQ(faults.size(), 1u);
+        EXPECT_EQ(describe(faults[0]), row.rule);
+    }
+}
+
+TEST(SimulatorMapFileFaults, FileOrderIsKept) {
+    std::vector<FaultRule> faults;
+    QString error;
+    ASSERT_TRUE(modbus_sim::readMapFaults(R"({"faults": [{"kind": "silence", "unit": 2},
+                                                         {"kind": "exception", "exception_code": 4},
+                                                         {"kind": "exception", "exception_code": 6}]})",
+                                          &faults, &error))
+        << error.toStdString();
+    ASSERT_EQ(faults.size(), 3u);
+    EXPECT_EQ(faults[0].kind, modbus_sim::FaultKind::Silence);
+    EXPECT_EQ(faults[1].exceptionCode, 4);
+    EXPECT_EQ(faults[2].exceptionCode, 6);
+
+    EXPECT_TRUE(modbus_sim::readMapFaults(R"({"units": [1]})", &faults, &error));
+    EXPECT_TRUE(faults.empty());
+}
+
+// Read of one holding register at 0 (value 0x0102), transaction 0x0007, unit 1, and its normal answer.
+const QByteArray kReadRequest = adu(7, 1, "0300000001");
+const QByteArray kReadAnswerHex = "0007000000050103020102";
+
+// A started simulator holding 0x0102 at holding register 0, with the given faults from its map, and a client
+// connected to it.
+class SimulatorMapFaultTest : public ::testing::Test {
+protected:
+    void load(const QByteArray& faults) {
+        QString error;
+        ASSERT_TRUE(
+            simulator.loadMapJson(R"({"holding_registers": {"0": [258]}, "faults": )" + faults + "}", &error))
+            << error.toStdString();
+        ASSERT_TRUE(simulator.start());
+        ASSERT_TRUE(client.connectTo(simulator.port()));
+    }
+
+    Simulator simulator;
+    RawClient client;
+};
+
+TEST(SimulatorMapFileFaults, AlteredAnswers) {
+    struct Row {
+        const char* fault;
+        const char* answerHex;
+    };
+    const Row rows[] = {
+        {R"({"kind": "exception", "exception_code": 4})",
+         "00070000000301"
+         "8304"},
+        {R"({"kind": "exception"})",
+         "00070000000301"
+         "8301"},
+        {R"({"kind": "wrong_transaction_id"})", "0008000000050103020102"},
+        {R"({"kind": "wrong_length", "length_field": 200})",
+         "00070000"
+         "00c8"
+         "0103020102"},
+        {R"({"kind": "wrong_protocol_id"})",
+         "0007"
+         "0001"
+         "00050103020102"},
+        {R"({"kind": "trailing_garbage", "garbage": "hex:0badf00d"})",
+         "0007000000050103020102"
+         "0badf00d"},
+        {R"({"kind": "trailing_garbage"})",
+         "0007000000050103020102"
+         "deadbeef"},
+        {R"({"kind": "header_only"})", "00070000000101"},
+        {R"({"kind": "delay", "delay_ms": 0})", "0007000000050103020102"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.fault);
+        Simulator simulator;
+        QString error;
+        ASSERT_TRUE(simulator.loadMapJson(
+            QByteArray(R"({"holding_registers": {"0": [258]}, "faults": [)") + row.fault + "]}", &error))
+            << error.toStdString();
+        ASSERT_TRUE(simulator.start());
+        RawClient client;
+        ASSERT_TRUE(client.connectTo(simulator.port()));
+        ASSERT_TRUE(client.send(kReadRequest));
+        const QByteArray expected = QByteArray::fromHex(row.answerHex);
+        EXPECT_EQ(client.readExact(expected.size()).toHex(), QByteArray(row.answerHex));
+        EXPECT_TRUE(client.readSome(1, 0).isEmpty());  // nothing more than expected has arrived
+    }
+}
+
+TEST_F(SimulatorMapFaultTest, ExceptionLeavesTheTablesAlone) {
+    load(R"([{"kind": "exception", "function": 6, "exception_code": 2}])");
+    EXPECT_EQ(client.exchange(adu(1, 1, "0600000005")).toHex(), QByteArray("0001000000030186"
+                                                                           "02"));
+    EXPECT_EQ(simulator.holdingRegisters(0, 1), std::vector<uint16_t>({0x0102}));
+    EXPECT_EQ(client.exchange(kReadRequest).toHex(), QByteArray(kReadAnswerHex));
+}
+
+TEST_F(SimulatorMapFaultTest, SelectorsNarrowTheRule) {
+    load(R"([{"kind": "exception", "unit": 2, "function": 3, "address": 10, "exception_code": 2}])");
+    struct Row {
+        const char* name;
+        uint8_t unit;
+        const char* pdu;
+        const char* answerPdu;
+    };
+    const Row rows[] = {
+        {"covers the address", 2, "0300080004", "8302"},
+        {"starts at the address", 2, "03000a0001", "8302"},
+        {"ends before the address", 2, "0300080002", "030400000000"},
+        {"starts after the address", 2, "03000b0001", "03020000"},
+        {"other unit", 1, "03000a0001", "03020000"},
+        {"other function", 2, "04000a0001", "04020000"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        EXPECT_EQ(client.exchange(adu(1, row.unit, row.pdu)).mid(7).toHex(), QByteArray(row.answerPdu));
+    }
+}
+
+TEST_F(SimulatorMapFaultTest, FirstRuleInTheFileDecides) {
+    load(R"([{"kind": "exception", "function": 4, "exception_code": 3},
+             {"kind": "exception", "exception_code": 4},
+             {"kind": "exception", "exception_code": 6}])");
+    EXPECT_EQ(client.exchange(kReadRequest).mid(7).toHex(), QByteArray("8304"));
+    EXPECT_EQ(client.exchange(adu(8, 1, "0400000001")).mid(7).toHex(), QByteArray("8403"));
+}
+
+TEST_F(SimulatorMapFaultTest, FaultsFromCodeComeFirst) {
+    FaultRule fault;
+    fault.exceptionCode = 5;
+    simulator.addFault(fault);
+    load(R"([{"kind": "exception", "exception_code": 4}])");
+    EXPECT_EQ(client.exchange(kReadRequest).mid(7).toHex(), QByteArray("8305"));
+    simulator.clearFaults();
+    EXPECT_EQ(client.exchange(kReadRequest).toHex(), QByteArray(kReadAnswerHex));
+}
+
+TEST_F(SimulatorMapFaultTest, SilenceNeverAnswers) {
+    load(R"([{"kind": "silence", "function": 3}])");
+    ASSERT_TRUE(client.send(kReadRequest));
+    EXPECT_TRUE(client.readSome(1, kSilenceWaitMs).isEmpty());
+    EXPECT_EQ(client.lastError, ETIMEDOUT);
+    EXPECT_EQ(client.exchange(adu(8, 1, "0400000001")).toHex(), QByteArray("0008000000050104020000"));
+    EXPECT_EQ(simulator.requestCount(3), 1);
+}
+
+TEST_F(SimulatorMapFaultTest, DelayHoldsTheAnswerBack) {
+    load(R"([{"kind": "delay", "delay_ms": 400}])");
+    ASSERT_TRUE(client.send(kReadRequest));
+    EXPECT_TRUE(client.readSome(1, 100).isEmpty());
+    EXPECT_EQ(client.readFrame().toHex(), QByteArray(kReadAnswerHex));
+}
+
+TEST_F(SimulatorMapFaultTest, ByteByByte) {
+    load(R"([{"kind": "byte_by_byte", "delay_ms": 50}])");
+    ASSERT_TRUE(client.send(kReadRequest));
+    // The first byte is on its own for 50 ms, far longer than the reader needs to wake.
+    EXPECT_EQ(client.readSome(64).toHex(), QByteArray("00"));
+    EXPECT_EQ(client.readExact(10).toHex(), QByteArray(kReadAnswerHex).mid(2));
+}
+
+TEST_F(SimulatorMapFaultTest, CloseAfterRequests) {
+    load(R"([{"kind": "close_after", "after_requests": 2}])");
+    EXPECT_EQ(client.exchange(kReadRequest).toHex(), QByteArray(kReadAnswerHex));
+    EXPECT_EQ(client.exchange(kReadRequest).toHex(), QByteArray(kReadAnswerHex));
+    ASSERT_TRUE(client.send(kReadRequest));
+    EXPECT_TRUE(client.readUntilClosed().isEmpty());
+    EXPECT_EQ(client.lastError, 0);
+    EXPECT_TRUE(waitFor([&] { return simulator.closedConnections() == 1; }));
+    EXPECT_EQ(simulator.requestCount(3), 3);
+}
+
+TEST_F(SimulatorMapFaultTest, CloseAfterZeroClosesOnTheFirstRequest) {
+    load(R"([{"kind": "close_after"}])");
+    ASSERT_TRUE(client.send(kReadRequest));
+    EXPECT_TRUE(client.readUntilClosed().isEmpty());
+    EXPECT_EQ(client.lastError, 0);
+}
+
+TEST_F(SimulatorMapFaultTest, ResetMidFrame) {
+    load(R"([{"kind": "reset"}])");
+    ASSERT_TRUE(client.send(kReadRequest));
+    const QByteArray received = client.readUntilClosed();
+    EXPECT_EQ(client.lastError, ECONNRESET);
+    // Whatever came before the reset is the start of the answer, at most its first half.
+    EXPECT_LE(received.size(), 5);
+    EXPECT_EQ(received.toHex(), QByteArray(kReadAnswerHex).left(received.size() * 2));
+    EXPECT_TRUE(waitFor([&] { return simulator.closedConnections() == 1; }));
+}
+
+TEST(SimulatorMapFileFaults, BadFaultsNameTheKey) {
+    const QString kinds = QStringLiteral(
+        "\"exception\", \"delay\", \"silence\", \"close_after\", \"reset\", \"byte_by_byte\", "
+        "\"wrong_transaction_id\", \"wrong_length\", \"wrong_protocol_id\", \"trailing_garbage\", "
+        "\"header_only\"");
+    struct Row {
+        const char* name;
+        const char* faults;
+        QString error;
+    };
+    const Row rows[] = {
+        {"faults not an array", R"({"kind": "silence"})",
+         QStringLiteral("key \"faults\": expected an array of fault objects")},
+        {"fault not an object", R"([{"kind": "silence"}, "silence"])",
+         QStringLiteral("key \"faults[1]\": expected an object")},
+        {"unknown kind", R"([{"kind": "silence"}, {"kind": "explode"}])",
+         QStringLiteral("key \"faults[1].kind\": unknown fault kind \"explode\" (expected one of %1)")
+             .arg(kinds)},
+        {"kind in capitals", R"([{"kind": "Exception"}])",
+         QStringLiteral("key \"faults[0].kind\": unknown fault kind \"Exception\" (expected one of %1)")
+             .arg(kinds)},
+        {"kind not a text", R"([{"kind": 1}])",
+         QStringLiteral("key \"faults[0].kind\": expected one of %1").arg(kinds)},
+        {"kind missing", R"([{"unit": 1}])",
+         QStringLiteral("key \"faults[0].kind\": missing (expected one of %1)").arg(kinds)},
+        {"unknown key", R"([{"kind": "silence", "units": 1}])",
+         QStringLiteral("key \"faults[0].units\": unknown key")},
+        {"parameter of another kind", R"([{"kind": "exception", "delay_ms": 100}])",
+         QStringLiteral("key \"faults[0].delay_ms\": not used by fault kind \"exception\"")},
+        {"parameter of a kind without any", R"([{"kind": "header_only", "length_field": 1}])",
+         QStringLiteral("key \"faults[0].length_field\": not used by fault kind \"header_only\"")},
+        {"unit too large", R"([{"kind": "silence", "unit": 256}])",
+         QStringLiteral("key \"faults[0].unit\": value 256 is out of range 0..255")},
+        {"unit negative", R"([{"kind": "silence", "unit": -1}])",
+         QStringLiteral("key \"faults[0].unit\": value -1 is out of range 0..255")},
+        {"unit as text", R"([{"kind": "silence", "unit": "1"}])",
+         QStringLiteral("key \"faults[0].unit\": expected a whole number")},
+        {"unit as flag", R"([{"kind": "silence", "unit": true}])",
+         QStringLiteral("key \"faults[0].unit\": expected a whole number")},
+        {"function too large", R"([{"kind": "silence", "function": 256}])",
+         QStringLiteral("key \"faults[0].function\": value 256 is out of range 0..255")},
+        {"address too large", R"([{"kind": "silence", "address": 65536}])",
+         QStringLiteral("key \"faults[0].address\": value 65536 is out of range 0..65535")},
+        {"fractional address", R"([{"kind": "silence", "address": 1.5}])",
+         QStringLiteral("key \"faults[0].address\": expected a whole number")},
+        {"exception code 0", R"([{"kind": "exception", "exception_code": 0}])",
+         QStringLiteral("key \"faults[0].exception_code\": value 0 is out of range 1..255")},
+        {"exception code too large", R"([{"kind": "exception", "exception_code": 256}])",
+         QStringLiteral("key \"faults[0].exception_code\": value 256 is out of range 1..255")},
+        {"delay too long", R"([{"kind": "delay", "delay_ms": 60001}])",
+         QStringLiteral("key \"faults[0].delay_ms\": value 60001 is out of range 0..60000")},
+        {"byte delay negative", R"([{"kind": "byte_by_byte", "delay_ms": -1}])",
+         QStringLiteral("key \"faults[0].delay_ms\": value -1 is out of range 0..60000")},
+        {"after requests negative", R"([{"kind": "close_after", "after_requests": -1}])",
+         QStringLiteral("key \"faults[0].after_requests\": value -1 is out of range 0..2147483647")},
+        {"length field too large", R"([{"kind": "wrong_length", "length_field": 65536}])",
+         QStringLiteral("key \"faults[0].length_field\": value 65536 is out of range 0..65535")},
+        {"garbage not text", R"([{"kind": "trailing_garbage", "garbage": 5}])",
+         QStringLiteral("key \"faults[0].garbage\": expected a text or \"hex:...\"")},
+        {"garbage bad hex", R"([{"kind": "trailing_garbage", "garbage": "hex:0g"}])",
+         QStringLiteral("key \"faults[0].garbage\": \"hex:0g\" is not valid hexadecimal")},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        const QByteArray json = QByteArray(R"({"faults": )") + row.faults + "}";
+        Simulator simulator;
+        QString error;
+        EXPECT_FALSE(simulator.loadMapJson(json, &error));
+        EXPECT_EQ(error.toStdString(), row.error.toStdString());
+        std::vector<FaultRule> faults;
+        QString faultsError;
+        EXPECT_FALSE(modbus_sim::readMapFaults(json, &faults, &faultsError));
+        EXPECT_EQ(faultsError, error);
+    }
+}
+
+TEST(SimulatorMapFileFaults, BadFaultFileChangesNothing) {
+    QTemporaryDir dir;
+    ASSERT_TRUE(dir.isValid());
+    Simulator simulator;
+    simulator.setHoldingRegisters(0, {9});
+    const QString path = writeFile(dir, R"({"holding_registers": {"0": [1]},
+                                            "faults": [{"kind": "exception", "exception_code": 2},
+                                                       {"kind": "explode"}]})");
+    QString error;
+    EXPECT_FALSE(simulator.loadMapFile(path, &error));
+    EXPECT_EQ(
+        error,
+        path + QStringLiteral(": key \"faults[1].kind\": unknown fault kind \"explode\" (expected one of ") +
+            modbus_sim::faultKindNameList() + QStringLiteral(")"));
+    EXPECT_EQ(simulator.holdingRegisters(0, 1), std::vector<uint16_t>({9}));
+    // The good first fault was not added either.
+    ASSERT_TRUE(simulator.start());
+    RawClient client;
+    ASSERT_TRUE(client.connectTo(simulator.port()));
+    EXPECT_EQ(client.exchange(adu(1, 1, "0300000001")).toHex(), QByteArray("0001000000050103020009"));
+}
+
+const QString kSimulatorProgram = QStringLiteral(ZELT_BINARY_DIR "/tools/modbus-sim");
+const QString kMbpoll = QStringLiteral("/usr/bin/mbpoll");
+
+TEST(ModbusSimProgramFaults, FaultFromTheMapFileTakesEffect) {
+    if (!QFileInfo::exists(kSimulatorProgram)) GTEST_SKIP() << "modbus-sim is not built";
+    QTemporaryDir dir;
+    ASSERT_TRUE(dir.isValid());
+    const QString map = writeFile(dir, R"({"holding_registers": {"0": [11, 22, 33, 44, 55, 66]},
+                                           "faults": [{"kind": "exception", "function": 3, "address": 5,
+                                                       "exception_code": 2}]})");
+    QProcess process;
+    process.start(kSimulatorProgram,
+                  {QStringLiteral("--map"), map, QStringLiteral("--port"), QStringLiteral("0")});
+    ASSERT_TRUE(process.waitForReadyRead(kAnswerWaitMs));
+    const QString line = QString::fromUtf8(process.readLine()).trimmed();
+    const QRegularExpressionMatch match =
+        QRegularExpression(QStringLiteral("^listening on 127\\.0\\.0\\.1:(\\d+)$")).match(line);
+    ASSERT_TRUE(match.hasMatch()) << line.toStdString();
+    const uint16_t port = static_cast<uint16_t>(match.captured(1).toInt());
+
+    RawClient client;
+    ASSERT_TRUE(client.connectTo(port));
+    EXPECT_EQ(client.exchange(adu(1, 1, "0300050001")).toHex(), QByteArray("00010000000301"
+                                                                           "8302"));
+    EXPECT_EQ(client.exchange(adu(2, 1, "0300000005")).toHex(), QByteArray("00020000000d01030a"
+                                                                           "000b00160021002c0037"));
+    client.close();
+
+    if (QFileInfo::exists(kMbpoll)) {
+        // mbpoll numbers references from 1: reference 6 is holding register 5.
+        QProcess mbpoll;
+        mbpoll.start(
+            kMbpoll,
+            {QStringLiteral("-m"), QStringLiteral("tcp"), QStringLiteral("-a"), QStringLiteral("1"),
+             QStringLiteral("-t"), QStringLiteral("4"), QStringLiteral("-r"), QStringLiteral("6"),
+             QStringLiteral("-c"), QStringLiteral("1"), QStringLiteral("-p"), QString::number(port),
+             QStringLiteral("-o"), QStringLiteral("2"), QStringLiteral("-1"), QStringLiteral("127.0.0.1")});
+        ASSERT_TRUE(mbpoll.waitForFinished(kAnswerWaitMs * 2));
+        const QString output =
+            QString::fromUtf8(mbpoll.readAllStandardOutput() + mbpoll.readAllStandardError());
+        EXPECT_EQ(mbpoll.exitCode(), 1) << output.toStdString();
+        EXPECT_TRUE(
+            output.contains(QStringLiteral("Read output (holding) register failed: Illegal data address")))
+            << output.toStdString();
+    }
+
+    ::kill(static_cast<pid_t>(process.processId()), SIGTERM);
+    ASSERT_TRUE(process.waitForFinished(kAnswerWaitMs));
+    EXPECT_EQ(process.exitCode(), 0);
 }
 
 }  // namespace

@@ -1,13 +1,15 @@
-// Reads the simulator's JSON map file: served units, register tables, identification and Report Slave ID.
-// Everything is checked before anything is applied, so a bad file leaves the simulator as it was.
+// Reads the simulator's JSON map file: served units, register tables, identification, Report Slave ID and
+// faults. Everything is checked before anything is applied, so a bad file leaves the simulator as it was.
 
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QJsonParseError>
+#include <limits>
 #include <optional>
 
+#include "tools/sim/sim_fault_names.h"
 #include "tools/sim/sim_protocol.h"
 #include "tools/sim/simulator.h"
 
@@ -19,6 +21,38 @@ constexpr int kMaxUnitId = 255;
 constexpr int kMaxRegisterValue = 0xFFFF;
 constexpr int kMaxObjectId = 0xFF;
 constexpr char kHexPrefix[] = "hex:";
+constexpr int kMaxFunctionCode = 0xFF;
+constexpr int kMinExceptionCode = 1;
+constexpr int kMaxExceptionCode = 0xFF;
+// A minute is far beyond any client timeout worth testing; longer waits only slow a test run down.
+constexpr int kMaxFaultDelayMs = 60000;
+constexpr int kMaxAfterRequests = std::numeric_limits<int>::max();
+constexpr int kMaxLengthField = 0xFFFF;
+
+// The parameter key each fault kind reads; kinds without one take none.
+const char* faultParameterKey(FaultKind kind) {
+    switch (kind) {
+        case FaultKind::Exception:
+            return "exception_code";
+        case FaultKind::Delay:
+        case FaultKind::ByteByByte:
+            return "delay_ms";
+        case FaultKind::CloseAfter:
+            return "after_requests";
+        case FaultKind::WrongLength:
+            return "length_field";
+        case FaultKind::TrailingGarbage:
+            return "garbage";
+        default:
+            return nullptr;
+    }
+}
+
+bool isFaultParameterKey(const QString& key) {
+    return key == QLatin1String("exception_code") || key == QLatin1String("delay_ms") ||
+           key == QLatin1String("after_requests") || key == QLatin1String("length_field") ||
+           key == QLatin1String("garbage");
+}
 
 template <typename T>
 struct TableBlock {
@@ -35,6 +69,7 @@ struct MapFile {
     std::vector<TableBlock<uint8_t>> discreteInputs;
     std::optional<DeviceIdentification> identification;
     std::optional<QByteArray> reportSlaveId;
+    std::vector<FaultRule> faults;
 };
 
 class MapReader {
@@ -54,6 +89,9 @@ private:
     bool readTable(const QJsonValue& value, const QString& key, int maxValue,
                    std::vector<TableBlock<T>>* out);
     bool readIdentification(const QJsonValue& value, const QString& key, DeviceIdentification* out);
+    bool readNumber(const QJsonValue& value, const QString& key, int min, int max, int* out);
+    bool readFault(const QJsonValue& value, const QString& key, FaultRule* out);
+    bool readFaults(const QJsonValue& value, const QString& key, std::vector<FaultRule>* out);
 };
 
 bool MapReader::readInt(const QJsonValue& value, const QString& key, int min, int max, int* out) {
@@ -159,6 +197,77 @@ bool MapReader::readIdentification(const QJsonValue& value, const QString& key, 
     return true;
 }
 
+// Like readInt, but true/false are not numbers here: a selector or parameter given as a flag is a mistake.
+bool MapReader::readNumber(const QJsonValue& value, const QString& key, int min, int max, int* out) {
+    if (value.isBool()) return fail(key, QStringLiteral("expected a whole number"));
+    return readInt(value, key, min, max, out);
+}
+
+bool MapReader::readFault(const QJsonValue& value, const QString& key, FaultRule* out) {
+    if (!value.isObject()) return fail(key, QStringLiteral("expected an object"));
+    const QJsonObject object = value.toObject();
+    const QString kindKey = key + QStringLiteral(".kind");
+    // The kind comes first: it decides which parameters the other keys may name.
+    if (!object.contains(QLatin1String("kind"))) {
+        return fail(kindKey, QStringLiteral("missing (expected one of %1)").arg(faultKindNameList()));
+    }
+    const QJsonValue kindValue = object.value(QLatin1String("kind"));
+    if (!kindValue.isString()) {
+        return fail(kindKey, QStringLiteral("expected one of %1").arg(faultKindNameList()));
+    }
+    const std::optional<FaultKind> kind = faultKindFromName(kindValue.toString());
+    if (!kind) {
+        return fail(kindKey, QStringLiteral("unknown fault kind \"%1\" (expected one of %2)")
+                                 .arg(kindValue.toString(), faultKindNameList()));
+    }
+    FaultRule rule;
+    rule.kind = *kind;
+    const char* parameterKey = faultParameterKey(rule.kind);
+    for (auto it = object.begin(); it != object.end(); ++it) {
+        const QString subKey = key + QLatin1Char('.') + it.key();
+        if (it.key() == QLatin1String("kind")) continue;
+        if (it.key() == QLatin1String("unit")) {
+            if (!readNumber(it.value(), subKey, 0, kMaxUnitId, &rule.unit)) return false;
+        } else if (it.key() == QLatin1String("function")) {
+            if (!readNumber(it.value(), subKey, 0, kMaxFunctionCode, &rule.function)) return false;
+        } else if (it.key() == QLatin1String("address")) {
+            if (!readNumber(it.value(), subKey, 0, kTableSize - 1, &rule.address)) return false;
+        } else if (isFaultParameterKey(it.key()) &&
+                   (!parameterKey || it.key() != QLatin1String(parameterKey))) {
+            // A parameter the kind ignores is most likely a mix-up of kinds; ignoring it would hide that.
+            return fail(
+                subKey,
+                QStringLiteral("not used by fault kind \"%1\"").arg(QLatin1String(faultKindName(rule.kind))));
+        } else if (it.key() == QLatin1String("exception_code")) {
+            if (!readNumber(it.value(), subKey, kMinExceptionCode, kMaxExceptionCode, &rule.exceptionCode))
+                return false;
+        } else if (it.key() == QLatin1String("delay_ms")) {
+            if (!readNumber(it.value(), subKey, 0, kMaxFaultDelayMs, &rule.delayMs)) return false;
+        } else if (it.key() == QLatin1String("after_requests")) {
+            if (!readNumber(it.value(), subKey, 0, kMaxAfterRequests, &rule.afterRequests)) return false;
+        } else if (it.key() == QLatin1String("length_field")) {
+            if (!readNumber(it.value(), subKey, 0, kMaxLengthField, &rule.lengthField)) return false;
+        } else if (it.key() == QLatin1String("garbage")) {
+            if (!readBytes(it.value(), subKey, &rule.garbage)) return false;
+        } else {
+            return fail(subKey, QStringLiteral("unknown key"));
+        }
+    }
+    *out = rule;
+    return true;
+}
+
+bool MapReader::readFaults(const QJsonValue& value, const QString& key, std::vector<FaultRule>* out) {
+    if (!value.isArray()) return fail(key, QStringLiteral("expected an array of fault objects"));
+    const QJsonArray array = value.toArray();
+    for (int i = 0; i < array.size(); ++i) {
+        FaultRule rule;
+        if (!readFault(array.at(i), QStringLiteral("%1[%2]").arg(key).arg(i), &rule)) return false;
+        out->push_back(rule);
+    }
+    return true;
+}
+
 bool MapReader::read(const QJsonObject& root, MapFile* map) {
     for (auto it = root.begin(); it != root.end(); ++it) {
         const QString key = it.key();
@@ -198,6 +307,8 @@ bool MapReader::read(const QJsonObject& root, MapFile* map) {
             QByteArray payload;
             if (!readBytes(value, key, &payload)) return false;
             map->reportSlaveId = payload;
+        } else if (key == QLatin1String("faults")) {
+            if (!readFaults(value, key, &map->faults)) return false;
         } else {
             return fail(key, QStringLiteral("unknown key"));
         }
@@ -205,9 +316,8 @@ bool MapReader::read(const QJsonObject& root, MapFile* map) {
     return true;
 }
 
-}  // namespace
-
-bool Simulator::loadMapJson(const QByteArray& json, QString* error) {
+// Reads and checks the whole map without applying any of it.
+bool parseMap(const QByteArray& json, MapFile* map, QString* error) {
     QJsonParseError parseError;
     const QJsonDocument document = QJsonDocument::fromJson(json, &parseError);
     if (parseError.error != QJsonParseError::NoError) {
@@ -222,12 +332,26 @@ bool Simulator::loadMapJson(const QByteArray& json, QString* error) {
         if (error) *error = QStringLiteral("the map must be a JSON object");
         return false;
     }
-    MapFile map;
     MapReader reader;
-    if (!reader.read(document.object(), &map)) {
+    if (!reader.read(document.object(), map)) {
         if (error) *error = reader.error;
         return false;
     }
+    return true;
+}
+
+}  // namespace
+
+bool readMapFaults(const QByteArray& json, std::vector<FaultRule>* faults, QString* error) {
+    MapFile map;
+    if (!parseMap(json, &map, error)) return false;
+    *faults = map.faults;
+    return true;
+}
+
+bool Simulator::loadMapJson(const QByteArray& json, QString* error) {
+    MapFile map;
+    if (!parseMap(json, &map, error)) return false;
     if (map.units) setUnits(*map.units);
     if (map.unknownUnitReply) setUnknownUnitReply(*map.unknownUnitReply);
     for (const auto& block : map.holdingRegisters) setHoldingRegisters(block.address, block.values);
@@ -236,6 +360,7 @@ bool Simulator::loadMapJson(const QByteArray& json, QString* error) {
     for (const auto& block : map.discreteInputs) setDiscreteInputs(block.address, block.values);
     if (map.identification) setDeviceIdentification(*map.identification);
     if (map.reportSlaveId) setReportSlaveId(*map.reportSlaveId);
+    for (const auto& fault : map.faults) addFault(fault);
     return true;
 }
 
