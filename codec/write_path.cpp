@@ -33,9 +33,11 @@ constexpr unsigned int kRegisterAddressSpace = 65536;
 const QString kBitOff = QStringLiteral("0");
 const QString kBitOn = QStringLiteral("1");
 
-// Two entries of a batch are the same item when they name the same item instance.
-bool sameItem(ItemInstancePlugin const& a, ItemInstancePlugin const& b) {
-    return a.uid == b.uid && a.deviceId == b.deviceId && a.name == b.name;
+// Two entries of a batch are the same item when they are one entry, or carry the same configured item (its
+// uid). Items without a uid (hand-made batches) are told apart by entry only.
+bool sameItem(DataItem const* a, DataItem const* b) {
+    if (a == b) return true;
+    return !a->item.uid.isEmpty() && a->item.uid == b->item.uid && a->item.deviceId == b->item.deviceId;
 }
 
 }  // namespace
@@ -77,7 +79,7 @@ bool Modbus::writeData(LogList* list) {
         bool const multiple =
             device.settings.value(QStringLiteral("write_preset")).toUInt() == kMultiplePresets;
 
-        QList<ItemInstancePlugin> failed;  // items not to be tried again in this batch
+        QList<DataItem const*> failed;  // items not to be tried again in this batch
         for (DataItem* dataItem : list->dataItems) {
             if (dataItem == nullptr) {
                 continue;
@@ -86,8 +88,9 @@ bool Modbus::writeData(LogList* list) {
             if (zelt_identity::isIdentityAddress(item.settings.value(kRegisterKey))) {
                 continue;
             }
-            bool const failedBefore = std::any_of(
-                failed.cbegin(), failed.cend(), [&item](auto const& other) { return sameItem(item, other); });
+            bool const failedBefore =
+                std::any_of(failed.cbegin(), failed.cend(),
+                            [dataItem](DataItem const* other) { return sameItem(dataItem, other); });
             if (failedBefore) {
                 writeLogInfo(QStringLiteral("Not going to retry writing %1").arg(item.name));
                 continue;
@@ -101,7 +104,7 @@ bool Modbus::writeData(LogList* list) {
                 writeLogDebug(QStringLiteral("Failed to write %1. Register: %2 Offset: %3 Error: %4")
                                   .arg(item.name, item.settings.value(kRegisterTypeKey),
                                        item.settings.value(kRegisterKey), item.lastError));
-                failed.append(item);
+                failed.append(dataItem);
             } else {
                 writeLogDebug(QStringLiteral("Wrote %1. Register: %2 Offset: %3 Value: %4")
                                   .arg(item.name, item.settings.value(kRegisterTypeKey),
@@ -133,7 +136,8 @@ bool Modbus::writeVar(Connection& conn, ItemInstancePlugin& item, bool littleEnd
     RegisterType const table = getType(item);
     int const offset = getOffset(item);
     if (offset < 0) {
-        writeLogDebug(QStringLiteral("Wrong offset format. Item: %1, Offset: %2").arg(item.name).arg(offset));
+        writeLogDebug(QStringLiteral("Wrong offset format. Item: %1, Offset: %2")
+                          .arg(item.name, QString::number(offset)));
         item.setLastError(QStringLiteral("Wrong offset format"));
         return false;
     }

@@ -86,7 +86,7 @@ QList<DatabaseColumnStructure> deviceColumns(const QList<NetworkInterfaceInstanc
                "Ethernet interface used for Modbus TCP subnet discovery. Default is eth0. Choose All IPv4 "
                "interfaces "
                "to scan every NIC.");
-    networkInterface.insertSelectionValues(QStringLiteral("All IPv4 interfaces"), QString());
+    networkInterface.insertSelectionValues(QStringLiteral("All IPv4 interfaces"), QStringLiteral(""));
     for (const NetworkInterfaceInstance& iface : interfaces) {
         if (!iface.name.isEmpty()) networkInterface.insertSelectionValues(iface.name, iface.name);
     }

@@ -81,6 +81,8 @@ public:
                   bool stringLittleEndian, bool stringByteSwapped, QString value, bool multiple);
 
 private:
+    bool readBatch(LogList* list);
+
     PluginInterface pluginInterface;
     std::mutex connectionsMutex;
     bool stopping;

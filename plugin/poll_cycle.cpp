@@ -1,9 +1,17 @@
+#include <modbus.h>
+
 #include <algorithm>
+#include <climits>
+#include <exception>
 
 #include "plugin/modbus.h"
 #include "plugin/modbus_identity_specs.h"
 
 namespace {
+// libmodbus refuses larger reads before it touches the buffer, so no buffer needs to be larger.
+constexpr int kLargestBitRead = MODBUS_MAX_READ_BITS;
+constexpr int kLargestRegisterRead = MODBUS_MAX_READ_REGISTERS;
+
 // 0 in the narrowed "max_read_registers" and anything above the protocol ceiling read at the ceiling.
 unsigned char readLimit(unsigned char maxReadRegisters) {
     if (maxReadRegisters == 0 || maxReadRegisters > Connection::max_read_registers)
@@ -17,9 +25,23 @@ QString flagText(bool flag) {
 }  // namespace
 
 bool Modbus::readData(LogList* list) {
+    if (!list) return false;
+    try {
+        return readBatch(list);
+    } catch (const std::exception& error) {
+        // Nothing may escape into the host; the batch keeps what was read before.
+        writeLogError(QStringLiteral("Reading from %1 failed: %2")
+                          .arg(list->device.name, QString::fromLocal8Bit(error.what())));
+        return false;
+    }
+}
+
+bool Modbus::readBatch(LogList* list) {
     DeviceInstancePlugin& device = list->device;
-    writeLogDebug(QStringLiteral("Going to read ") + QString::number(list->dataItems.size()) +
-                  QStringLiteral(" from ") + device.name);
+    // Counted as the host handed the batch over: identity items the sync appends are not part of this read.
+    const int batchSize = list->dataItems.size();
+    writeLogDebug(QStringLiteral("Going to read ") + QString::number(batchSize) + QStringLiteral(" from ") +
+                  device.name);
 
     std::vector<DataItem*> readList;
     readList.reserve(list->dataItems.size());
@@ -78,8 +100,8 @@ bool Modbus::readData(LogList* list) {
         device.lastError = connection.errToStr(deviceError);
         return false;
     }
-    writeLogDebug(QStringLiteral("Done reading ") + QString::number(list->dataItems.size()) +
-                  QStringLiteral(" from ") + device.name);
+    writeLogDebug(QStringLiteral("Done reading ") + QString::number(batchSize) + QStringLiteral(" from ") +
+                  device.name);
     if (device.settings.value(QStringLiteral("persistent_connection")).toInt() == 0) connection.disconnect();
     return true;
 }
@@ -97,9 +119,9 @@ Modbus::DataItemIterator Modbus::readItems(Connection& connection, DataItemItera
     const int lastAddress = getOffset(lastItem);
     const RegisterType table = getType(firstItem);
     const auto lastType = static_cast<VarType>(lastItem.settings.value(QStringLiteral("type")).toInt());
-    const int endAddress =
-        lastAddress + static_cast<int>(getSpan(lastItem)) + static_cast<int>(getLengthOfVar(lastType)) - 1;
-    const int count = endAddress - startAddress + 1;
+    // In 64 bits: a range text may name a span of billions of registers.
+    const qint64 endAddress = qint64(lastAddress) + getSpan(lastItem) + getLengthOfVar(lastType) - 1;
+    const int count = static_cast<int>(qBound<qint64>(0, endAddress - startAddress + 1, INT_MAX));
 
     if (count > limit) {
         const DataItemIterator mid = first + (last - first) / 2;
@@ -127,7 +149,7 @@ Modbus::DataItemIterator Modbus::readItems(Connection& connection, DataItemItera
 
     int error = 0;
     if (table == OutputCoil || table == InputCoil) {
-        std::vector<unsigned char> bits(count);
+        std::vector<unsigned char> bits(std::min(count, kLargestBitRead));
         if (connection.readBits(table, startAddress, count, bits.data(), &error) >= 0)
             return extract(first, last, startAddress, bits);
         connection.setConnected(false);
@@ -137,7 +159,7 @@ Modbus::DataItemIterator Modbus::readItems(Connection& connection, DataItemItera
         return first;
     }
     if (table == InputRegister || table == HoldingRegister) {
-        std::vector<unsigned short> words(count);
+        std::vector<unsigned short> words(std::min(count, kLargestRegisterRead));
         writeLogDebug(
             requestText("Reading words %1 registers of type %2 from %3 to %4. Max read registers: %5"));
         const int result = connection.readWords(table, startAddress, count, words.data(), &error);

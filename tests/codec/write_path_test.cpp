@@ -703,3 +703,37 @@ TEST_F(WritePathTest, NoConnectionWhileStoppingAndNullBatch) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(WritePathTest, ItemsWithoutUidAreToldApartByEntry) {
+    // Hand-made batches (the developer harness) name every item alike and give none a uid.
+    ItemInstancePlugin broken = makeItem(QStringLiteral("40000"), QStringLiteral("4"),
+                                         QString::number(UINT16), QStringLiteral("test"));
+    ItemInstancePlugin fine = makeItem(QStringLiteral("40003"), QStringLiteral("4"), QString::number(UINT16),
+                                       QStringLiteral("test"));
+    broken.uid.clear();
+    fine.uid.clear();
+    Batch batch;
+    batch.list.device = device();
+    DataItem* first = batch.add(broken, QStringLiteral("1"));
+    batch.add(fine, QStringLiteral("77"));
+    batch.list.dataItems.append(first);  // the very same entry again is not retried
+    EXPECT_TRUE(plugin.writeData(&batch.list));
+    EXPECT_EQ(batch.error(0), QStringLiteral("Wrong offset format"));
+    EXPECT_EQ(batch.error(1), QString());
+    EXPECT_EQ(sim.holdingRegisters(2, 1), std::vector<uint16_t>{77});
+    EXPECT_EQ(Host::instance().countLog(LogLevel::Info, QStringLiteral("Not going to retry writing test")),
+              1);
+}
+
+TEST_F(WritePathTest, ItemNameIsNotReadAsAPlaceholder) {
+    QString error;
+    writeOne(makeItem(QStringLiteral("40000"), QStringLiteral("4"), QString::number(INT16),
+                      QStringLiteral("a%2b")),
+             QStringLiteral("1"), {}, &error);
+    EXPECT_TRUE(Host::instance().hasLog(LogLevel::Debug,
+                                        QStringLiteral("Wrong offset format. Item: a%2b, Offset: -1")));
+}
+
+}  // namespace

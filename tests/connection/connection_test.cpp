@@ -148,6 +148,19 @@ TEST_F(ConnectionTest, FailedConnectLogsAndReportsErrno) {
     }
 }
 
+TEST_F(ConnectionTest, UnitIdLibmodbusRefusesIsLoggedAsGivenAndGivesUpTheContext) {
+    // libmodbus accepts unit ids 0 to 247 and 255 on TCP.
+    int err = 0;
+    Connection connection(network(300), &host, &err);
+    EXPECT_FALSE(connection.isConnected());
+    EXPECT_FALSE(static_cast<bool>(connection));
+    EXPECT_EQ(err, EINVAL);
+    EXPECT_EQ(Host::instance().logTexts(LogLevel::Debug),
+              QStringList({QStringLiteral("Could not set server ID to 300: Invalid argument")}));
+    EXPECT_EQ(connection.errToStr(err), QStringLiteral("Invalid argument"));
+    EXPECT_EQ(simulator.acceptedConnections(), 0);
+}
+
 TEST_F(ConnectionTest, HostNameConnects) {
     Connection::Network net = network();
     net.host = QStringLiteral("localhost");

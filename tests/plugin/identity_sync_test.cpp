@@ -189,6 +189,24 @@ TEST_F(IdentitySyncTest, EndlessMoreFollowsIsAskedFourTimesPerReadCode) {
         Host::instance().hasLog(LogLevel::Info, QStringLiteral("Read 1 identity value(s) for device 5")));
 }
 
+TEST_F(IdentitySyncTest, ReportSlaveIdWithTrailingDataGivesTheModel) {
+    // The byte count (05) is not trusted: everything after the run indicator is the text.
+    test_support::ScriptedServer server([](const test_support::Request& request) {
+        if (request.pdu.startsWith(QByteArray::fromHex("2b")))
+            return test_support::replyFrame(request, QByteArray::fromHex("ab01"));
+        if (request.pdu == QByteArray::fromHex("11"))
+            return test_support::replyFrame(request, QByteArray::fromHex("110501ff4142"));
+        return test_support::replyFrame(request, QByteArray::fromHex("0300"));
+    });
+    Batch batch(makeDevice(8, server.port()));
+    ASSERT_TRUE(plugin.readData(&batch.list));
+    EXPECT_EQ(publishedIdentity(batch), (QMap<QString, QString>{{"model", "AB"}}));
+    std::vector<QByteArray> identification;
+    for (const test_support::Request& request : server.requests()) identification.push_back(request.pdu);
+    EXPECT_EQ(identification,
+              (std::vector<QByteArray>{QByteArray::fromHex("2b0e0100"), QByteArray::fromHex("11")}));
+}
+
 TEST_F(IdentitySyncTest, DeviceIdZeroAndConnectionWithoutContextDoNothing) {
     fullIdentification(0);
     Batch batch(makeDevice(0, sim.port()));

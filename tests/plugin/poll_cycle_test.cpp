@@ -351,3 +351,37 @@ TEST_F(PollCycleTest, SilentDeviceFailsWithinTheTimeoutsAndIsNotProbedTwice) {
     EXPECT_EQ(sim.requestCount(43), 0);
     EXPECT_EQ(sim.requestCount(17), 0);
 }
+
+TEST_F(PollCycleTest, EmptyBatchOfADeviceWithIdentityCountsOnlyWhatTheHostHandedOver) {
+    modbus_sim::DeviceIdentification identification;
+    identification.objects = {{0, "ACME"}, {5, "M1"}};
+    sim.setDeviceIdentification(identification);
+    Host::instance().setDevices({device()});
+    plugin.init();
+    Batch batch(device());
+    EXPECT_TRUE(plugin.readData(&batch.list));
+    std::vector<QByteArray> identificationRequests;
+    for (const modbus_sim::RequestRecord& record : sim.requestLog())
+        if (record.function == 43) identificationRequests.push_back(record.pdu);
+    EXPECT_EQ(identificationRequests,
+              (std::vector<QByteArray>{QByteArray::fromHex("2b0e0100"), QByteArray::fromHex("2b0e0200")}));
+    EXPECT_EQ(batch.list.dataItems.size(), 2);  // the vendor and model items the plugin published
+    const QStringList debug = Host::instance().logTexts(LogLevel::Debug);
+    EXPECT_TRUE(debug.contains(QStringLiteral("Going to read 0 from device1")));
+    EXPECT_TRUE(debug.contains(QStringLiteral("Done reading 0 from device1")));
+}
+
+TEST_F(PollCycleTest, RangeOfBillionsOfRegistersFailsOnTheItemWithoutEscaping) {
+    for (const char* address : {"40001-4294967295", "40001-2000000000"}) {
+        SCOPED_TRACE(address);
+        Batch batch(device());
+        batch.add(makeItem("huge", address, "4", "7"));
+        EXPECT_TRUE(plugin.readData(&batch.list));
+        EXPECT_EQ(batch.error("huge"), QStringLiteral("Too many data"));
+    }
+    EXPECT_TRUE(dataReads(sim).empty());
+}
+
+TEST_F(PollCycleTest, NullBatchIsRefused) {
+    EXPECT_FALSE(plugin.readData(nullptr));
+}
