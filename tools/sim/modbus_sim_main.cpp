@@ -21,7 +21,7 @@ void printUsage(FILE* out) {
             "Simulates a Modbus TCP device until interrupted (SIGINT or SIGTERM).\n"
             "  --listen ADDR  IPv4 address to listen on (default 127.0.0.1)\n"
             "  --port N       TCP port, 0 picks a free one (default 0)\n"
-            "  --map FILE     JSON map of units, register tables and identification\n"
+            "  --map FILE     JSON map of units, register tables, identification and faults\n"
             "  --help         show this help\n");
 }
 

@@ -24,7 +24,7 @@ int runSimulate(const QStringList& arguments) {
     command.addOption(QStringLiteral("port"), QStringLiteral("N"),
                       QStringLiteral("TCP port; 0 picks a free one (default 0)"));
     command.addOption(QStringLiteral("map"), QStringLiteral("FILE"),
-                      QStringLiteral("JSON map of units, register tables and identification"));
+                      QStringLiteral("JSON map of units, register tables, identification and faults"));
     if (int exitCode = 0; !command.parse(arguments, &exitCode)) return exitCode;
     int port = 0;
     if (!readNumberOption(command, QStringLiteral("port"), 0, 0, &port)) return kExitUsage;
