@@ -5,6 +5,7 @@
 #include <QString>
 #include <QtGlobal>
 
+#include "discovery/constants.h"
 #include "discovery/identify_result.h"
 
 namespace ModbusDiscovery {
@@ -12,8 +13,8 @@ namespace ModbusDiscovery {
 struct Candidate {
     QString address;
     QString deviceInterface;
-    quint16 port = 502;
-    quint8 unitId = 1;
+    quint16 port = kDefaultTcpPort;
+    quint8 unitId = kDefaultUnitId;
     QString vendor;
     QString productCode;
     QString version;

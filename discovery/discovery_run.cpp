@@ -2,9 +2,10 @@
 
 #include <chrono>
 #include <cstdio>
-#include <system_error>
 #include <mutex>
+#include <system_error>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "discovery/constants.h"
@@ -113,8 +114,10 @@ struct RunState {
 
 }  // namespace
 
-QList<Candidate> discoverDevices(const Options& options, Transport& transport, QStringList* log,
-                                 std::atomic<bool>* cancel) {
+namespace {
+
+QList<Candidate> runDiscovery(const Options& options, Transport& transport, QStringList* log,
+                              std::atomic<bool>* cancel) {
     const QString ports = joinNumbers(options.tcpPorts);
     const QString units = joinNumbers(options.unitIds);
     const QString interfaceLabel =
@@ -166,6 +169,18 @@ QList<Candidate> discoverDevices(const Options& options, Transport& transport, Q
     logDiscovery(
         QStringLiteral("%1 discovery importable=%2").arg(kTypeName, QString::number(state.results.size())));
     return state.results;
+}
+
+}  // namespace
+
+QList<Candidate> discoverDevices(const Options& options, Transport& transport, QStringList* log,
+                                 std::atomic<bool>* cancel) {
+    // Discovery reports nothing as errors; running out of memory or threads gives no candidates.
+    try {
+        return runDiscovery(options, transport, log, cancel);
+    } catch (...) {
+        return QList<Candidate>();
+    }
 }
 
 }  // namespace ModbusDiscovery

@@ -83,7 +83,8 @@ int connectTcp(const QString& host, quint16 port, int timeoutMs) {
     address.sin_port = htons(port);
     // Only dotted IPv4 literals: a scan must never wait on name resolution.
     const QByteArray hostText = host.toUtf8();
-    if (::inet_pton(AF_INET, hostText.constData(), &address.sin_addr) != 1) {
+    // inet_pton stops at a NUL; a text with one inside is not an address, whatever comes before it.
+    if (hostText.contains('\0') || ::inet_pton(AF_INET, hostText.constData(), &address.sin_addr) != 1) {
         ::close(fd);
         return -1;
     }
@@ -285,6 +286,11 @@ QList<IdentifyResult> identifyOnTcp(const QString& host, quint16 port, const QLi
     if (fd < 0) {
         return results;
     }
+    // Closes the socket on every way out, an exception from the list included.
+    struct SocketCloser {
+        int fd;
+        ~SocketCloser() { ::close(fd); }
+    } closer{fd};
     if (reachable) {
         *reachable = true;
     }
@@ -305,7 +311,6 @@ QList<IdentifyResult> identifyOnTcp(const QString& host, quint16 port, const QLi
             results.append(result);
         }
     }
-    ::close(fd);
     return results;
 }
 

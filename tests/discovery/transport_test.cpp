@@ -546,12 +546,15 @@ TEST_F(TransportTest, HostThatIsNoDottedIpv4LiteralIsNeverConnected) {
     ScriptedServer server([](const Request&) { return QByteArray(); });
     ASSERT_NE(server.port(), 0);
     const int before = openDescriptorCount();
-    for (const char* host : {"localhost", "::1", "[::1]", "", "127.0.0.1.1", "127.0.0.256", " 127.0.0.1",
-                             "ip6-localhost", "0x7f.0.0.1"}) {
-        SCOPED_TRACE(host);
+    const QString withNul = QStringLiteral("127.0.0.1") + QChar(0) + QStringLiteral("garbage");
+    for (const QString& host :
+         {QStringLiteral("localhost"), QStringLiteral("::1"), QStringLiteral("[::1]"), QString(),
+          QStringLiteral("127.0.0.1.1"), QStringLiteral("127.0.0.256"), QStringLiteral(" 127.0.0.1"),
+          QStringLiteral("ip6-localhost"), QStringLiteral("0x7f.0.0.1"), withNul}) {
+        SCOPED_TRACE(host.toStdString());
         bool reachable = true;
-        const QList<IdentifyResult> results = transport.tcpIdentify(QString::fromLatin1(host), server.port(),
-                                                                    {1}, kConnectMs, kReadMs, &reachable);
+        const QList<IdentifyResult> results =
+            transport.tcpIdentify(host, server.port(), {1}, kConnectMs, kReadMs, &reachable);
         EXPECT_FALSE(reachable);
         EXPECT_TRUE(results.isEmpty());
     }
