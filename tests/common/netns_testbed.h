@@ -66,8 +66,9 @@ public:
             list.push_back("ip -n " + scannerNamespace + " link set " + scannerLink + " up");
             list.push_back("ip -n " + deviceNamespace + " link set " + deviceLink + " up");
             // The carrier (RUNNING, which enumeration requires) follows the link a moment later; wait for it.
-            list.push_back("for i in $(seq 150); do ip -n " + scannerNamespace + " -o link show dev " + scannerLink +
-                           " | grep -q 'state UP' && ip -n " + deviceNamespace + " -o link show dev " + deviceLink +
+            list.push_back("for i in $(seq 150); do ip -n " + scannerNamespace + " -o link show dev " +
+                           scannerLink + " | grep -q 'state UP' && ip -n " + deviceNamespace +
+                           " -o link show dev " + deviceLink +
                            " | grep -q 'state UP' && exit 0; sleep 0.02; done; exit 1");
             return list;
         }();

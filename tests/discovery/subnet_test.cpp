@@ -181,12 +181,13 @@ std::string hostsInPrivateNamespace(const QString& interfaceName, int* status) {
         int code = 0;
         if (unshare(CLONE_NEWNET) != 0) {
             code = 77;
-        } else if (std::system("ip link add nsv0 type veth peer name nsv1 && "
-                               "ip addr add 192.168.77.10/24 dev nsv0 && ip addr add 10.9.0.5/16 dev nsv1 && "
-                               "ip link set nsv0 up && ip link set nsv1 up && "
-                               // The carrier (RUNNING) comes up a moment after the link; wait for it, bounded.
-                               "for i in $(seq 100); do ip -o link show dev nsv0 | grep -q 'state UP' && "
-                               "ip -o link show dev nsv1 | grep -q 'state UP' && break; sleep 0.02; done") != 0) {
+        } else if (std::system(
+                       "ip link add nsv0 type veth peer name nsv1 && "
+                       "ip addr add 192.168.77.10/24 dev nsv0 && ip addr add 10.9.0.5/16 dev nsv1 && "
+                       "ip link set nsv0 up && ip link set nsv1 up && "
+                       // The carrier (RUNNING) comes up a moment after the link; wait for it, bounded.
+                       "for i in $(seq 100); do ip -o link show dev nsv0 | grep -q 'state UP' && "
+                       "ip -o link show dev nsv1 | grep -q 'state UP' && break; sleep 0.02; done") != 0) {
             code = 78;
         } else {
             QStringList log;
