@@ -6,7 +6,8 @@ packages=(
   build-essential cmake pkg-config git
   qtbase5-dev libmodbus-dev
   googletest libgtest-dev libgmock-dev
-  mbpoll python3 python3-pymodbus
+  # pymodbus imports its serial transport even for TCP, and apt only recommends the serial packages.
+  mbpoll python3 python3-pymodbus python3-serial python3-serial-asyncio
   iproute2 procps clang-format
 )
 
