@@ -6,6 +6,7 @@
 
 #include "tools/sim/simulator.h"
 #include "tools/simulator_raw_client.h"
+#include "tools/simulator_shared_cases.h"
 
 namespace {
 
@@ -114,21 +115,7 @@ TEST_F(SimulatorFaultTest, SelectorsNarrowTheRule) {
     fault.address = 10;
     fault.exceptionCode = 2;
     simulator.addFault(fault);
-    struct Row {
-        const char* name;
-        uint8_t unit;
-        const char* pdu;
-        const char* answerPdu;
-    };
-    const Row rows[] = {
-        {"covers the address", 2, "0300080004", "8302"},
-        {"starts at the address", 2, "03000a0001", "8302"},
-        {"ends before the address", 2, "0300080002", "030400000000"},
-        {"starts after the address", 2, "03000b0001", "03020000"},
-        {"other unit", 1, "03000a0001", "03020000"},
-        {"other function", 2, "04000a0001", "04020000"},
-    };
-    for (const auto& row : rows) {
+    for (const simulator_test::SelectorCase& row : simulator_test::kSelectorCases) {
         SCOPED_TRACE(row.name);
         EXPECT_EQ(client.exchange(adu(1, row.unit, row.pdu)).mid(7).toHex(), QByteArray(row.answerPdu));
     }

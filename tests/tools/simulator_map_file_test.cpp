@@ -13,6 +13,7 @@
 #include "tools/sim/sim_fault_names.h"
 #include "tools/sim/simulator.h"
 #include "tools/simulator_raw_client.h"
+#include "tools/simulator_shared_cases.h"
 
 namespace {
 
@@ -326,21 +327,7 @@ TEST_F(SimulatorMapFaultTest, ExceptionLeavesTheTablesAlone) {
 
 TEST_F(SimulatorMapFaultTest, SelectorsNarrowTheRule) {
     load(R"([{"kind": "exception", "unit": 2, "function": 3, "address": 10, "exception_code": 2}])");
-    struct Row {
-        const char* name;
-        uint8_t unit;
-        const char* pdu;
-        const char* answerPdu;
-    };
-    const Row rows[] = {
-        {"covers the address", 2, "0300080004", "8302"},
-        {"starts at the address", 2, "03000a0001", "8302"},
-        {"ends before the address", 2, "0300080002", "030400000000"},
-        {"starts after the address", 2, "03000b0001", "03020000"},
-        {"other unit", 1, "03000a0001", "03020000"},
-        {"other function", 2, "04000a0001", "04020000"},
-    };
-    for (const auto& row : rows) {
+    for (const simulator_test::SelectorCase& row : simulator_test::kSelectorCases) {
         SCOPED_TRACE(row.name);
         EXPECT_EQ(client.exchange(adu(1, row.unit, row.pdu)).mid(7).toHex(), QByteArray(row.answerPdu));
     }
@@ -515,7 +502,7 @@ TEST(SimulatorMapFileFaults, BadFaultFileChangesNothing) {
     EXPECT_EQ(client.exchange(adu(1, 1, "0300000001")).toHex(), QByteArray("0001000000050103020009"));
 }
 
-const QString kSimulatorProgram = QStringLiteral(ZELT_BINARY_DIR "/tools/modbus-sim");
+using simulator_test::kSimulatorProgram;
 const QString kMbpoll = QStringLiteral("/usr/bin/mbpoll");
 
 TEST(ModbusSimProgramFaults, FaultFromTheMapFileTakesEffect) {
@@ -526,14 +513,8 @@ TEST(ModbusSimProgramFaults, FaultFromTheMapFileTakesEffect) {
                                            "faults": [{"kind": "exception", "function": 3, "address": 5,
                                                        "exception_code": 2}]})");
     QProcess process;
-    process.start(kSimulatorProgram,
-                  {QStringLiteral("--map"), map, QStringLiteral("--port"), QStringLiteral("0")});
-    ASSERT_TRUE(process.waitForReadyRead(kAnswerWaitMs));
-    const QString line = QString::fromUtf8(process.readLine()).trimmed();
-    const QRegularExpressionMatch match =
-        QRegularExpression(QStringLiteral("^listening on 127\\.0\\.0\\.1:(\\d+)$")).match(line);
-    ASSERT_TRUE(match.hasMatch()) << line.toStdString();
-    const uint16_t port = static_cast<uint16_t>(match.captured(1).toInt());
+    const uint16_t port = simulator_test::startSimulatorProgram(process, {QStringLiteral("--map"), map});
+    ASSERT_NE(port, 0);
 
     RawClient client;
     ASSERT_TRUE(client.connectTo(port));

@@ -12,6 +12,7 @@
 
 #include "tools/sim/simulator.h"
 #include "tools/simulator_raw_client.h"
+#include "tools/simulator_shared_cases.h"
 
 namespace {
 
@@ -129,7 +130,7 @@ TEST_F(SimulatorMbpollTest, UnitNotServedTimesOut) {
         << result.output.toStdString();
 }
 
-const QString kSimulatorProgram = QStringLiteral(ZELT_BINARY_DIR "/tools/modbus-sim");
+using simulator_test::kSimulatorProgram;
 
 class ModbusSimProgramTest : public ::testing::Test {
 protected:
@@ -148,15 +149,10 @@ TEST_F(ModbusSimProgramTest, ServesAMapUntilTerminated) {
         file.write(R"({"holding_registers": {"0": [11, 22]}})");
     }
     QProcess process;
-    process.start(kSimulatorProgram,
-                  {QStringLiteral("--map"), map, QStringLiteral("--port"), QStringLiteral("0")});
-    ASSERT_TRUE(process.waitForReadyRead(kAnswerWaitMs));
-    const QString line = QString::fromUtf8(process.readLine()).trimmed();
-    const QRegularExpressionMatch match =
-        QRegularExpression(QStringLiteral("^listening on 127\\.0\\.0\\.1:(\\d+)$")).match(line);
-    ASSERT_TRUE(match.hasMatch()) << line.toStdString();
+    const uint16_t port = simulator_test::startSimulatorProgram(process, {QStringLiteral("--map"), map});
+    ASSERT_NE(port, 0);
     RawClient client;
-    ASSERT_TRUE(client.connectTo(static_cast<uint16_t>(match.captured(1).toInt())));
+    ASSERT_TRUE(client.connectTo(port));
     EXPECT_EQ(client.exchange(adu(1, 1, "0300000002")).toHex(), QByteArray("000100000007010304000b0016"));
     ::kill(static_cast<pid_t>(process.processId()), SIGTERM);
     ASSERT_TRUE(process.waitForFinished(kAnswerWaitMs));
