@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "common/plugin_batch.h"
+#include "common/plugin_fixture.h"
 #include "common/scripted_server.h"
 #include "plugin/modbus.h"
 #include "tools/sim/simulator.h"
@@ -14,18 +15,8 @@ using zelt_standin::LogLevel;
 
 namespace {
 
-class IdentitySyncTest : public ::testing::Test {
+class IdentitySyncTest : public plugin_test::PluginAndSimulatorTest {
 protected:
-    void SetUp() override {
-        Host::instance().reset();
-        ASSERT_TRUE(sim.start());
-    }
-    void TearDown() override {
-        plugin.stopPlugin();
-        sim.stop();
-        Host::instance().reset();
-    }
-
     // Requests of one function code in the simulator's log, as PDUs.
     std::vector<QByteArray> requestsOf(int function) const {
         std::vector<QByteArray> pdus;
@@ -41,9 +32,6 @@ protected:
         identification.objectsPerResponse = objectsPerResponse;
         sim.setDeviceIdentification(identification);
     }
-
-    modbus_sim::Simulator sim;
-    Modbus plugin;
 };
 
 const QMap<QString, QString> kAllSeven = {{"vendor", "ACME"},
