@@ -9,7 +9,7 @@
 #include <chrono>
 #include <cstring>
 
-#include "plugin/host/plugin_interface.h"
+#include "host/plugin_interface.h"
 
 namespace {
 

@@ -6,8 +6,8 @@
 #include <QMap>
 #include <QString>
 
-#include "plugin/host/plugin_interface.h"
-#include "plugin/host/records.h"
+#include "host/plugin_interface.h"
+#include "host/records.h"
 
 namespace zelt_identity {
 

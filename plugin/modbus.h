@@ -12,9 +12,9 @@
 
 #include "codec/var_type.h"
 #include "connection/connection.h"
-#include "plugin/host/plugin_interface.h"
-#include "plugin/host/records.h"
-#include "plugin/host/zelt_interface.h"
+#include "host/plugin_interface.h"
+#include "host/records.h"
+#include "host/zelt_interface.h"
 
 class Modbus : public QObject, public ZeltInterface {
     Q_OBJECT

@@ -5,7 +5,7 @@
 #include <memory>
 #include <vector>
 
-#include "plugin/host/records.h"
+#include "host/records.h"
 
 namespace codec_test {
 

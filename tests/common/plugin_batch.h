@@ -6,7 +6,7 @@
 #include <functional>
 #include <thread>
 
-#include "plugin/host/records.h"
+#include "host/records.h"
 
 namespace plugin_test {
 

@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "plugin/host/plugin_interface.h"
+#include "host/plugin_interface.h"
 #include "tools/sim/simulator.h"
 #include "tools/standin/standin_host.h"
 

@@ -4,7 +4,7 @@
 #include <QJsonObject>
 #include <QPluginLoader>
 
-#include "plugin/host/zelt_interface.h"
+#include "host/zelt_interface.h"
 
 TEST(PluginLoad, MetadataNamesTheHostInterfaceAndClass) {
     QPluginLoader loader(QStringLiteral(ZELT_PLUGIN_FILE));

@@ -1,5 +1,5 @@
 // The stand-in host's side of the host contract: every service forwards to the one in-process Host.
-#include "plugin/host/plugin_interface.h"
+#include "host/plugin_interface.h"
 
 #include "tools/standin/standin_host.h"
 

@@ -9,7 +9,7 @@
 #include <functional>
 #include <mutex>
 
-#include "plugin/host/records.h"
+#include "host/records.h"
 
 namespace zelt_standin {
 

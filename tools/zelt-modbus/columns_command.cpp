@@ -4,7 +4,7 @@
 #include <QNetworkInterface>
 #include <QTextStream>
 
-#include "plugin/host/zelt_interface.h"
+#include "host/zelt_interface.h"
 #include "tools/standin/standin_host.h"
 #include "tools/zelt-modbus/cli.h"
 #include "tools/zelt-modbus/plugin_loader.h"

@@ -7,7 +7,7 @@
 #include <QMap>
 #include <QString>
 
-#include "plugin/host/records.h"
+#include "host/records.h"
 
 namespace zelt_cli {
 

@@ -14,7 +14,7 @@
 #include "discovery/discovery_run.h"
 #include "discovery/options.h"
 #include "discovery/transport.h"
-#include "plugin/host/zelt_interface.h"
+#include "host/zelt_interface.h"
 #include "tools/standin/standin_host.h"
 #include "tools/zelt-modbus/cli.h"
 #include "tools/zelt-modbus/config.h"

@@ -7,7 +7,7 @@
 #include <QFileInfo>
 #include <QPluginLoader>
 
-#include "plugin/host/zelt_interface.h"
+#include "host/zelt_interface.h"
 
 namespace zelt_cli {
 

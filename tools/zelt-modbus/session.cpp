@@ -2,7 +2,7 @@
 
 #include <QTextStream>
 
-#include "plugin/host/zelt_interface.h"
+#include "host/zelt_interface.h"
 #include "tools/standin/standin_host.h"
 
 namespace zelt_cli {
