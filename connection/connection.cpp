@@ -357,6 +357,10 @@ int Connection::writeString(int addr, int count, unsigned short const* words, in
         errno = EINVAL;
     } else if (count > MODBUS_MAX_WRITE_REGISTERS) {
         errno = EMBMDATA;
+    } else if (count < 1) {
+        // A write of no registers is no valid request (libmodbus would send it all the same); the answer is
+        // the one a device gives to it, without asking.
+        errno = EMBXILVAL;
     } else {
         unsigned char request[MODBUS_TCP_MAX_ADU_LENGTH] = {MODBUS_FC_WRITE_MULTIPLE_REGISTERS};
         putWord(request + 1, addr);

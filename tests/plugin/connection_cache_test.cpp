@@ -1,9 +1,8 @@
 #include <gtest/gtest.h>
 
-#include <condition_variable>
 #include <future>
-#include <mutex>
 
+#include "common/held_log_line.h"
 #include "common/plugin_batch.h"
 #include "plugin/modbus.h"
 #include "tools/sim/simulator.h"
@@ -13,6 +12,7 @@ using plugin_test::Batch;
 using plugin_test::makeDevice;
 using plugin_test::makeItem;
 using plugin_test::waitUntil;
+using test_support::HeldLogLine;
 using zelt_standin::Host;
 
 namespace {
@@ -20,42 +20,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 constexpr int kDelayMs = 300;
 // Bound for waits on events that come at once on an idle machine and within seconds on a loaded one.
-constexpr std::chrono::seconds kHangGuard(60);
+constexpr std::chrono::seconds kHangGuard = test_support::HeldLogLine::kHangGuard;
 const QMap<QString, QString> kPersistent = {{QStringLiteral("persistent_connection"), QStringLiteral("1")}};
-
-// Holds the thread that logs a given line inside the log call until release(); the one holding thread is
-// let go at the latest when the object goes away.
-class HeldLogLine {
-public:
-    explicit HeldLogLine(const QString& line) {
-        Host::instance().setLogSink([this, line](zelt_standin::LogLevel, const QString& text) {
-            if (text != line) return;
-            std::unique_lock<std::mutex> lock(mutex);
-            held = true;
-            changed.notify_all();
-            changed.wait_for(lock, kHangGuard, [this] { return released; });
-        });
-    }
-    ~HeldLogLine() {
-        release();
-        Host::instance().setLogSink(nullptr);
-    }
-    bool waitUntilHeld() {
-        std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_for(lock, kHangGuard, [this] { return held; });
-    }
-    void release() {
-        std::lock_guard<std::mutex> lock(mutex);
-        released = true;
-        changed.notify_all();
-    }
-
-private:
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool held = false;
-    bool released = false;
-};
 
 struct Interval {
     Clock::time_point start;
