@@ -1,11 +1,16 @@
 #include "connection/connection.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <modbus.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/ip.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstring>
 
@@ -25,14 +30,40 @@ constexpr int kMbapLengthFieldOffset = 4;
 constexpr int kMinMbapLengthField = 2;      // unit id and function code
 constexpr int kMaxMbapLengthField = 254;    // unit id and the largest PDU (253 bytes)
 constexpr int kTimeoutErrno = EINPROGRESS;  // an operation that did not complete in time
+constexpr int kFunctionOffset = kMbapHeaderLength;
+constexpr int kExceptionFlag = 0x80;
+constexpr int kExceptionReplyPdu = 2;  // function code with the exception flag, exception code
+constexpr int kReadRequestPdu = 5;     // function code, address, quantity
+constexpr int kWriteReplyPdu = 5;      // function code, address, value or quantity
+constexpr int kBitsPerByte = 8;
+constexpr unsigned short kCoilOn = 0xFF00;
+constexpr int kFlushChunk = MODBUS_TCP_MAX_ADU_LENGTH;
+
+void putWord(unsigned char* at, int value) {
+    at[0] = static_cast<unsigned char>((value >> 8) & 0xFF);
+    at[1] = static_cast<unsigned char>(value & 0xFF);
+}
+
+int wordAt(const unsigned char* at) {
+    return (at[0] << 8) | at[1];
+}
+
+int bytesForBits(int count) {
+    return count / kBitsPerByte + (count % kBitsPerByte ? 1 : 0);
+}
+
+void setBoth(int* err, int error) {
+    *err = error;
+    errno = error;
+}
 
 }  // namespace
 
 Connection::Connection(Network const& net, PluginInterface* pluginInterface, int* err)
     : plugin(pluginInterface) {
     // modbus_new_tcp takes only dotted IPv4 text; the _pi variant also resolves host names.
-    const QByteArray host = net.host.toLocal8Bit();
-    const QByteArray service = QByteArray::number(net.port);
+    host = net.host.toLocal8Bit();
+    service = QByteArray::number(net.port);
     ctx = modbus_new_tcp_pi(host.constData(), service.constData());
     if (!ctx) return;
     connected = connect(net.serverId, err) == 0;
@@ -50,6 +81,9 @@ Connection& Connection::operator=(Connection&& other) noexcept {
     std::swap(plugin, other.plugin);
     std::swap(deviceError, other.deviceError);
     std::swap(slaveId, other.slaveId);
+    std::swap(host, other.host);
+    std::swap(service, other.service);
+    std::swap(transactionId, other.transactionId);
     return *this;
 }
 
@@ -68,14 +102,85 @@ int Connection::connect(int slave, int* err) {
         *err = error;
         return -1;
     }
-    if (modbus_connect(ctx) == -1) {
-        const int error = errno;
+    if (connectSocket(err) == -1) {
+        const int error = *err;
         if (plugin) plugin->logDebug(QStringLiteral("Could not connect: %1").arg(modbus_strerror(error)));
         disconnect();
         *err = error;
         return -1;
     }
     connected = true;
+    return 0;
+}
+
+// libmodbus's own connect waits in select(), which aborts the process for a descriptor at or above
+// FD_SETSIZE; this one waits in poll() and then hands the socket over.
+int Connection::connectSocket(int* err) const {
+    addrinfo hints{};
+    hints.ai_flags = AI_ADDRCONFIG;
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* addresses = nullptr;
+    if (::getaddrinfo(host.constData(), service.constData(), &hints, &addresses) != 0) {
+        setBoth(err, ECONNREFUSED);
+        return -1;
+    }
+    uint32_t sec = 0;
+    uint32_t usec = 0;
+    modbus_get_response_timeout(ctx, &sec, &usec);
+    const auto budget = std::chrono::seconds(sec) + std::chrono::microseconds(usec);
+    int error = ECONNREFUSED;
+    int connectedSocket = -1;
+    for (addrinfo* address = addresses; address && connectedSocket < 0; address = address->ai_next) {
+        const int socket = ::socket(address->ai_family, address->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK,
+                                    address->ai_protocol);
+        if (socket < 0) {
+            error = errno;
+            continue;
+        }
+        if (address->ai_family == AF_INET) {
+            const int on = 1;
+            ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+            const int lowDelay = IPTOS_LOWDELAY;
+            ::setsockopt(socket, IPPROTO_IP, IP_TOS, &lowDelay, sizeof lowDelay);
+        }
+        if (::connect(socket, address->ai_addr, address->ai_addrlen) == 0) {
+            connectedSocket = socket;
+            break;
+        }
+        error = errno;
+        if (error == EINPROGRESS) {
+            pollfd descriptor{socket, POLLOUT, 0};
+            const auto deadline = std::chrono::steady_clock::now() + budget;
+            int ready = 0;
+            for (;;) {
+                const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                    deadline - std::chrono::steady_clock::now());
+                ready = ::poll(&descriptor, 1, left.count() > 0 ? static_cast<int>(left.count()) : 0);
+                if (ready >= 0 || errno != EINTR) break;
+            }
+            if (ready > 0) {
+                int socketError = 0;
+                socklen_t size = sizeof socketError;
+                if (::getsockopt(socket, SOL_SOCKET, SO_ERROR, &socketError, &size) == 0 &&
+                    socketError == 0) {
+                    connectedSocket = socket;
+                    break;
+                }
+                error = ECONNREFUSED;
+            } else if (ready < 0) {
+                error = errno;
+            }
+            // A connect that did not finish in time keeps EINPROGRESS, as with libmodbus.
+        }
+        ::close(socket);
+    }
+    ::freeaddrinfo(addresses);
+    if (connectedSocket < 0) {
+        setBoth(err, error);
+        return -1;
+    }
+    modbus_set_socket(ctx, connectedSocket);
     return 0;
 }
 
@@ -89,7 +194,12 @@ void Connection::disconnect() {
 }
 
 void Connection::flush() {
-    if (ctx) modbus_flush(ctx);
+    // What libmodbus's flush does, without its select().
+    const int socket = ctx ? modbus_get_socket(ctx) : -1;
+    if (socket < 0) return;
+    unsigned char discard[kFlushChunk];
+    while (::recv(socket, discard, sizeof discard, MSG_DONTWAIT) == static_cast<ssize_t>(sizeof discard)) {
+    }
 }
 
 bool Connection::getResponseTimeout(unsigned int* sec, unsigned int* usec) const {
@@ -111,10 +221,24 @@ bool Connection::setResponseTimeout(unsigned int sec, unsigned int usec) {
 
 int Connection::readBits(RegisterType type, int addr, int count, unsigned char* dest, int* err) const {
     int result = -1;
-    if (type == OutputCoil) {
-        result = modbus_read_bits(ctx, addr, count, dest);
-    } else if (type == InputCoil) {
-        result = modbus_read_input_bits(ctx, addr, count, dest);
+    if (type == OutputCoil || type == InputCoil) {
+        const int function = type == OutputCoil ? MODBUS_FC_READ_COILS : MODBUS_FC_READ_DISCRETE_INPUTS;
+        if (!ctx) {
+            errno = EINVAL;
+        } else if (count > MODBUS_MAX_READ_BITS) {
+            errno = EMBMDATA;
+        } else {
+            unsigned char request[kReadRequestPdu] = {static_cast<unsigned char>(function)};
+            putWord(request + 1, addr);
+            putWord(request + 3, count);
+            unsigned char reply[MODBUS_TCP_MAX_ADU_LENGTH];
+            int error = 0;
+            if (transact(request, sizeof request, 2 + bytesForBits(count), reply, &error) >= 0) {
+                for (int i = 0; i < count; ++i)
+                    dest[i] = (reply[kFunctionOffset + 2 + i / kBitsPerByte] >> (i % kBitsPerByte)) & 1;
+                result = count;
+            }
+        }
     } else {
         if (plugin) plugin->logDebug(QStringLiteral("readBits called with non-bit input type"));
         *err = -1;
@@ -131,10 +255,26 @@ int Connection::readBits(RegisterType type, int addr, int count, unsigned char* 
 
 int Connection::readWords(RegisterType type, int addr, int count, unsigned short* dest, int* err) const {
     int result = 0;
-    if (type == HoldingRegister) {
-        result = modbus_read_registers(ctx, addr, count, dest);
-    } else if (type == InputRegister) {
-        result = modbus_read_input_registers(ctx, addr, count, dest);
+    if (type == HoldingRegister || type == InputRegister) {
+        result = -1;
+        const int function =
+            type == HoldingRegister ? MODBUS_FC_READ_HOLDING_REGISTERS : MODBUS_FC_READ_INPUT_REGISTERS;
+        if (!ctx) {
+            errno = EINVAL;
+        } else if (count > MODBUS_MAX_READ_REGISTERS) {
+            errno = EMBMDATA;
+        } else {
+            unsigned char request[kReadRequestPdu] = {static_cast<unsigned char>(function)};
+            putWord(request + 1, addr);
+            putWord(request + 3, count);
+            unsigned char reply[MODBUS_TCP_MAX_ADU_LENGTH];
+            int error = 0;
+            if (transact(request, sizeof request, 2 + 2 * count, reply, &error) >= 0) {
+                for (int i = 0; i < count; ++i)
+                    dest[i] = static_cast<unsigned short>(wordAt(reply + kFunctionOffset + 2 + 2 * i));
+                result = count;
+            }
+        }
     }
     if (result < 0) {
         *err = errno;
@@ -149,8 +289,28 @@ int Connection::writeBit(int addr, unsigned char value, int* err, bool multiple)
     if (plugin)
         plugin->logDebug(
             QStringLiteral("Writing bit. Register: %1 Data: 0x%2").arg(addr).arg(QString::number(value, 16)));
-    const int result =
-        multiple ? modbus_write_bits(ctx, addr, 1, &value) : modbus_write_bit(ctx, addr, value);
+    int result = -1;
+    if (!ctx) {
+        errno = EINVAL;
+    } else if (multiple) {
+        const unsigned char request[] = {MODBUS_FC_WRITE_MULTIPLE_COILS,
+                                         static_cast<unsigned char>((addr >> 8) & 0xFF),
+                                         static_cast<unsigned char>(addr & 0xFF),
+                                         0,
+                                         1,
+                                         1,
+                                         static_cast<unsigned char>(value ? 1 : 0)};
+        unsigned char reply[MODBUS_TCP_MAX_ADU_LENGTH];
+        int error = 0;
+        if (transact(request, sizeof request, kWriteReplyPdu, reply, &error) >= 0) result = 1;
+    } else {
+        unsigned char request[kReadRequestPdu] = {MODBUS_FC_WRITE_SINGLE_COIL};
+        putWord(request + 1, addr);
+        putWord(request + 3, value ? kCoilOn : 0);
+        unsigned char reply[MODBUS_TCP_MAX_ADU_LENGTH];
+        int error = 0;
+        if (transact(request, sizeof request, kWriteReplyPdu, reply, &error) >= 0) result = 1;
+    }
     if (result < 0) {
         const int error = errno;
         if (plugin) plugin->logError(QStringLiteral("Could not write bit: %1").arg(modbus_strerror(error)));
@@ -163,7 +323,17 @@ int Connection::writeBit(int addr, unsigned char value, int* err, bool multiple)
 }
 
 int Connection::writeWord(int addr, unsigned short value, int* err) const {
-    const int result = modbus_write_register(ctx, addr, value);
+    int result = -1;
+    if (!ctx) {
+        errno = EINVAL;
+    } else {
+        unsigned char request[kReadRequestPdu] = {MODBUS_FC_WRITE_SINGLE_REGISTER};
+        putWord(request + 1, addr);
+        putWord(request + 3, value);
+        unsigned char reply[MODBUS_TCP_MAX_ADU_LENGTH];
+        int error = 0;
+        if (transact(request, sizeof request, kWriteReplyPdu, reply, &error) >= 0) result = 1;
+    }
     const int error = errno;
     if (plugin)
         plugin->logDebug(QStringLiteral("Writing word. Register: %1 Data: 0x%2 Res: %3")
@@ -182,7 +352,25 @@ int Connection::writeWord(int addr, unsigned short value, int* err) const {
 
 int Connection::writeString(int addr, int count, unsigned short const* words, int* err) const {
     if (plugin) plugin->logDebug(QStringLiteral("Writing string. Register: %1").arg(addr));
-    const int result = modbus_write_registers(ctx, addr, count, words);
+    int result = -1;
+    if (!ctx) {
+        errno = EINVAL;
+    } else if (count > MODBUS_MAX_WRITE_REGISTERS) {
+        errno = EMBMDATA;
+    } else if (count < 1) {
+        // A write of no registers is no valid request (libmodbus would send it all the same); the answer is
+        // the one a device gives to it, without asking.
+        errno = EMBXILVAL;
+    } else {
+        unsigned char request[MODBUS_TCP_MAX_ADU_LENGTH] = {MODBUS_FC_WRITE_MULTIPLE_REGISTERS};
+        putWord(request + 1, addr);
+        putWord(request + 3, count);
+        request[5] = static_cast<unsigned char>(2 * count);
+        for (int i = 0; i < count; ++i) putWord(request + 6 + 2 * i, words[i]);
+        unsigned char reply[MODBUS_TCP_MAX_ADU_LENGTH];
+        int error = 0;
+        if (transact(request, 6 + 2 * count, kWriteReplyPdu, reply, &error) >= 0) result = count;
+    }
     if (result < 0) {
         const int error = errno;
         if (plugin) plugin->logError(QStringLiteral("Could not write words: %1").arg(modbus_strerror(error)));
@@ -220,9 +408,9 @@ std::chrono::steady_clock::time_point responseDeadline(modbus_t* ctx) {
 
 // libmodbus refuses raw requests above 254 bytes, although a Modbus TCP frame may carry up to 260; the frame
 // is therefore framed and sent here, like the reply is read here.
-int Connection::sendFrame(const unsigned char* adu, int length, int* err) {
-    static std::atomic<uint16_t> transactionCounter{0};
-    const uint16_t transactionId = ++transactionCounter;
+int Connection::sendFrame(const unsigned char* adu, int length, int* err) const {
+    // Like libmodbus, each connection numbers its requests from 1 and wraps after 65535 to 0.
+    ++transactionId;
     unsigned char frame[kMbapPrefixLength + MODBUS_TCP_MAX_ADU_LENGTH];
     frame[0] = static_cast<unsigned char>(transactionId >> 8);
     frame[1] = static_cast<unsigned char>(transactionId & 0xFF);
@@ -251,7 +439,7 @@ int Connection::sendFrame(const unsigned char* adu, int length, int* err) {
 
 // libmodbus sizes a confirmation by its function code and returns only two bytes of an FC 43 answer, leaving
 // the rest in the socket. Reading the frame by its MBAP length keeps the stream aligned for the next request.
-int Connection::receiveFrame(unsigned char* frame, int capacity, int* err) {
+int Connection::receiveFrame(unsigned char* frame, int capacity, int* err) const {
     const int socket = modbus_get_socket(ctx);
     const auto deadline = responseDeadline(ctx);
     int received = 0;
@@ -298,7 +486,7 @@ int Connection::exchangePdu(QByteArray const& request, QByteArray* response, int
     auto fail = [&](int error) {
         if (err) *err = error;
         if (isBrokenSocket(error)) connected = false;
-        modbus_flush(ctx);
+        flush();
         return -1;
     };
     int sendError = 0;
@@ -317,6 +505,60 @@ int Connection::exchangePdu(QByteArray const& request, QByteArray* response, int
     }
     if (err) *err = EMBBADDATA;
     return -1;
+}
+
+int Connection::transact(const unsigned char* pdu, int length, int expectedReplyPdu, unsigned char* reply,
+                         int* err) const {
+    unsigned char adu[MODBUS_TCP_MAX_ADU_LENGTH];
+    adu[0] = static_cast<unsigned char>(slaveId);
+    std::memcpy(adu + 1, pdu, length);
+    int error = 0;
+    if (sendFrame(adu, length + 1, &error) < 0) {
+        setBoth(err, error);
+        return -1;
+    }
+    const unsigned short sentId = transactionId;
+    const int received = receiveFrame(reply, MODBUS_TCP_MAX_ADU_LENGTH, &error);
+    if (received < 0) {
+        setBoth(err, error);
+        return -1;
+    }
+    // The checks of a libmodbus confirmation, with the same error codes.
+    if (wordAt(reply) != sentId || wordAt(reply + 2) != 0) {
+        setBoth(err, EMBBADDATA);
+        return -1;
+    }
+    const int function = reply[kFunctionOffset];
+    if (function >= kExceptionFlag) {
+        if (received == kFunctionOffset + kExceptionReplyPdu && function - kExceptionFlag == pdu[0]) {
+            const int code = reply[kFunctionOffset + 1];
+            setBoth(err, code < MODBUS_EXCEPTION_MAX ? MODBUS_ENOBASE + code : EMBBADEXC);
+        } else {
+            setBoth(err, EMBBADEXC);
+        }
+        return -1;
+    }
+    if (received != kFunctionOffset + expectedReplyPdu || function != pdu[0]) {
+        setBoth(err, EMBBADDATA);
+        return -1;
+    }
+    int asked = 1;
+    int answered = 1;
+    if (function == MODBUS_FC_READ_COILS || function == MODBUS_FC_READ_DISCRETE_INPUTS) {
+        asked = bytesForBits(wordAt(pdu + 3));
+        answered = reply[kFunctionOffset + 1];
+    } else if (function == MODBUS_FC_READ_HOLDING_REGISTERS || function == MODBUS_FC_READ_INPUT_REGISTERS) {
+        asked = wordAt(pdu + 3);
+        answered = reply[kFunctionOffset + 1] / 2;
+    } else if (function == MODBUS_FC_WRITE_MULTIPLE_COILS || function == MODBUS_FC_WRITE_MULTIPLE_REGISTERS) {
+        asked = wordAt(pdu + 3);
+        answered = wordAt(reply + kFunctionOffset + 3);
+    }
+    if (asked != answered) {
+        setBoth(err, EMBBADDATA);
+        return -1;
+    }
+    return received;
 }
 
 QString Connection::errToStr(int code) const {

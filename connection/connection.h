@@ -1,6 +1,8 @@
 #pragma once
-// One Modbus TCP client connection over libmodbus. Errors come back as -1 plus an errno value or a libmodbus
-// code (MODBUS_ENOBASE and up) in an int* out-parameter; errToStr turns a code into text.
+// One Modbus TCP client connection. libmodbus keeps the context (server id, timeouts, error texts); the
+// socket is connected and every request exchanged here with poll(), so that a host holding more than
+// FD_SETSIZE descriptors never reaches libmodbus's select(). Errors come back as -1 plus an errno value or a
+// libmodbus code (MODBUS_ENOBASE and up) in an int* out-parameter; errToStr turns a code into text.
 
 #include <QByteArray>
 #include <QString>
@@ -60,8 +62,17 @@ public:
     int getDeviceError() const { return deviceError; }
 
 private:
-    int sendFrame(const unsigned char* adu, int length, int* err);
-    int receiveFrame(unsigned char* frame, int capacity, int* err);
+    int connectSocket(int* err) const;
+    int sendFrame(const unsigned char* adu, int length, int* err) const;
+    int receiveFrame(unsigned char* frame, int capacity, int* err) const;
+    // Sends a standard request PDU and checks the reply the way libmodbus checks a confirmation; returns the
+    // reply's frame length with the reply in `reply`, or -1 with *err set.
+    int transact(const unsigned char* pdu, int length, int expectedReplyPdu, unsigned char* reply,
+                 int* err) const;
+
+    QByteArray host;
+    QByteArray service;
+    mutable unsigned short transactionId = 0;
 
     mutable int deviceError = 0;
     bool connected = false;

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "discovery/constants.h"
+#include "discovery/discovery_run_internal.h"
 #include "discovery/subnet.h"
 
 namespace ModbusDiscovery {
@@ -46,6 +47,7 @@ struct RunState {
     Transport& transport;
     const QStringList& hosts;
     std::atomic<bool>* cancel;
+    std::atomic<bool> abandoned{false};  // the run could not start its workers and winds down
     std::atomic<int> nextHost{0};
     std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
     std::mutex resultMutex;  // std::mutex rather than QMutex: ThreadSanitizer sees through it
@@ -56,7 +58,7 @@ struct RunState {
         : options(runOptions), transport(runTransport), hosts(runHosts), cancel(runCancel) {}
 
     bool shouldStop() const {
-        if (cancel && cancel->load()) {
+        if (abandoned.load() || (cancel && cancel->load())) {
             return true;
         }
         const auto elapsed =
@@ -117,7 +119,7 @@ struct RunState {
 namespace {
 
 QList<Candidate> runDiscovery(const Options& options, Transport& transport, QStringList* log,
-                              std::atomic<bool>* cancel) {
+                              std::atomic<bool>* cancel, const WorkerStarter& startWorker) {
     const QString ports = joinNumbers(options.tcpPorts);
     const QString units = joinNumbers(options.unitIds);
     const QString interfaceLabel =
@@ -151,13 +153,24 @@ QList<Candidate> runDiscovery(const Options& options, Transport& transport, QStr
     RunState state(options, transport, hosts, cancel);
     const int workerCount = qBound(1, static_cast<int>(hosts.size()), kMaxSynWorkers);
     std::vector<std::thread> workers;
-    workers.reserve(static_cast<size_t>(workerCount));
-    for (int i = 0; i < workerCount; ++i) {
-        try {
-            workers.emplace_back([&state] { state.workGuarded(); });
-        } catch (const std::system_error&) {
-            break;  // out of threads: the workers already running share the remaining hosts
+    try {
+        workers.reserve(static_cast<size_t>(workerCount));
+        for (int i = 0; i < workerCount; ++i) {
+            try {
+                // Within the reserved capacity the move into the vector cannot throw, so no started thread
+                // is ever left unowned.
+                workers.push_back(startWorker([&state] { state.workGuarded(); }));
+            } catch (const std::system_error&) {
+                break;  // out of threads: the workers already running share the remaining hosts
+            }
         }
+    } catch (...) {
+        // Anything else (out of memory) ends the run; a vector of joinable threads must never unwind.
+        state.abandoned = true;
+        for (std::thread& worker : workers) {
+            worker.join();
+        }
+        throw;
     }
     if (workers.empty()) {
         state.workGuarded();
@@ -174,13 +187,19 @@ QList<Candidate> runDiscovery(const Options& options, Transport& transport, QStr
 }  // namespace
 
 QList<Candidate> discoverDevices(const Options& options, Transport& transport, QStringList* log,
-                                 std::atomic<bool>* cancel) {
+                                 std::atomic<bool>* cancel, const WorkerStarter& startWorker) {
     // Discovery reports nothing as errors; running out of memory or threads gives no candidates.
     try {
-        return runDiscovery(options, transport, log, cancel);
+        return runDiscovery(options, transport, log, cancel, startWorker);
     } catch (...) {
         return QList<Candidate>();
     }
+}
+
+QList<Candidate> discoverDevices(const Options& options, Transport& transport, QStringList* log,
+                                 std::atomic<bool>* cancel) {
+    return discoverDevices(options, transport, log, cancel,
+                           [](std::function<void()> work) { return std::thread(std::move(work)); });
 }
 
 }  // namespace ModbusDiscovery

@@ -11,11 +11,13 @@
 #include <QString>
 #include <QStringList>
 #include <chrono>
+#include <future>
 #include <memory>
 #include <thread>
 #include <vector>
 
 #include "codec_fixtures.h"
+#include "common/held_log_line.h"
 #include "plugin/modbus.h"
 #include "tools/sim/simulator.h"
 #include "tools/standin/standin_host.h"
@@ -361,12 +363,22 @@ TEST_F(WritePathTest, WrongOffset) {
 }
 
 TEST_F(WritePathTest, UnknownTypeWritesNothing) {
-    EXPECT_TRUE(writeOne(makeItem(QStringLiteral("40001"), QStringLiteral("4"), QStringLiteral("10")),
-                         QStringLiteral("1")));
-    EXPECT_TRUE(Host::instance().hasLog(LogLevel::Debug, QStringLiteral("Writing 0 elements to 0")));
-    EXPECT_TRUE(Host::instance().hasLog(
-        LogLevel::Debug, QStringLiteral("Failed to write item. Register: 4 Offset: 40001 Error: ")));
-    EXPECT_EQ(sim.totalRequests(), 0);
+    // Type 10 names no value type: nothing goes out, whether the device writes single or multiple presets.
+    for (const char* preset : {"0", "1"}) {
+        SCOPED_TRACE(preset);
+        Host::instance().reset();
+        sim.clearRequestLog();
+        EXPECT_TRUE(writeOne(makeItem(QStringLiteral("40001"), QStringLiteral("4"), QStringLiteral("10")),
+                             QStringLiteral("1"), {QString::fromLatin1(preset)}));
+        EXPECT_EQ(sim.totalRequests(), 0);
+        EXPECT_TRUE(sim.requestLog().empty());
+        EXPECT_EQ(sim.holdingRegisters(0, 1), std::vector<uint16_t>{0});
+        if (QByteArray(preset) == "0") {
+            EXPECT_TRUE(Host::instance().hasLog(LogLevel::Debug, QStringLiteral("Writing 0 elements to 0")));
+            EXPECT_TRUE(Host::instance().hasLog(
+                LogLevel::Debug, QStringLiteral("Failed to write item. Register: 4 Offset: 40001 Error: ")));
+        }
+    }
 }
 
 struct FunctionCodeRow {
@@ -700,6 +712,44 @@ TEST_F(WritePathTest, RefusedConnection) {
 
 TEST_F(WritePathTest, NoConnectionWhileStoppingAndNullBatch) {
     EXPECT_FALSE(plugin.writeData(nullptr));
+
+    // A poll of device 1 is held inside its device lock, so a stop waits for it; a write in that time gets
+    // no connection and leaves its batch alone.
+    Batch poll;
+    poll.list.device = device();
+    poll.add(makeItem(QStringLiteral("40001"), QStringLiteral("4"), QString::number(UINT16)), QString());
+    test_support::HeldLogLine held(QStringLiteral("Done reading 1 from dev"));
+    auto polling = std::async(std::launch::async, [&] { return plugin.readData(&poll.list); });
+    ASSERT_TRUE(held.waitUntilHeld());
+    auto stop = std::async(std::launch::async, [&] { return plugin.stopPlugin(); });
+    const auto deadline = std::chrono::steady_clock::now() + test_support::HeldLogLine::kHangGuard;
+    bool stopping = false;
+    while (!stopping && std::chrono::steady_clock::now() < deadline) {
+        plugin.tcpDeviceConnection(99, &stopping);
+        if (!stopping) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    ASSERT_TRUE(stopping);
+    sim.clearRequestLog();
+    const int acceptedBefore = sim.acceptedConnections();
+
+    Batch write;
+    write.list.device = device();
+    write.list.device.id = 2;
+    write.list.device.lastError = QStringLiteral("untouched");
+    DataItem* item =
+        write.add(makeItem(QStringLiteral("40002"), QStringLiteral("4"), QString::number(UINT16)),
+                  QStringLiteral("77"));
+    EXPECT_FALSE(plugin.writeData(&write.list));
+    EXPECT_EQ(write.error(0), QString());
+    EXPECT_EQ(write.list.device.lastError, QStringLiteral("untouched"));
+    EXPECT_EQ(item->values.value(QStringLiteral("value")), QStringLiteral("77"));
+    EXPECT_EQ(sim.acceptedConnections(), acceptedBefore);
+    EXPECT_TRUE(sim.requestLog().empty());
+    EXPECT_EQ(sim.holdingRegisters(1, 1), std::vector<uint16_t>{0});
+
+    held.release();
+    EXPECT_TRUE(polling.get());
+    EXPECT_TRUE(stop.get());
 }
 
 }  // namespace

@@ -415,6 +415,31 @@ TEST_F(ConnectionTest, ExchangePduOnAResetConnection) {
     EXPECT_FALSE(connection->isConnected());
     EXPECT_TRUE(static_cast<bool>(connection));  // the context stays until the cache replaces the object
     EXPECT_EQ(reply, QByteArray("unchanged"));
+    // Flushed: no byte of the half answer is taken for the next reply, which fails on the dead socket.
+    simulator.clearFaults();
+    err = 0;
+    EXPECT_EQ(connection->exchangePdu(QByteArray::fromHex("0300000001"), &reply, &err), -1);
+    EXPECT_TRUE(err == EPIPE || err == ECONNRESET) << err;
+    EXPECT_EQ(reply, QByteArray("unchanged"));
+}
+
+TEST_F(ConnectionTest, ExchangePduFlushesWhatIsLeftOfARefusedReply) {
+    auto connection = connect();
+    // A length field beyond the largest frame: the reply is refused after its header, and the rest of it,
+    // already in the socket, must not be read as the start of the next reply.
+    FaultRule wrongLength;
+    wrongLength.kind = FaultKind::WrongLength;
+    wrongLength.lengthField = 255;
+    simulator.addFault(wrongLength);
+    int err = 0;
+    QByteArray reply;
+    EXPECT_EQ(connection->exchangePdu(QByteArray::fromHex("0300000002"), &reply, &err), -1);
+    EXPECT_EQ(err, kBadData);
+    EXPECT_TRUE(connection->isConnected());
+
+    simulator.clearFaults();
+    EXPECT_EQ(connection->exchangePdu(QByteArray::fromHex("0300010001"), &reply, &err), 4);
+    EXPECT_EQ(reply.toHex(), QByteArray("03022222"));
 }
 
 TEST_F(ConnectionTest, ExchangePduHeaderOnlyReplyIsBadData) {

@@ -14,7 +14,9 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
+#include <functional>
 #include <mutex>
+#include <new>
 #include <set>
 #include <stdexcept>
 #include <thread>
@@ -22,6 +24,7 @@
 
 #include "discovery/candidate.h"
 #include "discovery/constants.h"
+#include "discovery/discovery_run_internal.h"
 #include "discovery/options.h"
 #include "discovery/transport.h"
 
@@ -48,7 +51,8 @@ struct Call {
 
 // Answers from a table and records every call, the distinct calling threads and the largest number of calls
 // in progress at once. With `gatherCount` set, each call waits (bounded) until that many calls are in
-// progress, so that every worker the run starts gets to call before any finishes.
+// progress, so that every worker the run starts gets to call before any finishes. `onCall` runs inside every
+// call with its 0-based index, outside the lock.
 class FakeTransport : public ModbusDiscovery::Transport {
 public:
     QList<IdentifyResult> tcpIdentify(const QString& host, quint16 port, const QList<quint8>& unitIds,
@@ -59,12 +63,13 @@ public:
         ++active;
         maxActive = std::max(maxActive, active);
         changed.notify_all();
+        const int index = static_cast<int>(calls.size()) - 1;
         if (gatherCount > 0) {
-            changed.wait_for(lock, std::chrono::seconds(5), [this] { return maxActive >= gatherCount; });
+            changed.wait_for(lock, std::chrono::seconds(60), [this] { return maxActive >= gatherCount; });
         }
         lock.unlock();
-        if (delayMs > 0) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
+        if (onCall) {
+            onCall(index);
         }
         lock.lock();
         --active;
@@ -92,7 +97,7 @@ public:
     }
 
     int gatherCount = 0;
-    int delayMs = 0;
+    std::function<void(int)> onCall;
     bool throwOnCall = false;
 
 private:
@@ -323,16 +328,17 @@ TEST(DiscoveryRunTest, CancelBeforeTheCallGivesNothingButStillLogsImportable) {
 
 TEST(DiscoveryRunTest, CancelDuringTheRunStopsBeforeTheNextPort) {
     FakeTransport transport;
-    transport.delayMs = 200;
     Options options = optionsFor(hostsInTen(100));
     options.tcpPorts = {502, 1502};
     std::atomic<bool> cancel{false};
-    std::thread canceller([&cancel] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        cancel = true;
-    });
+    // The cancel arrives while the first probe is under way; every worker may finish the probe it has begun,
+    // none starts another.
+    transport.onCall = [&cancel](int index) {
+        if (index == 0) {
+            cancel = true;
+        }
+    };
     const QList<Candidate> result = run(options, transport, nullptr, &cancel);
-    canceller.join();
 
     const std::vector<Call> calls = transport.recordedCalls();
     EXPECT_TRUE(result.isEmpty());
@@ -359,11 +365,14 @@ TEST(DiscoveryRunTest, ZeroTimeoutProbesNothing) {
 }
 
 TEST(DiscoveryRunTest, DeadlineStopsWorkersBeforeTheirNextHostOrPort) {
+    constexpr int kRunTimeoutMs = 3000;
     FakeTransport transport;
-    transport.delayMs = 400;
+    // Every probe lasts until the run's deadline has passed for sure: it began after the run did, and it ends
+    // a whole run timeout later.
+    transport.onCall = [](int) { std::this_thread::sleep_for(std::chrono::milliseconds(kRunTimeoutMs + 1)); };
     Options options = optionsFor(hostsInTen(300));
     options.tcpPorts = {502, 1502};
-    options.timeoutMs = 300;
+    options.timeoutMs = kRunTimeoutMs;
     const auto started = std::chrono::steady_clock::now();
     run(options, transport);
     const auto elapsed = std::chrono::steady_clock::now() - started;
@@ -375,7 +384,7 @@ TEST(DiscoveryRunTest, DeadlineStopsWorkersBeforeTheirNextHostOrPort) {
     for (const Call& call : calls) {
         EXPECT_EQ(call.port, 502);
     }
-    EXPECT_LT(elapsed, std::chrono::seconds(10));  // hang guard
+    EXPECT_LT(elapsed, std::chrono::seconds(60));  // hang guard
 }
 
 TEST(DiscoveryRunTest, CandidatesCarryHostPortUnitAndIdentification) {
@@ -519,6 +528,50 @@ TEST(DiscoveryRunTest, FailingTransportEndsTheRunWithoutCrashing) {
     transport.throwOnCall = true;
     EXPECT_TRUE(run(optionsFor(hostsInTen(5)), transport).isEmpty());
     EXPECT_EQ(transport.recordedCalls().size(), 5u);
+}
+
+TEST(DiscoveryRunTest, WorkerStartOutOfMemoryStopsAndJoinsTheStartedWorkers) {
+    FakeTransport transport;
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool firstProbeBegun = false;
+    bool startFailed = false;
+    std::atomic<int> starts{0};
+    std::atomic<int> ended{0};
+    // The first worker's first probe lasts until the second start has failed. A probe after that is one the
+    // run should not have begun: it is held (bounded) so that a run that does not stop its workers shows.
+    transport.onCall = [&](int index) {
+        std::unique_lock<std::mutex> lock(mutex);
+        if (index == 0) {
+            firstProbeBegun = true;
+            changed.notify_all();
+            changed.wait_for(lock, std::chrono::seconds(30), [&] { return startFailed; });
+        } else {
+            changed.wait_for(lock, std::chrono::seconds(2), [] { return false; });
+        }
+    };
+    const ModbusDiscovery::WorkerStarter starter = [&](std::function<void()> work) {
+        if (starts++ == 1) {
+            std::unique_lock<std::mutex> lock(mutex);
+            changed.wait_for(lock, std::chrono::seconds(30), [&] { return firstProbeBegun; });
+            startFailed = true;
+            changed.notify_all();
+            throw std::bad_alloc();
+        }
+        return std::thread([&ended, work] {
+            work();
+            ++ended;
+        });
+    };
+    const QList<Candidate> result =
+        ModbusDiscovery::discoverDevices(optionsFor(hostsInTen(50)), transport, nullptr, nullptr, starter);
+
+    EXPECT_TRUE(result.isEmpty());
+    EXPECT_EQ(starts.load(), 2);
+    EXPECT_EQ(ended.load(), 1);  // the started worker was joined before the run returned
+    // Stopped: at most the probe under way when the start failed, and one begun just before the stop.
+    EXPECT_GE(transport.recordedCalls().size(), 1u);
+    EXPECT_LE(transport.recordedCalls().size(), 2u);
 }
 
 }  // namespace

@@ -37,9 +37,16 @@ using test_support::Request;
 using test_support::ScriptedServer;
 
 const QString kLoopback = QStringLiteral("127.0.0.1");
-// Short budgets keep the silent cases quick; the exchanges are the same as with the scan budgets.
-constexpr int kConnectMs = 200;
-constexpr int kReadMs = 60;
+// Budgets far above what a loaded machine needs for an answer on loopback, so that an answer is never taken
+// for silence; a connect that succeeds or is refused returns at once.
+constexpr int kConnectMs = 5000;
+constexpr int kReadMs = 1000;
+// Where no exchange is answered in a way that matters, a short budget only shortens the test: silence stays
+// silence however slow the machine is.
+constexpr int kSilentReadMs = 60;
+// The silent-port case measures the cost of silence, each exchange one budget plus a slack for scheduling.
+constexpr int kSilentPortReadMs = 500;
+constexpr int kSilentPortSlackMs = 250;
 // A silent unit costs two device-id requests, one Report Slave ID and two fallback reads.
 constexpr int kExchangesPerSilentUnit = 5;
 constexpr int kFdSettleMs = 5000;
@@ -150,8 +157,9 @@ protected:
         ASSERT_TRUE(sim.start(kLoopback, 0, &error)) << error.toStdString();
     }
 
-    QList<IdentifyResult> probe(quint16 port, const QList<quint8>& units, bool* reachable) {
-        return transport.tcpIdentify(kLoopback, port, units, kConnectMs, kReadMs, reachable);
+    QList<IdentifyResult> probe(quint16 port, const QList<quint8>& units, bool* reachable,
+                                int readMs = kReadMs) {
+        return transport.tcpIdentify(kLoopback, port, units, kConnectMs, readMs, reachable);
     }
 
     // The simulator keeps some descriptors of finished sessions until it stops; stopping it first leaves only
@@ -284,7 +292,7 @@ TEST_F(TransportTest, SilentUnitsLeadToExactlyOneProbeOfUnit255) {
     sim.setUnknownUnitReply(modbus_sim::UnknownUnitReply::Silence);
     startSimulator();
     bool reachable = false;
-    const QList<IdentifyResult> results = probe(sim.port(), {1, 2}, &reachable);
+    const QList<IdentifyResult> results = probe(sim.port(), {1, 2}, &reachable, kSilentReadMs);
 
     EXPECT_TRUE(reachable);
     EXPECT_TRUE(results.isEmpty());
@@ -300,7 +308,7 @@ TEST_F(TransportTest, SilentUnitsLeadToExactlyOneProbeOfUnit255) {
 TEST_F(TransportTest, UnitListWith255NeverProbesItTwice) {
     sim.setUnits({7});
     startSimulator();
-    const QList<IdentifyResult> results = probe(sim.port(), {255, 1}, nullptr);
+    const QList<IdentifyResult> results = probe(sim.port(), {255, 1}, nullptr, kSilentReadMs);
 
     EXPECT_TRUE(results.isEmpty());
     const std::vector<modbus_sim::RequestRecord> log = sim.requestLog();
@@ -338,7 +346,7 @@ TEST_F(TransportTest, EmptyUnitListProbesUnitOneOnly) {
 TEST_F(TransportTest, EmptyUnitListProbes255WhenUnitOneIsSilent) {
     sim.setUnits({7});
     startSimulator();
-    const QList<IdentifyResult> results = probe(sim.port(), {}, nullptr);
+    const QList<IdentifyResult> results = probe(sim.port(), {}, nullptr, kSilentReadMs);
 
     EXPECT_TRUE(results.isEmpty());
     const std::vector<modbus_sim::RequestRecord> log = sim.requestLog();
@@ -368,7 +376,8 @@ TEST_F(TransportTest, BadMbapLengthFromTheSimulatorIsNoResponse) {
         QString error;
         ASSERT_TRUE(device.start(kLoopback, 0, &error)) << error.toStdString();
         bool reachable = false;
-        const QList<IdentifyResult> results = probe(device.port(), {1}, &reachable);
+        const QList<IdentifyResult> results =
+            probe(device.port(), {1}, &reachable, row.lengthField < 0 ? kReadMs : kSilentReadMs);
 
         EXPECT_TRUE(reachable);
         EXPECT_EQ(results.size(), row.results);
@@ -399,7 +408,9 @@ TEST_F(TransportTest, BadMbapLengthIsNoResponse) {
             return frame;
         });
         ASSERT_NE(server.port(), 0);
-        const QList<IdentifyResult> results = probe(server.port(), {1}, nullptr);
+        // Only a well-formed answer must arrive in time; the bad ones count as silence whenever they come.
+        const QList<IdentifyResult> results =
+            probe(server.port(), {1}, nullptr, row.results > 0 ? kReadMs : kSilentReadMs);
 
         ASSERT_EQ(results.size(), row.results);
         if (row.results > 0) {
@@ -484,10 +495,17 @@ TEST_F(TransportTest, SilentPortCostsFiveExchangesPerUnitInFixedOrder) {
     ScriptedServer server([](const Request&) { return QByteArray(); });
     ASSERT_NE(server.port(), 0);
     bool reachable = false;
-    const QList<IdentifyResult> results = probe(server.port(), {1}, &reachable);
+    const auto started = std::chrono::steady_clock::now();
+    const QList<IdentifyResult> results = probe(server.port(), {1}, &reachable, kSilentPortReadMs);
+    const auto elapsed = std::chrono::steady_clock::now() - started;
 
     EXPECT_TRUE(reachable);
     EXPECT_TRUE(results.isEmpty());
+    // Each of the ten exchanges waits out its budget once, no more: a send and a header read that shared no
+    // budget, or a wait per read call, would cost far more than the slack allows.
+    constexpr int kExchanges = 2 * kExchangesPerSilentUnit;
+    EXPECT_GE(elapsed, std::chrono::milliseconds(kExchanges * kSilentPortReadMs));
+    EXPECT_LT(elapsed, std::chrono::milliseconds(kExchanges * (kSilentPortReadMs + kSilentPortSlackMs)));
     struct Row {
         int unit;
         const char* pdu;

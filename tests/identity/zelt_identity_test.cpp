@@ -167,10 +167,14 @@ TEST_F(IdentityTest, PublishUpdatesPresentItemWithoutAddingACopy) {
     ItemInstancePlugin known;
     known.uid = QStringLiteral("identity_5_model");
     Host::instance().addKnownItem(known);
-    DataItem* model = addDataItem(QStringLiteral("identity_5_model"), QStringLiteral("__identity.model"));
+    // Found by its uid alone: the register it names is not the model's, so only the uid can match it.
+    DataItem* model = addDataItem(QStringLiteral("identity_5_model"), QStringLiteral("40010"));
     zelt_identity::publishValues(&host, &list, {{"model", "X1"}}, "register");
     ASSERT_EQ(list.dataItems.size(), 1);
+    EXPECT_EQ(list.dataItems.at(0), model);
     EXPECT_EQ(model->values.value(QStringLiteral("value")), QStringLiteral("X1"));
+    EXPECT_EQ(model->item.lastError, QString());
+    EXPECT_TRUE(model->timestamp.isValid());
 }
 
 TEST_F(IdentityTest, PublishAppendsOnlyItemsTheHostKnows) {

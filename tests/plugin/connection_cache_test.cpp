@@ -2,6 +2,7 @@
 
 #include <future>
 
+#include "common/held_log_line.h"
 #include "common/plugin_batch.h"
 #include "plugin/modbus.h"
 #include "tools/sim/simulator.h"
@@ -11,12 +12,16 @@ using plugin_test::Batch;
 using plugin_test::makeDevice;
 using plugin_test::makeItem;
 using plugin_test::waitUntil;
+using test_support::HeldLogLine;
 using zelt_standin::Host;
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 constexpr int kDelayMs = 300;
+// Bound for waits on events that come at once on an idle machine and within seconds on a loaded one.
+constexpr std::chrono::seconds kHangGuard = test_support::HeldLogLine::kHangGuard;
+const QMap<QString, QString> kPersistent = {{QStringLiteral("persistent_connection"), QStringLiteral("1")}};
 
 struct Interval {
     Clock::time_point start;
@@ -59,27 +64,6 @@ protected:
 
 }  // namespace
 
-TEST_F(ConnectionCacheTest, UnusablePortSettingsConnectToPort502) {
-    modbus_sim::Simulator sim;
-    QString error;
-    ASSERT_TRUE(sim.start(QStringLiteral("127.0.0.1"), 502, &error)) << error.toStdString();
-    const char* kPorts[] = {nullptr, "", "0", "abc", "70000"};
-    int expectedConnections = 0;
-    for (const char* port : kPorts) {
-        SCOPED_TRACE(port ? port : "(missing)");
-        DeviceInstancePlugin device = makeDevice(1, 0);
-        if (port)
-            device.settings.insert(QStringLiteral("port"), QString::fromLatin1(port));
-        else
-            device.settings.remove(QStringLiteral("port"));
-        int connectError = 0;
-        Connection connection = plugin.makeConnection(device, &connectError);
-        EXPECT_TRUE(connection.isConnected());
-        EXPECT_TRUE(waitUntil([&] { return sim.acceptedConnections() == expectedConnections + 1; }));
-        ++expectedConnections;
-    }
-}
-
 TEST_F(ConnectionCacheTest, ServerIdBelowOnePollsUnitOne) {
     modbus_sim::Simulator sim;
     ASSERT_TRUE(sim.start());
@@ -115,18 +99,31 @@ TEST_F(ConnectionCacheTest, StopDisconnectsEveryDeviceAndTheNextPollConnectsAgai
     modbus_sim::Simulator simB;
     ASSERT_TRUE(simA.start());
     ASSERT_TRUE(simB.start());
-    Batch a(makeDevice(1, simA.port()));
-    Batch b(makeDevice(2, simB.port()));
+    // Kept connections: nothing but the stop closes them.
+    Batch a(makeDevice(1, simA.port(), kPersistent));
+    Batch b(makeDevice(2, simB.port(), kPersistent));
     ASSERT_TRUE(plugin.readData(&a.list));
     ASSERT_TRUE(plugin.readData(&b.list));
+    ASSERT_TRUE(plugin.readData(&a.list));
+    ASSERT_TRUE(plugin.readData(&b.list));
+    EXPECT_EQ(simA.acceptedConnections(), 1);
+    EXPECT_EQ(simB.acceptedConnections(), 1);
+    EXPECT_EQ(simA.closedConnections(), 0);
+    EXPECT_EQ(simB.closedConnections(), 0);
     auto entryBefore = plugin.tcpDeviceConnection(1, nullptr);
+    ASSERT_TRUE(entryBefore->connection.isConnected());
 
     EXPECT_TRUE(plugin.stopPlugin());
-    EXPECT_TRUE(waitUntil([&] { return simA.closedConnections() == 1 && simB.closedConnections() == 1; }));
+    EXPECT_TRUE(waitUntil([&] { return simA.closedConnections() == 1 && simB.closedConnections() == 1; },
+                          kHangGuard));
+    EXPECT_EQ(simA.openConnections(), 0);
+    EXPECT_EQ(simB.openConnections(), 0);
     EXPECT_FALSE(entryBefore->connection.isConnected());
 
     ASSERT_TRUE(plugin.readData(&a.list));
     EXPECT_EQ(simA.acceptedConnections(), 2);
+    EXPECT_EQ(simA.openConnections(), 1);
+    EXPECT_EQ(simB.acceptedConnections(), 1);
     EXPECT_NE(plugin.tcpDeviceConnection(1, nullptr), entryBefore);
 }
 
@@ -135,25 +132,28 @@ TEST_F(ConnectionCacheTest, PollDuringStopReturnsFalseWithoutTouchingTheBatch) {
     modbus_sim::Simulator other;
     ASSERT_TRUE(busy.start());
     ASSERT_TRUE(other.start());
-    // Device 1 is connected and probed first; its next poll then holds its mutex in a slow read while stop
-    // waits.
+    // Device 1 is connected and probed first, so that its next poll is one read.
     Batch warmUp(makeDevice(1, busy.port()));
     ASSERT_TRUE(plugin.readData(&warmUp.list));
-    slowReads(busy);
 
+    // The next poll of device 1 logs its last line while it still holds the device; the log sink holds it
+    // there until the test lets go, so the stop waits for as long as the test needs.
+    HeldLogLine held(QStringLiteral("Done reading 1 from device1"));
     auto slowPoll = std::async(std::launch::async, [&] {
         Batch batch(makeDevice(1, busy.port()));
         batch.add(makeItem("value", "40001", "4", "2"));
         return plugin.readData(&batch.list);
     });
-    ASSERT_TRUE(waitUntil([&] { return busy.requestCount(3) == 1; }));
+    ASSERT_TRUE(held.waitUntilHeld());
     auto stop = std::async(std::launch::async, [&] { return plugin.stopPlugin(); });
     // The stop is now waiting for device 1; any poll asking for a connection gets none.
-    ASSERT_TRUE(waitUntil([&] {
-        bool stopping = false;
-        plugin.tcpDeviceConnection(99, &stopping);
-        return stopping;
-    }));
+    ASSERT_TRUE(waitUntil(
+        [&] {
+            bool stopping = false;
+            plugin.tcpDeviceConnection(99, &stopping);
+            return stopping;
+        },
+        kHangGuard));
 
     Batch batch(makeDevice(2, other.port()));
     DataItem* item = batch.add(makeItem("value", "40001", "4", "2"));
@@ -166,6 +166,7 @@ TEST_F(ConnectionCacheTest, PollDuringStopReturnsFalseWithoutTouchingTheBatch) {
     EXPECT_EQ(batch.list.dataItems.size(), 1);
     EXPECT_EQ(other.acceptedConnections(), 0);
 
+    held.release();
     EXPECT_TRUE(slowPoll.get());
     EXPECT_TRUE(stop.get());
 }
@@ -190,15 +191,20 @@ TEST_F(ConnectionCacheTest, PollsOfDifferentDevicesDoNotWaitForEachOther) {
     modbus_sim::Simulator simB;
     ASSERT_TRUE(simA.start());
     ASSERT_TRUE(simB.start());
-    slowReads(simA);
-    slowReads(simB);
-    // Probe the identities first so that each timed poll is only its one slow read.
+    // Probe the identities first so that each poll below is only its one read.
     Batch warmA(makeDevice(1, simA.port()));
     Batch warmB(makeDevice(2, simB.port()));
     ASSERT_TRUE(plugin.readData(&warmA.list));
     ASSERT_TRUE(plugin.readData(&warmB.list));
 
+    // Device 1's poll is held while it holds its device; device 2's poll must finish all the same.
+    HeldLogLine held(QStringLiteral("Done reading 1 from device1"));
     auto first = std::async(std::launch::async, [&] { return timedPoll(makeDevice(1, simA.port())); });
+    ASSERT_TRUE(held.waitUntilHeld());
     auto second = std::async(std::launch::async, [&] { return timedPoll(makeDevice(2, simB.port())); });
-    EXPECT_TRUE(overlap(first.get(), second.get()));
+    EXPECT_EQ(second.wait_for(kHangGuard), std::future_status::ready);
+    EXPECT_EQ(first.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
+    held.release();
+    first.get();
+    second.get();
 }
