@@ -56,7 +56,11 @@ apt_options=(
 )
 
 echo "armhf sysroot: reading the package index"
-apt-get "${apt_options[@]}" -qq update
+# An index that fails to download (another suite, a mirror hiccup) is reported but does not stop the run: the
+# resolution below fails clearly if what it needs is missing.
+if ! apt-get "${apt_options[@]}" -qq update; then
+  echo "armhf sysroot: apt-get update reported errors; going on with the indexes it got" >&2
+fi
 
 echo "armhf sysroot: resolving dependencies of ${packages[*]}"
 # "Inst NAME (VERSION SUITE [ARCH])" -> NAME VERSION ARCH

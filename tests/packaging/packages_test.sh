@@ -55,7 +55,7 @@ for deb in "$work"/out/*.deb; do
   expect_eq "$(basename "$deb") architecture" "$(dpkg-deb -f "$deb" Architecture)" "$arch"
 done
 
-runtime="libc6 (>= 2.34), libgcc-s1 (>= 3.0), libstdc++6 (>= 12), libqt5core5a (>= 5.15.1), libqt5network5 (>= 5.15.1), libmodbus5 (>= 3.1.6)"
+runtime="libc6 (>= 2.34), libgcc-s1 (>= 3.5), libstdc++6 (>= 11), libqt5core5a (>= 5.15.1), libqt5network5 (>= 5.15.1), libmodbus5 (>= 3.1.6)"
 expect_eq "plugin package dependencies" "$(dpkg-deb -f "$plugin_deb" Depends)" "$runtime"
 expect_eq "tools package dependencies" "$(dpkg-deb -f "$tools_deb" Depends)" \
   "zelt-modbus-tcp (= $version), $runtime"
@@ -69,6 +69,9 @@ fi
 dpkg-deb -x "$plugin_deb" "$root"
 dpkg-deb -x "$tools_deb" "$root"
 
+for binary in usr/lib/zelt/plugins/libmodbus_tcp.so usr/bin/zelt-modbus usr/lib/zelt-modbus/libzelt.so; do
+  expect_eq "$binary is stripped" "$(file -b "$root/$binary" | grep -o ', stripped$')" ", stripped"
+done
 if [ "$arch" = armhf ]; then
   expect_eq "the plugin is a 32-bit Arm shared object" \
     "$(file -b "$root/usr/lib/zelt/plugins/libmodbus_tcp.so" | grep -o 'ELF 32-bit LSB shared object, ARM, EABI5')" \
