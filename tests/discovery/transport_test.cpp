@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "common/scripted_server.h"
+#include "common/time_scale.h"
 #include "discovery/constants.h"
 #include "discovery/frames.h"
 #include "discovery/identify_result.h"
@@ -38,8 +39,8 @@ using test_support::ScriptedServer;
 
 const QString kLoopback = QStringLiteral("127.0.0.1");
 // Short budgets keep the silent cases quick; the exchanges are the same as with the scan budgets.
-constexpr int kConnectMs = 200;
-constexpr int kReadMs = 60;
+constexpr int kConnectMs = 200 * zelt_test::kTimeScale;
+constexpr int kReadMs = 60 * zelt_test::kTimeScale;
 // A silent unit costs two device-id requests, one Report Slave ID and two fallback reads.
 constexpr int kExchangesPerSilentUnit = 5;
 constexpr int kFdSettleMs = 5000;
