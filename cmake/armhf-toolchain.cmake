@@ -4,7 +4,8 @@
 #   scripts/armhf-sysroot.sh
 #   cmake -S . -B build-armhf -DCMAKE_TOOLCHAIN_FILE=cmake/armhf-toolchain.cmake
 #
-# The sysroot is ZELT_ARMHF_SYSROOT (cache variable or environment), default ~/.cache/zelt-armhf/sysroot.
+# The sysroot is ZELT_ARMHF_SYSROOT (cache variable or environment), by default the one scripts/armhf-sysroot.sh
+# prepares: $ZELT_ARMHF_CACHE/sysroot, else ~/.cache/zelt-armhf/sysroot.
 # Built programs and tests run under qemu-arm with the sysroot as its library prefix (CMAKE_CROSSCOMPILING_EMULATOR,
 # which ctest and gtest_discover_tests use).
 
@@ -19,6 +20,10 @@ set(CMAKE_CXX_COMPILER ${ZELT_ARMHF_TRIPLET}-g++)
 if(NOT ZELT_ARMHF_SYSROOT)
   if(DEFINED ENV{ZELT_ARMHF_SYSROOT})
     set(ZELT_ARMHF_SYSROOT "$ENV{ZELT_ARMHF_SYSROOT}")
+  elseif(DEFINED ENV{ZELT_ARMHF_CACHE})
+    set(ZELT_ARMHF_SYSROOT "$ENV{ZELT_ARMHF_CACHE}/sysroot")
+  elseif(DEFINED ENV{XDG_CACHE_HOME})
+    set(ZELT_ARMHF_SYSROOT "$ENV{XDG_CACHE_HOME}/zelt-armhf/sysroot")
   else()
     set(ZELT_ARMHF_SYSROOT "$ENV{HOME}/.cache/zelt-armhf/sysroot")
   endif()

@@ -5,12 +5,14 @@
 # apt and dpkg state stay untouched: a private apt configuration resolves and downloads).
 #
 # Usage: scripts/armhf-sysroot.sh [--refresh]
-# The cache directory is $ZELT_ARMHF_CACHE (default ~/.cache/zelt-armhf); the sysroot is its sysroot/ folder, whose
-# path the script prints last. A second run reuses the sysroot as long as the package set asked for is the same;
+# The cache directory is $ZELT_ARMHF_CACHE (default ~/.cache/zelt-armhf, or $XDG_CACHE_HOME/zelt-armhf); the
+# sysroot is its sysroot/ folder, whose path is the one line the script prints on standard output (progress goes
+# to standard error). A second run reuses the sysroot as long as the package set asked for is the same;
 # --refresh resolves again against the current archive (downloaded .debs are kept and reused).
 set -euo pipefail
 
-cache=${ZELT_ARMHF_CACHE:-$HOME/.cache/zelt-armhf}
+cache_home=${XDG_CACHE_HOME:-${HOME:+$HOME/.cache}}
+cache=${ZELT_ARMHF_CACHE:-${cache_home:-/var/cache}/zelt-armhf}
 sysroot=$cache/sysroot
 refresh=0
 [ "${1:-}" = "--refresh" ] && refresh=1
@@ -27,7 +29,7 @@ suites=(bookworm bookworm-updates)
 
 request="${packages[*]} | $mirror ${suites[*]}"
 if [ $refresh -eq 0 ] && [ -f "$sysroot/.zelt-sysroot" ] && [ "$(head -n1 "$sysroot/.zelt-sysroot")" = "$request" ]; then
-  echo "armhf sysroot up to date: $sysroot"
+  echo "armhf sysroot up to date: $sysroot" >&2
   echo "$sysroot"
   exit 0
 fi
@@ -55,14 +57,14 @@ apt_options=(
   -o "APT::Sandbox::User=root" -o "Debug::NoLocking=1" -o "APT::Install-Recommends=false"
 )
 
-echo "armhf sysroot: reading the package index"
+echo "armhf sysroot: reading the package index" >&2
 # An index that fails to download (another suite, a mirror hiccup) is reported but does not stop the run: the
 # resolution below fails clearly if what it needs is missing.
 if ! apt-get "${apt_options[@]}" -qq update; then
   echo "armhf sysroot: apt-get update reported errors; going on with the indexes it got" >&2
 fi
 
-echo "armhf sysroot: resolving dependencies of ${packages[*]}"
+echo "armhf sysroot: resolving dependencies of ${packages[*]}" >&2
 # "Inst NAME (VERSION SUITE [ARCH])" -> NAME VERSION ARCH
 closure=$(apt-get "${apt_options[@]}" -s install "${packages[@]}" |
   awk '$1 == "Inst" && match($0, /\[[a-z0-9]+\]\)/) { print $2, substr($3, 2), substr($0, RSTART + 1, RLENGTH - 3) }')
@@ -72,7 +74,7 @@ if [ "$count" -lt ${#packages[@]} ]; then
   exit 1
 fi
 
-echo "armhf sysroot: downloading what is not cached ($count packages)"
+echo "armhf sysroot: downloading what is not cached ($count packages)" >&2
 missing=()
 declare -A wanted_files=()
 while read -r name version arch; do
@@ -85,7 +87,7 @@ if [ ${#missing[@]} -gt 0 ]; then
   (cd "$debs" && apt-get "${apt_options[@]}" -qq download "${missing[@]}")
 fi
 
-echo "armhf sysroot: unpacking into $sysroot"
+echo "armhf sysroot: unpacking into $sysroot" >&2
 rm -rf "$sysroot.new"
 mkdir -p "$sysroot.new"
 for file in "${!wanted_files[@]}"; do
@@ -112,5 +114,5 @@ mv "$sysroot.new" "$sysroot"
 for deb in "$debs"/*.deb; do
   [ -n "${wanted_files[$(basename "$deb")]:-}" ] || rm -f "$deb"
 done
-echo "armhf sysroot ready ($count packages): $sysroot"
+echo "armhf sysroot ready ($count packages): $sysroot" >&2
 echo "$sysroot"

@@ -28,8 +28,7 @@ if [ ${#missing[@]} -gt 0 ]; then
 fi
 
 step "sysroot"
-export ZELT_ARMHF_CACHE=${ZELT_ARMHF_CACHE:-$HOME/.cache/zelt-armhf}
-sysroot=$(scripts/armhf-sysroot.sh | tail -n1)
+sysroot=$(scripts/armhf-sysroot.sh)
 export ZELT_ARMHF_SYSROOT=$sysroot
 
 step "configure and build"
