@@ -72,6 +72,21 @@ dpkg-deb -x "$tools_deb" "$root"
 for binary in usr/lib/zelt/plugins/libmodbus_tcp.so usr/bin/zelt-modbus usr/lib/zelt-modbus/libzelt.so; do
   expect_eq "$binary is stripped" "$(file -b "$root/$binary" | grep -o ', stripped$')" ", stripped"
 done
+# Every installed program finds every library it needs (the dynamic linker lists them and stops), the stand-in
+# host library in the tools' own directory.
+for program in zelt-modbus modbus-sim modbus-harness; do
+  if [ -n "$emulator" ]; then
+    libraries=$("$emulator" -E LD_TRACE_LOADED_OBJECTS=1 -L "$root" "$root/usr/bin/$program" 2>&1 || true)
+  else
+    libraries=$(LD_TRACE_LOADED_OBJECTS=1 "$root/usr/bin/$program" 2>&1 || true)
+  fi
+  expect_eq "$program finds its libraries" "$(grep 'not found' <<<"$libraries" || true)" ""
+  if [ "$program" != modbus-sim ]; then
+    expect_eq "$program loads the stand-in host library" \
+      "$(grep -o 'libzelt\.so => [^ ]*' <<<"$libraries" || true)" \
+      "libzelt.so => $root/usr/bin/../lib/zelt-modbus/libzelt.so"
+  fi
+done
 if [ "$arch" = armhf ]; then
   expect_eq "the plugin is a 32-bit Arm shared object" \
     "$(file -b "$root/usr/lib/zelt/plugins/libmodbus_tcp.so" | grep -o 'ELF 32-bit LSB shared object, ARM, EABI5')" \
