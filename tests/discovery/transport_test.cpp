@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "common/scripted_server.h"
+#include "common/time_scale.h"
 #include "discovery/constants.h"
 #include "discovery/frames.h"
 #include "discovery/identify_result.h"
@@ -39,14 +40,14 @@ using test_support::ScriptedServer;
 const QString kLoopback = QStringLiteral("127.0.0.1");
 // Budgets far above what a loaded machine needs for an answer on loopback, so that an answer is never taken
 // for silence; a connect that succeeds or is refused returns at once.
-constexpr int kConnectMs = 5000;
-constexpr int kReadMs = 1000;
+constexpr int kConnectMs = 5000 * zelt_test::kTimeScale;
+constexpr int kReadMs = 1000 * zelt_test::kTimeScale;
 // Where no exchange is answered in a way that matters, a short budget only shortens the test: silence stays
 // silence however slow the machine is.
 constexpr int kSilentReadMs = 60;
 // The silent-port case measures the cost of silence, each exchange one budget plus a slack for scheduling.
-constexpr int kSilentPortReadMs = 500;
-constexpr int kSilentPortSlackMs = 250;
+constexpr int kSilentPortReadMs = 500 * zelt_test::kTimeScale;
+constexpr int kSilentPortSlackMs = 250 * zelt_test::kTimeScale;
 // A silent unit costs two device-id requests, one Report Slave ID and two fallback reads.
 constexpr int kExchangesPerSilentUnit = 5;
 constexpr int kFdSettleMs = 5000;

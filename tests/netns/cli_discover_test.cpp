@@ -12,6 +12,7 @@
 #include <QTemporaryDir>
 
 #include "tests/common/netns_testbed.h"
+#include "tests/common/program_command.h"
 #include "tools/sim/simulator.h"
 
 namespace {
@@ -65,11 +66,11 @@ protected:
 
     ToolRun discover(const QStringList& arguments) {
         QProcess process;
-        process.start(QStringLiteral("ip"), QStringList{QStringLiteral("netns"), QStringLiteral("exec"),
-                                                        QString::fromStdString(testbed.scannerNamespace),
-                                                        QStringLiteral(ZELT_BINARY_DIR "/tools/zelt-modbus"),
-                                                        QStringLiteral("discover")} +
-                                                arguments);
+        process.start(QStringLiteral("ip"),
+                      QStringList{QStringLiteral("netns"), QStringLiteral("exec"),
+                                  QString::fromStdString(testbed.scannerNamespace)} +
+                          zelt_test::commandFor(QStringLiteral(ZELT_BINARY_DIR "/tools/zelt-modbus")) +
+                          QStringList{QStringLiteral("discover")} + arguments);
         ToolRun run;
         if (!process.waitForStarted(kRunTimeoutMs)) return run;
         if (!process.waitForFinished(kRunTimeoutMs)) {

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <thread>
 
+#include "common/program_command.h"
 #include "tools/sim/simulator.h"
 
 namespace {
@@ -18,7 +19,7 @@ TEST(Harness, WritesThenReadsAndPrintsTheFirstValueAndTheBatchError) {
     ASSERT_TRUE(sim.start(QStringLiteral("127.0.0.1"), 502, &error)) << error.toStdString();
 
     QProcess harness;
-    harness.start(QStringLiteral(ZELT_BINARY_DIR "/tools/modbus-harness"), QStringList());
+    zelt_test::startProgram(harness, QStringLiteral(ZELT_BINARY_DIR "/tools/modbus-harness"), QStringList());
     ASSERT_TRUE(harness.waitForStarted(kFirstLoopTimeoutMs));
     QString printed;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kFirstLoopTimeoutMs);

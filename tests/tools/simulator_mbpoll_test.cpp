@@ -201,7 +201,7 @@ TEST_F(ModbusSimProgramTest, OptionsAndErrors) {
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         QProcess process;
-        process.start(kSimulatorProgram, row.arguments);
+        zelt_test::startProgram(process, kSimulatorProgram, row.arguments);
         ASSERT_TRUE(process.waitForFinished(kAnswerWaitMs));
         EXPECT_EQ(process.exitCode(), row.exitCode);
         const QByteArray out = process.readAllStandardOutput();

@@ -8,6 +8,7 @@
 #include <QStringList>
 #include <cstdint>
 
+#include "common/program_command.h"
 #include "tools/simulator_raw_client.h"
 
 namespace simulator_test {
@@ -33,7 +34,8 @@ constexpr SelectorCase kSelectorCases[] = {
 
 // Starts modbus-sim on a free port of 127.0.0.1 with the given arguments; the port it reports, or 0.
 inline uint16_t startSimulatorProgram(QProcess& process, const QStringList& arguments) {
-    process.start(kSimulatorProgram, arguments + QStringList{QStringLiteral("--port"), QStringLiteral("0")});
+    zelt_test::startProgram(process, kSimulatorProgram,
+                            arguments + QStringList{QStringLiteral("--port"), QStringLiteral("0")});
     if (!process.waitForReadyRead(kAnswerWaitMs)) return 0;
     const QString line = QString::fromUtf8(process.readLine()).trimmed();
     const QRegularExpressionMatch match =

@@ -151,7 +151,8 @@ TEST(ZeltModbusCommands, SimulateServesUntilInterrupted) {
     const QString map = dir.filePath(QStringLiteral("map.json"));
     ASSERT_TRUE(writeFile(map, R"({"holding_registers": {"0": [4660]}})"));
     QProcess simulator;
-    simulator.start(zelt_modbus_test::toolPath(), {QStringLiteral("simulate"), QStringLiteral("--map"), map});
+    zelt_test::startProgram(simulator, zelt_modbus_test::toolPath(),
+                            {QStringLiteral("simulate"), QStringLiteral("--map"), map});
     ASSERT_TRUE(simulator.waitForStarted(kStartWaitMs));
     ASSERT_TRUE(simulator.waitForReadyRead(kStartWaitMs)) << simulator.readAllStandardError().toStdString();
     const QString line = QString::fromUtf8(simulator.readLine());
@@ -221,6 +222,10 @@ TEST(ZeltModbusCommands, AnInstalledCopyRunsTheDemo) {
                              "include/zelt/plugin_interface.h", "include/zelt/records.h"})
         EXPECT_TRUE(root.exists(QLatin1String(file))) << file;
     EXPECT_FALSE(QDir(prefix.path()).entryList().isEmpty());
+    // The stand-in host library is the tools' own: never where the real host's library is looked for.
+    EXPECT_TRUE(root.exists(QStringLiteral("lib/zelt-modbus/libzelt.so")));
+    EXPECT_FALSE(root.exists(QStringLiteral("lib/libzelt.so")));
+    EXPECT_TRUE(root.exists(QStringLiteral("lib/zelt/plugins/libmodbus_tcp.so")));
 
     const auto run = runProgram(root.filePath(QStringLiteral("bin/zelt-modbus")),
                                 {QStringLiteral("demo"), QStringLiteral("--interval"), QStringLiteral("10")},

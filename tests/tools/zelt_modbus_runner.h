@@ -13,6 +13,8 @@
 #include <QTemporaryDir>
 #include <ostream>
 
+#include "common/program_command.h"
+
 // Readable failure messages for texts.
 inline void PrintTo(const QString& text, std::ostream* out) {
     *out << '"' << text.toStdString() << '"';
@@ -38,7 +40,7 @@ struct ToolRun {
 inline ToolRun runProgram(const QString& program, const QStringList& arguments,
                           int timeoutMs = kRunTimeoutMs) {
     QProcess process;
-    process.start(program, arguments);
+    zelt_test::startProgram(process, program, arguments);
     ToolRun run;
     if (!process.waitForStarted(timeoutMs)) return run;
     if (!process.waitForFinished(timeoutMs)) {
