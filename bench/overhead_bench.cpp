@@ -7,6 +7,7 @@
 //   cases: float200, uint16_200, mix2000, write_multiple200, write_single200
 #include <QCoreApplication>
 #include <QString>
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -23,6 +24,8 @@ namespace {
 
 constexpr int kDefaultPolls = 300;
 constexpr int kDefaultWarmup = 30;
+// The first poll also reads the device identification, so the requests to replay come from a later one.
+constexpr int kMinWarmup = 2;
 constexpr int kDeviceId = 1;
 constexpr int kFloatRegisters = 2;
 constexpr int kSmallCaseItems = 200;
@@ -106,9 +109,7 @@ bool runCase(const Options& options, const QString& name, Direction direction,
                          qPrintable(batch->list.device.lastError));
             break;
         }
-        // The first poll also reads the device identification; the requests of a later one are the steady
-        // state.
-        if (i + 1 == options.warmup || (options.warmup == 0 && i == 0)) requests = simulator.requestLog();
+        if (i + 1 == options.warmup) requests = simulator.requestLog();
         if (!rawFirst) replayOnce();
         if (i >= options.warmup) {
             pluginUs.push_back(pluginTime);
@@ -143,7 +144,7 @@ int main(int argc, char** argv) {
     QCoreApplication application(argc, argv);
     Options options;
     options.polls = bench::intOption(argc, argv, "--polls", kDefaultPolls);
-    options.warmup = bench::intOption(argc, argv, "--warmup", kDefaultWarmup);
+    options.warmup = std::max(kMinWarmup, bench::intOption(argc, argv, "--warmup", kDefaultWarmup));
     for (int i = 1; i + 1 < argc; ++i)
         if (std::strcmp(argv[i], "--case") == 0) options.only = argv[i + 1];
 

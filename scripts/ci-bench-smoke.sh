@@ -24,7 +24,7 @@ run() {
 }
 
 bench="$build_dir/bench"
-run "$bench/overhead_bench" --polls 3 --warmup 1
+run "$bench/overhead_bench" --polls 3 --warmup 2
 run "$bench/scaling_bench" --polls 3
 run "$bench/memory_bench" --devices 8 --items 20 --idle-ms 100
 run "$bench/parallel_bench" --rounds 3 --devices 4
