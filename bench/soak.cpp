@@ -7,7 +7,7 @@
 // The simulators run in a child process forked first, driven over a pipe, so that every descriptor and thread
 // counted here is the plugin's or the host's.
 //
-// Usage: soak [--polls N] [--devices N] [--fault-every-ms N] [--pace-ms N]
+// Usage: soak [--polls N] [--devices N] [--fault-every-ms N] [--pace-ms N] [--write-only N | --no-write-only]
 #include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -37,6 +37,7 @@ constexpr int kDefaultPolls = 20000;
 constexpr int kDefaultDevices = 8;
 constexpr int kDefaultFaultEveryMs = 250;
 constexpr int kDefaultPaceMs = 4;
+constexpr int kDefaultWriteOnly = 1;  // the last device is only written, never polled
 constexpr int kFaultWindowMs = 150;
 constexpr int kRestartDownMs = 50;
 constexpr int kItemsPerDevice = 10;
@@ -180,6 +181,14 @@ long long nowUs() {
         .count();
 }
 
+QString firstError(const LogList& list) {
+    if (!list.device.lastError.isEmpty()) return list.device.lastError;
+    for (const DataItem* dataItem : list.dataItems)
+        if (!dataItem->item.lastError.isEmpty())
+            return dataItem->item.name + QStringLiteral(": ") + dataItem->item.lastError;
+    return QStringLiteral("(no error text)");
+}
+
 bool noItemErrors(const LogList& list) {
     for (const DataItem* dataItem : list.dataItems)
         if (!dataItem->item.lastError.isEmpty()) return false;
@@ -198,6 +207,11 @@ int main(int argc, char** argv) {
     const int deviceCount = std::min(bench::intOption(argc, argv, "--devices", kDefaultDevices), kMaxDevices);
     const int faultEveryMs = bench::intOption(argc, argv, "--fault-every-ms", kDefaultFaultEveryMs);
     const int paceMs = bench::intOption(argc, argv, "--pace-ms", kDefaultPaceMs);
+    // --write-only 0 is taken as the default by intOption, so "none" is spelled --no-write-only.
+    const int writeOnlyCount =
+        bench::hasFlag(argc, argv, "--no-write-only")
+            ? 0
+            : std::min(bench::intOption(argc, argv, "--write-only", kDefaultWriteOnly), deviceCount);
 
     SimulatorProcess simulators;
     if (!simulators.start(deviceCount)) {
@@ -206,8 +220,10 @@ int main(int argc, char** argv) {
         return 1;
     }
     QCoreApplication application(argc, argv);
-    std::printf("soak: %d devices, %d polls and writes in all, a fault every %d ms, build type %s\n",
-                deviceCount, targetPolls, faultEveryMs, ZELT_BUILD_TYPE);
+    std::printf(
+        "soak: %d devices (%d of them write-only), %d polls and writes in all, a fault every %d ms, build "
+        "type %s\n",
+        deviceCount, writeOnlyCount, targetPolls, faultEveryMs, ZELT_BUILD_TYPE);
 
     std::vector<std::unique_ptr<plugin_test::Batch>> polls;
     std::vector<std::unique_ptr<plugin_test::Batch>> writes;
@@ -253,9 +269,10 @@ int main(int argc, char** argv) {
     for (int device = 0; device < deviceCount; ++device) {
         pollers.emplace_back([&, device] {
             DeviceState& state = states[device];
+            const bool writeOnly = device >= deviceCount - writeOnlyCount;
             for (long iteration = 0; done.load() < targetPolls; ++iteration) {
                 const int kind = state.kind.load();
-                const bool write = iteration % kWriteEvery == kWriteEvery - 1;
+                const bool write = writeOnly || iteration % kWriteEvery == kWriteEvery - 1;
                 LogList& list = write ? writes[device]->list : polls[device]->list;
                 clearItemErrors(&list);
                 const bool success =
@@ -263,7 +280,7 @@ int main(int argc, char** argv) {
                 Tally& tally = tallies[kind];
                 (write ? tally.writes : tally.polls)++;
                 if (success) (write ? tally.writesOk : tally.pollsOk)++;
-                if (!write && success && state.awaitingRecovery.load()) {
+                if ((!write || writeOnly) && success && state.awaitingRecovery.load()) {
                     const long long restartedAt = state.restartedAtUs.load();
                     if (restartedAt != 0) {
                         std::lock_guard<std::mutex> lock(recoveriesMutex);
@@ -278,6 +295,7 @@ int main(int argc, char** argv) {
     }
 
     int events = 0;
+    int restarts = 0;
     int failedCommands = 0;
     std::thread injector([&] {
         while (!stop.load()) {
@@ -288,6 +306,7 @@ int main(int argc, char** argv) {
             if (kind == kRestart) {
                 state.restartedAtUs = 0;
                 state.awaitingRecovery = true;
+                ++restarts;
                 if (!simulators.command("restart", device)) ++failedCommands;
                 state.restartedAtUs = nowUs();
                 std::this_thread::sleep_for(std::chrono::milliseconds(kFaultWindowMs));
@@ -309,20 +328,23 @@ int main(int argc, char** argv) {
     const double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - startTime).count();
 
-    // Every device must answer again once the faults are gone.
+    // Every device must answer again once the faults are gone; a write-only device is only written, so that
+    // no poll mends its connection for it.
     int unrecovered = 0;
     for (int device = 0; device < deviceCount; ++device) {
+        const bool writeOnly = device >= deviceCount - writeOnlyCount;
+        LogList& list = writeOnly ? writes[device]->list : polls[device]->list;
         bool recovered = false;
         for (int attempt = 0; attempt < kSettleAttempts && !recovered; ++attempt) {
-            clearItemErrors(&polls[device]->list);
-            recovered = plugin.readData(&polls[device]->list) && noItemErrors(polls[device]->list);
+            clearItemErrors(&list);
+            recovered = (writeOnly ? plugin.writeData(&list) : plugin.readData(&list)) && noItemErrors(list);
         }
         clearItemErrors(&writes[device]->list);
         recovered =
             recovered && plugin.writeData(&writes[device]->list) && noItemErrors(writes[device]->list);
         if (!recovered) {
-            std::fprintf(stderr, "device %d did not recover: %s\n", device + 1,
-                         qPrintable(polls[device]->list.device.lastError));
+            std::fprintf(stderr, "device %d%s did not recover after %d attempts: %s\n", device + 1,
+                         writeOnly ? " (write-only)" : "", kSettleAttempts, qPrintable(firstError(list)));
             ++unrecovered;
         }
     }
@@ -348,9 +370,11 @@ int main(int argc, char** argv) {
     }
     const bench::Summary recovery = bench::summarize(recoveriesMs);
     std::printf(
-        "\nRecovery after a restart (simulator listening again to the first successful poll): %zu restarts, "
-        "median %.1f ms, min %.1f ms, max %.1f ms\n",
-        recoveriesMs.size(), recovery.median, recovery.min, recovery.max);
+        "\nRecovery after a restart (simulator listening again to the first successful poll, or write on a "
+        "write-only device): %zu of %d restarts recovered during the run, median %.1f ms, min %.1f ms, max "
+        "%.1f "
+        "ms\n",
+        recoveriesMs.size(), restarts, recovery.median, recovery.min, recovery.max);
     const long settled = settledRss.load() > 0 ? settledRss.load() : startRss;
     const bool rssGrew = endRss > settled + kRssToleranceKiB;
     std::printf("\n| Resource | Start | End | |\n|---|---|---|---|\n");
