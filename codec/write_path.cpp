@@ -8,6 +8,7 @@
 #include <climits>
 #include <mutex>
 
+#include "codec/address_space.h"
 #include "codec/value_encoding.h"
 #include "identity/zelt_identity.h"
 #include "plugin/modbus.h"
@@ -26,9 +27,9 @@ constexpr unsigned int kMultiplePresets = 1;  // "write_preset": 0 single (FC 5 
 constexpr int kBytesPerRegister = 2;
 constexpr int kLastBitOfRegister = 15;
 constexpr quint16 kLowByteMask = 0xFF;
-// No server has more registers than the 16-bit address space, so no longer range is ever encoded; libmodbus
-// refuses any count above its write limit before it reads a single word.
-constexpr unsigned int kRegisterAddressSpace = 65536;
+
+const QString kAddressOutOfRange = QStringLiteral("Address out of range");
+const QString kNothingToWrite = QStringLiteral("Nothing to write");
 
 const QString kBitOff = QStringLiteral("0");
 const QString kBitOn = QStringLiteral("1");
@@ -142,6 +143,11 @@ bool Modbus::writeVar(Connection& conn, ItemInstancePlugin& item, bool littleEnd
         return false;
     }
 
+    if (!codec::fitsAddressSpace(offset, 1)) {
+        item.setLastError(kAddressOutOfRange);
+        return false;
+    }
+
     int err = 0;
 
     // Discrete inputs are written like coils, by design.
@@ -163,12 +169,21 @@ bool Modbus::writeVar(Connection& conn, ItemInstancePlugin& item, bool littleEnd
                               QStringLiteral(" bytes"));
             return false;
         }
-        int const built = static_cast<int>(std::min(span, kRegisterAddressSpace));
+        if (span == 0) {
+            item.setLastError(kNothingToWrite);
+            return false;
+        }
+        if (!codec::fitsAddressSpace(offset, span)) {
+            item.setLastError(kAddressOutOfRange);
+            return false;
+        }
+        // At most the 16-bit address space; libmodbus refuses any count above its write limit before it
+        // reads a single word.
+        int const count = static_cast<int>(span);
         QVector<quint16> const words =
-            codec::encodeString(bytes, built, stringLittleEndian, stringByteSwapped);
+            codec::encodeString(bytes, count, stringLittleEndian, stringByteSwapped);
         writeLogDebug(QStringLiteral("Writing string. Offset: %1 Value: %2 Length: %3")
                           .arg(QString::number(offset), value, QString::number(span)));
-        int const count = static_cast<int>(std::min<unsigned int>(span, INT_MAX));
         return conn.writeString(offset, count, words.constData(), &err) > 0;
     }
 
@@ -213,7 +228,15 @@ bool Modbus::writeVar(Connection& conn, ItemInstancePlugin& item, bool littleEnd
     }
 
     unsigned int const length = getLengthOfVar(static_cast<VarType>(type));
-    // An unknown type has no registers and converts nothing.
+    // An unknown type has no registers.
+    if (length == 0) {
+        item.setLastError(kNothingToWrite);
+        return false;
+    }
+    if (!codec::fitsAddressSpace(offset, length)) {
+        item.setLastError(kAddressOutOfRange);
+        return false;
+    }
     QVector<quint16> const words =
         codec::encodeNumber(static_cast<VarType>(type), codec::parseNumber(value), littleEndian, byteSwapped);
     writeLogDebug(QStringLiteral("Writing %2 elements to %1").arg(offset).arg(length));

@@ -4,6 +4,7 @@
 #include <climits>
 #include <exception>
 
+#include "codec/address_space.h"
 #include "plugin/modbus.h"
 #include "plugin/modbus_identity_specs.h"
 
@@ -17,6 +18,15 @@ unsigned char readLimit(unsigned char maxReadRegisters) {
     if (maxReadRegisters == 0 || maxReadRegisters > Connection::max_read_registers)
         return Connection::max_read_registers;
     return maxReadRegisters;
+}
+
+const QString kAddressOutOfRange = QStringLiteral("Address out of range");
+
+// Registers (or coils) a read of the item covers, as the request for it is sized.
+qint64 readFootprint(const ItemInstancePlugin& item, RegisterType table) {
+    if (table == OutputCoil || table == InputCoil) return 1;
+    const auto type = static_cast<VarType>(item.settings.value(QStringLiteral("type")).toInt());
+    return std::max<qint64>(1, qint64(Modbus::getSpan(item)) + Modbus::getLengthOfVar(type));
 }
 
 QString flagText(bool flag) {
@@ -57,6 +67,17 @@ bool Modbus::readBatch(LogList* list) {
     readList.erase(std::remove_if(readList.begin(), readList.end(),
                                   [](const DataItem* dataItem) { return getOffset(dataItem->item) < 0; }),
                    readList.end());
+    // An address beyond the 16-bit space would wrap around to another register on the device.
+    readList.erase(
+        std::remove_if(readList.begin(), readList.end(),
+                       [](DataItem* dataItem) {
+                           ItemInstancePlugin& item = dataItem->item;
+                           if (codec::fitsAddressSpace(getOffset(item), readFootprint(item, getType(item))))
+                               return false;
+                           item.setLastError(kAddressOutOfRange);
+                           return true;
+                       }),
+        readList.end());
 
     std::shared_ptr<TcpDeviceConnection> entry = tcpDeviceConnection(device.id, nullptr);
     if (!entry) return false;

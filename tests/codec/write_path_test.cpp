@@ -361,11 +361,13 @@ TEST_F(WritePathTest, WrongOffset) {
 }
 
 TEST_F(WritePathTest, UnknownTypeWritesNothing) {
+    QString error;
     EXPECT_TRUE(writeOne(makeItem(QStringLiteral("40001"), QStringLiteral("4"), QStringLiteral("10")),
-                         QStringLiteral("1")));
-    EXPECT_TRUE(Host::instance().hasLog(LogLevel::Debug, QStringLiteral("Writing 0 elements to 0")));
+                         QStringLiteral("1"), {}, &error));
+    EXPECT_EQ(error, QStringLiteral("Nothing to write"));
     EXPECT_TRUE(Host::instance().hasLog(
-        LogLevel::Debug, QStringLiteral("Failed to write item. Register: 4 Offset: 40001 Error: ")));
+        LogLevel::Debug,
+        QStringLiteral("Failed to write item. Register: 4 Offset: 40001 Error: Nothing to write")));
     EXPECT_EQ(sim.totalRequests(), 0);
 }
 
