@@ -56,7 +56,7 @@ bool Modbus::readBatch(LogList* list) {
     std::vector<DataItem*> readList;
     readList.reserve(list->dataItems.size());
     for (DataItem* dataItem : list->dataItems)
-        if (!isIdentityItem(dataItem->item)) readList.push_back(dataItem);
+        if (dataItem && !isIdentityItem(dataItem->item)) readList.push_back(dataItem);
 
     std::sort(readList.begin(), readList.end(), [](const DataItem* a, const DataItem* b) {
         const RegisterType tableA = getType(a->item);
