@@ -1,15 +1,13 @@
-// Turns an item's "register", "register_type" and "type" texts into a register table, a 0-based protocol
-// address, a bit number and a register count, and reads the device's byte-order flags.
+// Turns an item's address texts into a register table, a 0-based protocol address, a bit number and a
+// register count.
 
-#include <QString>
-#include <QStringList>
+#include "codec/addressing.h"
 
-#include "plugin/modbus.h"
+#include <QStringRef>
+
+namespace codec {
 
 namespace {
-
-const QString kRegisterKey = QStringLiteral("register");
-const QString kRegisterTypeKey = QStringLiteral("register_type");
 
 const QChar kBitSeparator = QLatin1Char('.');
 const QChar kRangeSeparator = QLatin1Char('-');
@@ -22,55 +20,61 @@ constexpr int kLastDiscreteInputAddress = 19999;
 constexpr int kFirstInputRegisterAddress = 30001;
 constexpr int kLastInputRegisterAddress = 39999;
 
-// A device flag setting is on exactly when it reads as this number.
 constexpr unsigned int kFlagOn = 1;
+constexpr int kDefaultPrecision = 4;
 
-bool deviceFlag(DeviceInstancePlugin const& device, char const* key) {
-    return device.settings.value(QLatin1String(key)).toUInt() == kFlagOn;
+// The text up to the first occurrence of `separator` (all of it without one).
+QStringRef beforeFirst(QString const& text, QChar separator) {
+    int const at = text.indexOf(separator);
+    return at < 0 ? QStringRef(&text) : text.leftRef(at);
+}
+
+// The text between the first and the second occurrence of `separator`; null without a first one.
+QStringRef secondPart(QString const& text, QChar separator) {
+    int const at = text.indexOf(separator);
+    if (at < 0) {
+        return QStringRef();
+    }
+    int const next = text.indexOf(separator, at + 1);
+    return next < 0 ? text.midRef(at + 1) : text.midRef(at + 1, next - at - 1);
 }
 
 }  // namespace
 
-unsigned int Modbus::getLengthOfVar(VarType type) {
-    return registersPerValue(type);
-}
-
-RegisterType Modbus::getType(ItemInstancePlugin const& item) {
-    int const table = item.settings.value(kRegisterTypeKey).toInt();
-    if (table != Auto) {
-        return static_cast<RegisterType>(static_cast<unsigned char>(table));
+Table tableOf(QString const& registerText, QString const& registerTypeText) {
+    int const table = registerTypeText.toInt();
+    if (table != kAutoTable) {
+        return static_cast<Table>(static_cast<unsigned char>(table));
     }
 
     // Only a plain number is looked at: bit ("30001.3") and range ("30001-30010") addresses fail the
     // conversion and land in the holding registers, and so do six-digit addresses.
-    int const address = item.settings.value(kRegisterKey).toInt();
+    int const address = registerText.toInt();
     if (address >= kFirstCoilAddress && address <= kLastCoilAddress) {
-        return OutputCoil;
+        return kCoilTable;
     }
     if (address >= kFirstDiscreteInputAddress && address <= kLastDiscreteInputAddress) {
-        return InputCoil;
+        return kDiscreteInputTable;
     }
     if (address >= kFirstInputRegisterAddress && address <= kLastInputRegisterAddress) {
-        return InputRegister;
+        return kInputRegisterTable;
     }
-    return HoldingRegister;
+    return kHoldingRegisterTable;
 }
 
-int Modbus::getOffset(ItemInstancePlugin const& item) {
-    QString address = item.settings.value(kRegisterKey);
-    if (address.contains(kBitSeparator)) {
-        address = address.section(kBitSeparator, 0, 0);
-    } else if (address.contains(kRangeSeparator)) {
-        address = address.section(kRangeSeparator, 0, 0);
-    }
+int offsetOf(QString const& registerText, QString const& registerTypeText) {
+    // A bit address is cut at its point; only an address without one is cut at its range separator.
+    QStringRef const address = registerText.contains(kBitSeparator)
+                                   ? beforeFirst(registerText, kBitSeparator)
+                                   : beforeFirst(registerText, kRangeSeparator);
 
     bool ok = false;
-    if (item.settings.value(kRegisterTypeKey).toUInt() != Auto) {
+    if (registerTypeText.toUInt() != kAutoTable) {
         int const offset = address.toInt(&ok);
         return ok ? offset : -1;
     }
 
-    // The leading digit only has to be a digit; getType has already chosen the table from the whole text.
+    // The leading digit only has to be a digit; tableOf has already chosen the table from the whole text.
     address.left(1).toInt(&ok);
     if (!ok) {
         return -1;
@@ -82,40 +86,33 @@ int Modbus::getOffset(ItemInstancePlugin const& item) {
     return oneBased - 1;
 }
 
-unsigned int Modbus::getSpan(ItemInstancePlugin const& item) {
-    QStringList const parts = item.settings.value(kRegisterKey).split(kRangeSeparator, Qt::KeepEmptyParts);
-    if (parts.size() < 2) {
+unsigned int spanOf(QString const& registerText) {
+    int const at = registerText.indexOf(kRangeSeparator);
+    if (at < 0) {
         return 0;
     }
-    unsigned int const first = parts.at(0).toUInt();
-    unsigned int const second = parts.at(1).toUInt();
+    QStringRef const secondText = secondPart(registerText, kRangeSeparator);
+    unsigned int const first = registerText.leftRef(at).toUInt();
+    unsigned int const second = secondText.toUInt();
     if (second <= first) {
         // "40001-10": the second number is a register count.
-        return static_cast<unsigned int>(parts.at(1).toInt());
+        return static_cast<unsigned int>(secondText.toInt());
     }
     return second - first + 1;
 }
 
-int Modbus::getBit(ItemInstancePlugin const& item) {
-    QStringList const parts = item.settings.value(kRegisterKey).split(kBitSeparator, Qt::KeepEmptyParts);
-    if (parts.size() < 2) {
-        return 0;
-    }
-    return parts.at(1).toInt();
+int bitOf(QString const& registerText) {
+    return secondPart(registerText, kBitSeparator).toInt();
 }
 
-bool Modbus::isLittleEndian(DeviceInstancePlugin const& device) {
-    return deviceFlag(device, "endianness");
+bool flagOn(QString const& settingText) {
+    return settingText.toUInt() == kFlagOn;
 }
 
-bool Modbus::isByteSwapped(DeviceInstancePlugin const& device) {
-    return deviceFlag(device, "byte_order");
+int precisionOf(QString const& settingText) {
+    bool ok = false;
+    int const precision = settingText.toInt(&ok);
+    return ok ? precision : kDefaultPrecision;
 }
 
-bool Modbus::isStringLittleEndian(DeviceInstancePlugin const& device) {
-    return deviceFlag(device, "string_endianness");
-}
-
-bool Modbus::isStringByteSwapped(DeviceInstancePlugin const& device) {
-    return deviceFlag(device, "string_byte_order");
-}
+}  // namespace codec
