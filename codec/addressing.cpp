@@ -5,6 +5,8 @@
 
 #include <QStringRef>
 
+#include "codec/number_text.h"
+
 namespace codec {
 
 namespace {
@@ -42,14 +44,14 @@ QStringRef secondPart(QString const& text, QChar separator) {
 }  // namespace
 
 Table tableOf(QString const& registerText, QString const& registerTypeText) {
-    int const table = registerTypeText.toInt();
+    int const table = textToInt(QStringRef(&registerTypeText));
     if (table != kAutoTable) {
         return static_cast<Table>(static_cast<unsigned char>(table));
     }
 
     // Only a plain number is looked at: bit ("30001.3") and range ("30001-30010") addresses fail the
     // conversion and land in the holding registers, and so do six-digit addresses.
-    int const address = registerText.toInt();
+    int const address = textToInt(QStringRef(&registerText));
     if (address >= kFirstCoilAddress && address <= kLastCoilAddress) {
         return kCoilTable;
     }
@@ -69,17 +71,17 @@ int offsetOf(QString const& registerText, QString const& registerTypeText) {
                                    : beforeFirst(registerText, kRangeSeparator);
 
     bool ok = false;
-    if (registerTypeText.toUInt() != kAutoTable) {
-        int const offset = address.toInt(&ok);
+    if (textToUInt(QStringRef(&registerTypeText)) != kAutoTable) {
+        int const offset = textToInt(address, &ok);
         return ok ? offset : -1;
     }
 
     // The leading digit only has to be a digit; tableOf has already chosen the table from the whole text.
-    address.left(1).toInt(&ok);
+    textToInt(address.left(1), &ok);
     if (!ok) {
         return -1;
     }
-    int const oneBased = address.mid(1).toInt(&ok);
+    int const oneBased = textToInt(address.mid(1), &ok);
     if (!ok) {
         return -1;
     }
@@ -92,26 +94,26 @@ unsigned int spanOf(QString const& registerText) {
         return 0;
     }
     QStringRef const secondText = secondPart(registerText, kRangeSeparator);
-    unsigned int const first = registerText.leftRef(at).toUInt();
-    unsigned int const second = secondText.toUInt();
+    unsigned int const first = textToUInt(registerText.leftRef(at));
+    unsigned int const second = textToUInt(secondText);
     if (second <= first) {
         // "40001-10": the second number is a register count.
-        return static_cast<unsigned int>(secondText.toInt());
+        return static_cast<unsigned int>(textToInt(secondText));
     }
     return second - first + 1;
 }
 
 int bitOf(QString const& registerText) {
-    return secondPart(registerText, kBitSeparator).toInt();
+    return textToInt(secondPart(registerText, kBitSeparator));
 }
 
 bool flagOn(QString const& settingText) {
-    return settingText.toUInt() == kFlagOn;
+    return textToUInt(QStringRef(&settingText)) == kFlagOn;
 }
 
 int precisionOf(QString const& settingText) {
     bool ok = false;
-    int const precision = settingText.toInt(&ok);
+    int const precision = textToInt(QStringRef(&settingText), &ok);
     return ok ? precision : kDefaultPrecision;
 }
 

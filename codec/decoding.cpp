@@ -5,7 +5,10 @@
 #include <QByteArray>
 #include <QVarLengthArray>
 #include <algorithm>
+#include <charconv>
+#include <cmath>
 #include <cstring>
+#include <limits>
 #include <type_traits>
 
 namespace codec {
@@ -24,6 +27,10 @@ constexpr int kLastBitOfRegister = 15;
 constexpr quint16 kLowByteMask = 0xFF;
 // Most texts fit here without a heap allocation.
 constexpr int kInlineStringBytes = 256;
+// Sign, 309 integer digits of the largest double, the point and kMaxPrecision decimals.
+constexpr int kMaxFixedTextLength = 1 + 309 + 1 + kMaxPrecision;
+constexpr int kMaxIntegerTextLength = 24;
+constexpr int kDoubleMantissaBits = std::numeric_limits<double>::digits;
 
 // Trailing zeros go only when the whole fraction is zero: "3.0000" -> "3" but "3.2500" stays.
 void trimZeroFraction(QString& text) {
@@ -40,16 +47,43 @@ void trimZeroFraction(QString& text) {
     text.truncate(point);
 }
 
+// Binary digits after the point of a finite double: k where value * 2^k is an odd integer; 0 for integers.
+int fractionalBits(double value) {
+    int exponent = 0;
+    double const mantissa = std::frexp(value, &exponent);  // value = mantissa * 2^exponent, 0.5 <= |m| < 1
+    quint64 const bits = static_cast<quint64>(std::ldexp(std::fabs(mantissa), kDoubleMantissaBits));
+    int const k = kDoubleMantissaBits - exponent - __builtin_ctzll(bits);
+    return std::max(k, 0);
+}
+
+// Fixed notation with `precision` decimals. The exact shortest-path conversion rounds a tie to even; the
+// texts have always rounded ties away from zero, and printed "-0" as "0", so those (rare) cases, and what
+// is no finite number, keep going through Qt's conversion.
+QString fixedText(double value, int precision) {
+    // A value is a tie at `precision` decimals exactly when its expansion ends one digit later: 2^-k ends
+    // in 5.
+    if (precision < 0 || value == 0 || !std::isfinite(value) || fractionalBits(value) == precision + 1) {
+        return QString::number(value, 'f', precision);
+    }
+    char text[kMaxFixedTextLength];
+    std::to_chars_result const result =
+        std::to_chars(text, text + sizeof text, value, std::chars_format::fixed, precision);
+    if (result.ec != std::errc()) {
+        return QString::number(value, 'f', precision);
+    }
+    return QString::fromLatin1(text, static_cast<int>(result.ptr - text));
+}
+
 template <typename T>
 QString formatNumber(T value, int precision) {
     if constexpr (std::is_floating_point<T>::value) {
-        QString text = QString::number(static_cast<double>(value), 'f', std::min(precision, kMaxPrecision));
+        QString text = fixedText(static_cast<double>(value), std::min(precision, kMaxPrecision));
         trimZeroFraction(text);
         return text;
-    } else if constexpr (std::is_signed<T>::value) {
-        return QString::number(static_cast<qlonglong>(value));
     } else {
-        return QString::number(static_cast<qulonglong>(value));
+        char text[kMaxIntegerTextLength];
+        std::to_chars_result const result = std::to_chars(text, text + sizeof text, value);
+        return QString::fromLatin1(text, static_cast<int>(result.ptr - text));
     }
 }
 

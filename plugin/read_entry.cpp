@@ -3,6 +3,7 @@
 #include "plugin/read_entry.h"
 
 #include "codec/addressing.h"
+#include "codec/number_text.h"
 #include "codec/var_type.h"
 #include "plugin/setting_keys.h"
 
@@ -19,8 +20,8 @@ ReadEntry makeReadEntry(DataItem* dataItem) {
     entry.offset = codec::offsetOf(registerText, registerTypeText);
     entry.span = codec::spanOf(registerText);
     entry.bit = codec::bitOf(registerText);
-    entry.type = typeText.toUInt();
-    entry.requestLength = registersPerValue(static_cast<VarType>(typeText.toInt()));
+    entry.type = codec::textToUInt(QStringRef(&typeText));
+    entry.requestLength = registersPerValue(static_cast<VarType>(codec::textToInt(QStringRef(&typeText))));
     if (entry.type == FLOAT || entry.type == DOUBLE) {
         entry.precision = codec::precisionOf(settingText(settings, setting_keys::kPrecision));
     }
