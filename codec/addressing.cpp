@@ -25,28 +25,47 @@ constexpr int kLastInputRegisterAddress = 39999;
 constexpr unsigned int kFlagOn = 1;
 constexpr int kDefaultPrecision = 4;
 
-// The text up to the first occurrence of `separator` (all of it without one).
-QStringRef beforeFirst(QString const& text, QChar separator) {
-    int const at = text.indexOf(separator);
-    return at < 0 ? QStringRef(&text) : text.leftRef(at);
+// Where the first and second separators of each kind sit in an address text (-1: none).
+struct Separators {
+    int firstBit = -1;
+    int secondBit = -1;
+    int firstRange = -1;
+    int secondRange = -1;
+};
+
+Separators findSeparators(QString const& text) {
+    Separators found;
+    QChar const* const chars = text.constData();
+    int const size = text.size();
+    for (int i = 0; i < size; ++i) {
+        if (chars[i] == kBitSeparator) {
+            if (found.firstBit < 0) {
+                found.firstBit = i;
+            } else if (found.secondBit < 0) {
+                found.secondBit = i;
+            }
+        } else if (chars[i] == kRangeSeparator) {
+            if (found.firstRange < 0) {
+                found.firstRange = i;
+            } else if (found.secondRange < 0) {
+                found.secondRange = i;
+            }
+        }
+    }
+    return found;
 }
 
-// The text between the first and the second occurrence of `separator`; null without a first one.
-QStringRef secondPart(QString const& text, QChar separator) {
-    int const at = text.indexOf(separator);
-    if (at < 0) {
+// The text between a separator at `first` and the next one at `second` (or the end); null when `first` is -1.
+QStringRef partAfter(QString const& text, int first, int second) {
+    if (first < 0) {
         return QStringRef();
     }
-    int const next = text.indexOf(separator, at + 1);
-    return next < 0 ? text.midRef(at + 1) : text.midRef(at + 1, next - at - 1);
+    return second < 0 ? text.midRef(first + 1) : text.midRef(first + 1, second - first - 1);
 }
 
-}  // namespace
-
-Table tableOf(QString const& registerText, QString const& registerTypeText) {
-    int const table = textToInt(QStringRef(&registerTypeText));
-    if (table != kAutoTable) {
-        return static_cast<Table>(static_cast<unsigned char>(table));
+Table tableFrom(QString const& registerText, int registerType) {
+    if (registerType != kAutoTable) {
+        return static_cast<Table>(static_cast<unsigned char>(registerType));
     }
 
     // Only a plain number is looked at: bit ("30001.3") and range ("30001-30010") addresses fail the
@@ -64,11 +83,10 @@ Table tableOf(QString const& registerText, QString const& registerTypeText) {
     return kHoldingRegisterTable;
 }
 
-int offsetOf(QString const& registerText, QString const& registerTypeText) {
+int offsetFrom(QString const& registerText, QString const& registerTypeText, Separators const& at) {
     // A bit address is cut at its point; only an address without one is cut at its range separator.
-    QStringRef const address = registerText.contains(kBitSeparator)
-                                   ? beforeFirst(registerText, kBitSeparator)
-                                   : beforeFirst(registerText, kRangeSeparator);
+    int const cut = at.firstBit >= 0 ? at.firstBit : at.firstRange;
+    QStringRef const address = cut < 0 ? QStringRef(&registerText) : registerText.leftRef(cut);
 
     bool ok = false;
     if (textToUInt(QStringRef(&registerTypeText)) != kAutoTable) {
@@ -76,7 +94,7 @@ int offsetOf(QString const& registerText, QString const& registerTypeText) {
         return ok ? offset : -1;
     }
 
-    // The leading digit only has to be a digit; tableOf has already chosen the table from the whole text.
+    // The leading digit only has to be a digit; the table has already been chosen from the whole text.
     textToInt(address.left(1), &ok);
     if (!ok) {
         return -1;
@@ -88,13 +106,12 @@ int offsetOf(QString const& registerText, QString const& registerTypeText) {
     return oneBased - 1;
 }
 
-unsigned int spanOf(QString const& registerText) {
-    int const at = registerText.indexOf(kRangeSeparator);
-    if (at < 0) {
+unsigned int spanFrom(QString const& registerText, Separators const& at) {
+    if (at.firstRange < 0) {
         return 0;
     }
-    QStringRef const secondText = secondPart(registerText, kRangeSeparator);
-    unsigned int const first = textToUInt(registerText.leftRef(at));
+    QStringRef const secondText = partAfter(registerText, at.firstRange, at.secondRange);
+    unsigned int const first = textToUInt(registerText.leftRef(at.firstRange));
     unsigned int const second = textToUInt(secondText);
     if (second <= first) {
         // "40001-10": the second number is a register count.
@@ -103,8 +120,36 @@ unsigned int spanOf(QString const& registerText) {
     return second - first + 1;
 }
 
+int bitFrom(QString const& registerText, Separators const& at) {
+    return textToInt(partAfter(registerText, at.firstBit, at.secondBit));
+}
+
+}  // namespace
+
+Table tableOf(QString const& registerText, QString const& registerTypeText) {
+    return tableFrom(registerText, textToInt(QStringRef(&registerTypeText)));
+}
+
+int offsetOf(QString const& registerText, QString const& registerTypeText) {
+    return offsetFrom(registerText, registerTypeText, findSeparators(registerText));
+}
+
+unsigned int spanOf(QString const& registerText) {
+    return spanFrom(registerText, findSeparators(registerText));
+}
+
 int bitOf(QString const& registerText) {
-    return textToInt(secondPart(registerText, kBitSeparator));
+    return bitFrom(registerText, findSeparators(registerText));
+}
+
+ItemAddress parseAddress(QString const& registerText, QString const& registerTypeText) {
+    Separators const at = findSeparators(registerText);
+    ItemAddress address;
+    address.table = tableFrom(registerText, textToInt(QStringRef(&registerTypeText)));
+    address.offset = offsetFrom(registerText, registerTypeText, at);
+    address.span = spanFrom(registerText, at);
+    address.bit = bitFrom(registerText, at);
+    return address;
 }
 
 bool flagOn(QString const& settingText) {

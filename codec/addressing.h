@@ -29,6 +29,15 @@ unsigned int spanOf(QString const& registerText);
 // The bit number of "register.bit"; 0 without one.
 int bitOf(QString const& registerText);
 
+// Everything the four functions above give, from one scan of the texts.
+struct ItemAddress {
+    Table table = kHoldingRegisterTable;
+    int offset = -1;
+    unsigned int span = 0;
+    int bit = 0;
+};
+ItemAddress parseAddress(QString const& registerText, QString const& registerTypeText);
+
 // A device flag setting ("endianness", "byte_order", ...) is on exactly when it reads as 1.
 bool flagOn(QString const& settingText);
 

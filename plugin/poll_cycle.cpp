@@ -67,8 +67,11 @@ bool Modbus::readBatch(LogList* list) {
     // Each item's settings are parsed here once; sorting and splitting work on the parsed fields.
     std::vector<ReadEntry> readList;
     readList.reserve(static_cast<size_t>(list->dataItems.size()));
-    for (DataItem* dataItem : list->dataItems)
-        if (dataItem && !isIdentityItem(dataItem->item)) readList.push_back(makeReadEntry(dataItem));
+    for (DataItem* dataItem : list->dataItems) {
+        if (!dataItem) continue;
+        ReadEntry entry = makeReadEntry(dataItem);
+        if (!entry.identity) readList.push_back(entry);
+    }
 
     std::sort(readList.begin(), readList.end(), byTableAndOffset);
     readList.erase(std::remove_if(readList.begin(), readList.end(),

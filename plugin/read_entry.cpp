@@ -5,25 +5,59 @@
 #include "codec/addressing.h"
 #include "codec/number_text.h"
 #include "codec/var_type.h"
+#include "identity/zelt_identity.h"
 #include "plugin/setting_keys.h"
 
-using setting_keys::settingText;
+namespace {
+
+// The four settings a poll reads, found in one walk over the item's settings.
+struct ItemTexts {
+    QString const* registerText = nullptr;
+    QString const* registerTypeText = nullptr;
+    QString const* typeText = nullptr;
+    QString const* precisionText = nullptr;
+};
+
+ItemTexts itemTexts(QMap<QString, QString> const& settings) {
+    ItemTexts texts;
+    for (auto it = settings.constBegin(); it != settings.constEnd(); ++it) {
+        QString const& key = it.key();
+        if (key == setting_keys::kRegister) {
+            texts.registerText = &it.value();
+        } else if (key == setting_keys::kRegisterType) {
+            texts.registerTypeText = &it.value();
+        } else if (key == setting_keys::kType) {
+            texts.typeText = &it.value();
+        } else if (key == setting_keys::kPrecision) {
+            texts.precisionText = &it.value();
+        }
+    }
+    return texts;
+}
+
+QString const& orEmpty(QString const* text) {
+    static QString const kUnset;
+    return text ? *text : kUnset;
+}
+
+}  // namespace
 
 ReadEntry makeReadEntry(DataItem* dataItem) {
+    ItemTexts const texts = itemTexts(dataItem->item.settings);
+    QString const& registerText = orEmpty(texts.registerText);
+    QString const& typeText = orEmpty(texts.typeText);
+    codec::ItemAddress const address = codec::parseAddress(registerText, orEmpty(texts.registerTypeText));
     ReadEntry entry;
     entry.dataItem = dataItem;
-    QMap<QString, QString> const& settings = dataItem->item.settings;
-    QString const& registerText = settingText(settings, setting_keys::kRegister);
-    QString const& registerTypeText = settingText(settings, setting_keys::kRegisterType);
-    QString const& typeText = settingText(settings, setting_keys::kType);
-    entry.table = static_cast<RegisterType>(codec::tableOf(registerText, registerTypeText));
-    entry.offset = codec::offsetOf(registerText, registerTypeText);
-    entry.span = codec::spanOf(registerText);
-    entry.bit = codec::bitOf(registerText);
+    entry.identity = zelt_identity::isIdentityAddress(registerText);
+    entry.table = static_cast<RegisterType>(address.table);
+    entry.offset = address.offset;
+    entry.span = address.span;
+    entry.bit = address.bit;
     entry.type = codec::textToUInt(QStringRef(&typeText));
     entry.requestLength = registersPerValue(static_cast<VarType>(codec::textToInt(QStringRef(&typeText))));
     if (entry.type == FLOAT || entry.type == DOUBLE) {
-        entry.precision = codec::precisionOf(settingText(settings, setting_keys::kPrecision));
+        entry.precision = codec::precisionOf(orEmpty(texts.precisionText));
     }
     return entry;
 }

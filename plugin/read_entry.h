@@ -9,6 +9,7 @@
 
 struct ReadEntry {
     DataItem* dataItem = nullptr;
+    bool identity = false;  // an identity item: published, never read
     RegisterType table = HoldingRegister;
     int offset = -1;
     unsigned int span = 0;
