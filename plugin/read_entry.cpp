@@ -20,16 +20,18 @@ struct ItemTexts {
 
 ItemTexts itemTexts(QMap<QString, QString> const& settings) {
     ItemTexts texts;
+    // The four keys differ in length, so the length alone picks the one candidate to compare with.
     for (auto it = settings.constBegin(); it != settings.constEnd(); ++it) {
         QString const& key = it.key();
-        if (key == setting_keys::kRegister) {
-            texts.registerText = &it.value();
-        } else if (key == setting_keys::kRegisterType) {
-            texts.registerTypeText = &it.value();
-        } else if (key == setting_keys::kType) {
-            texts.typeText = &it.value();
-        } else if (key == setting_keys::kPrecision) {
-            texts.precisionText = &it.value();
+        int const length = key.size();
+        if (length == setting_keys::kRegister.size()) {
+            if (key == setting_keys::kRegister) texts.registerText = &it.value();
+        } else if (length == setting_keys::kRegisterType.size()) {
+            if (key == setting_keys::kRegisterType) texts.registerTypeText = &it.value();
+        } else if (length == setting_keys::kType.size()) {
+            if (key == setting_keys::kType) texts.typeText = &it.value();
+        } else if (length == setting_keys::kPrecision.size()) {
+            if (key == setting_keys::kPrecision) texts.precisionText = &it.value();
         }
     }
     return texts;
