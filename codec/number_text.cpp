@@ -29,9 +29,23 @@ bool plainDigits(QStringRef const& text, int from, unsigned int* value) {
     return true;
 }
 
+// An empty text is no number to any of the conversions.
+bool emptyText(QStringRef const& text, bool* ok) {
+    if (!text.isEmpty()) {
+        return false;
+    }
+    if (ok) {
+        *ok = false;
+    }
+    return true;
+}
+
 }  // namespace
 
 int textToInt(QStringRef text, bool* ok) {
+    if (emptyText(text, ok)) {
+        return 0;
+    }
     bool const negative = !text.isEmpty() && text.at(0) == QLatin1Char('-');
     unsigned int magnitude = 0;
     if (plainDigits(text, negative ? 1 : 0, &magnitude)) {
@@ -44,6 +58,9 @@ int textToInt(QStringRef text, bool* ok) {
 }
 
 unsigned int textToUInt(QStringRef text, bool* ok) {
+    if (emptyText(text, ok)) {
+        return 0;
+    }
     unsigned int value = 0;
     if (plainDigits(text, 0, &value)) {
         if (ok) {

@@ -167,16 +167,14 @@ ReadEntryIterator readEntries(Modbus& plugin, Connection& connection, ReadEntryI
         }
     }
 
-    auto requestText = [&](const char* format) {
-        return QString::fromLatin1(format)
-            .arg(count)
-            .arg(static_cast<int>(table))
-            .arg(startAddress)
-            .arg(lastAddress)
-            .arg(static_cast<int>(limit));
-    };
-    plugin.writeLogDebug(
-        requestText("Getting ready to read %1 registers of type %2 from %3 to %4. Max read registers: %5"));
+    // The three request lines share their tail; it is formatted once, in one pass.
+    const QString requestTail =
+        QStringLiteral("%1 registers of type %2 from %3 to %4. Max read registers: %5")
+            .arg(QString::number(count), QString::number(static_cast<int>(table)),
+                 QString::number(startAddress), QString::number(lastAddress),
+                 QString::number(static_cast<int>(limit)));
+    auto requestText = [&requestTail](QLatin1String head) { return head + requestTail; };
+    plugin.writeLogDebug(requestText(QLatin1String("Getting ready to read ")));
 
     int error = 0;
     if (table == OutputCoil || table == InputCoil) {
@@ -191,11 +189,9 @@ ReadEntryIterator readEntries(Modbus& plugin, Connection& connection, ReadEntryI
     }
     if (table == InputRegister || table == HoldingRegister) {
         std::vector<unsigned short> words(std::min(count, kLargestRegisterRead));
-        plugin.writeLogDebug(
-            requestText("Reading words %1 registers of type %2 from %3 to %4. Max read registers: %5"));
+        plugin.writeLogDebug(requestText(QLatin1String("Reading words ")));
         const int result = connection.readWords(table, startAddress, count, words.data(), &error);
-        plugin.writeLogDebug(
-            requestText("Done reading words %1 registers of type %2 from %3 to %4. Max read registers: %5"));
+        plugin.writeLogDebug(requestText(QLatin1String("Done reading words ")));
         if (result < 0) {
             connection.setConnected(false);
             plugin.writeLogDebug(
