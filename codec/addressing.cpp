@@ -1,15 +1,15 @@
-// Turns an item's "register", "register_type" and "type" texts into a register table, a 0-based protocol
-// address, a bit number and a register count, and reads the device's byte-order flags.
+// Turns an item's address texts into a register table, a 0-based protocol address, a bit number and a
+// register count.
 
-#include <QString>
-#include <QStringList>
+#include "codec/addressing.h"
 
-#include "plugin/modbus.h"
+#include <QStringRef>
+
+#include "codec/number_text.h"
+
+namespace codec {
 
 namespace {
-
-const QString kRegisterKey = QStringLiteral("register");
-const QString kRegisterTypeKey = QStringLiteral("register_type");
 
 const QChar kBitSeparator = QLatin1Char('.');
 const QChar kRangeSeparator = QLatin1Char('-');
@@ -22,100 +22,144 @@ constexpr int kLastDiscreteInputAddress = 19999;
 constexpr int kFirstInputRegisterAddress = 30001;
 constexpr int kLastInputRegisterAddress = 39999;
 
-// A device flag setting is on exactly when it reads as this number.
 constexpr unsigned int kFlagOn = 1;
+constexpr int kDefaultPrecision = 4;
 
-bool deviceFlag(DeviceInstancePlugin const& device, char const* key) {
-    return device.settings.value(QLatin1String(key)).toUInt() == kFlagOn;
+// Where the first and second separators of each kind sit in an address text (-1: none).
+struct Separators {
+    int firstBit = -1;
+    int secondBit = -1;
+    int firstRange = -1;
+    int secondRange = -1;
+};
+
+Separators findSeparators(QString const& text) {
+    Separators found;
+    QChar const* const chars = text.constData();
+    int const size = text.size();
+    for (int i = 0; i < size; ++i) {
+        if (chars[i] == kBitSeparator) {
+            if (found.firstBit < 0) {
+                found.firstBit = i;
+            } else if (found.secondBit < 0) {
+                found.secondBit = i;
+            }
+        } else if (chars[i] == kRangeSeparator) {
+            if (found.firstRange < 0) {
+                found.firstRange = i;
+            } else if (found.secondRange < 0) {
+                found.secondRange = i;
+            }
+        }
+    }
+    return found;
 }
 
-}  // namespace
-
-unsigned int Modbus::getLengthOfVar(VarType type) {
-    return registersPerValue(type);
+// The text between a separator at `first` and the next one at `second` (or the end); null when `first` is -1.
+QStringRef partAfter(QString const& text, int first, int second) {
+    if (first < 0) {
+        return QStringRef();
+    }
+    return second < 0 ? text.midRef(first + 1) : text.midRef(first + 1, second - first - 1);
 }
 
-RegisterType Modbus::getType(ItemInstancePlugin const& item) {
-    int const table = item.settings.value(kRegisterTypeKey).toInt();
-    if (table != Auto) {
-        return static_cast<RegisterType>(static_cast<unsigned char>(table));
+Table tableFrom(QString const& registerText, int registerType) {
+    if (registerType != kAutoTable) {
+        return static_cast<Table>(static_cast<unsigned char>(registerType));
     }
 
     // Only a plain number is looked at: bit ("30001.3") and range ("30001-30010") addresses fail the
     // conversion and land in the holding registers, and so do six-digit addresses.
-    int const address = item.settings.value(kRegisterKey).toInt();
+    int const address = textToInt(QStringRef(&registerText));
     if (address >= kFirstCoilAddress && address <= kLastCoilAddress) {
-        return OutputCoil;
+        return kCoilTable;
     }
     if (address >= kFirstDiscreteInputAddress && address <= kLastDiscreteInputAddress) {
-        return InputCoil;
+        return kDiscreteInputTable;
     }
     if (address >= kFirstInputRegisterAddress && address <= kLastInputRegisterAddress) {
-        return InputRegister;
+        return kInputRegisterTable;
     }
-    return HoldingRegister;
+    return kHoldingRegisterTable;
 }
 
-int Modbus::getOffset(ItemInstancePlugin const& item) {
-    QString address = item.settings.value(kRegisterKey);
-    if (address.contains(kBitSeparator)) {
-        address = address.section(kBitSeparator, 0, 0);
-    } else if (address.contains(kRangeSeparator)) {
-        address = address.section(kRangeSeparator, 0, 0);
-    }
+int offsetFrom(QString const& registerText, QString const& registerTypeText, Separators const& at) {
+    // A bit address is cut at its point; only an address without one is cut at its range separator.
+    int const cut = at.firstBit >= 0 ? at.firstBit : at.firstRange;
+    QStringRef const address = cut < 0 ? QStringRef(&registerText) : registerText.leftRef(cut);
 
     bool ok = false;
-    if (item.settings.value(kRegisterTypeKey).toUInt() != Auto) {
-        int const offset = address.toInt(&ok);
+    if (textToUInt(QStringRef(&registerTypeText)) != kAutoTable) {
+        int const offset = textToInt(address, &ok);
         return ok ? offset : -1;
     }
 
-    // The leading digit only has to be a digit; getType has already chosen the table from the whole text.
-    address.left(1).toInt(&ok);
+    // The leading digit only has to be a digit; the table has already been chosen from the whole text.
+    textToInt(address.left(1), &ok);
     if (!ok) {
         return -1;
     }
-    int const oneBased = address.mid(1).toInt(&ok);
+    int const oneBased = textToInt(address.mid(1), &ok);
     if (!ok) {
         return -1;
     }
     return oneBased - 1;
 }
 
-unsigned int Modbus::getSpan(ItemInstancePlugin const& item) {
-    QStringList const parts = item.settings.value(kRegisterKey).split(kRangeSeparator, Qt::KeepEmptyParts);
-    if (parts.size() < 2) {
+unsigned int spanFrom(QString const& registerText, Separators const& at) {
+    if (at.firstRange < 0) {
         return 0;
     }
-    unsigned int const first = parts.at(0).toUInt();
-    unsigned int const second = parts.at(1).toUInt();
+    QStringRef const secondText = partAfter(registerText, at.firstRange, at.secondRange);
+    unsigned int const first = textToUInt(registerText.leftRef(at.firstRange));
+    unsigned int const second = textToUInt(secondText);
     if (second <= first) {
         // "40001-10": the second number is a register count.
-        return static_cast<unsigned int>(parts.at(1).toInt());
+        return static_cast<unsigned int>(textToInt(secondText));
     }
     return second - first + 1;
 }
 
-int Modbus::getBit(ItemInstancePlugin const& item) {
-    QStringList const parts = item.settings.value(kRegisterKey).split(kBitSeparator, Qt::KeepEmptyParts);
-    if (parts.size() < 2) {
-        return 0;
-    }
-    return parts.at(1).toInt();
+int bitFrom(QString const& registerText, Separators const& at) {
+    return textToInt(partAfter(registerText, at.firstBit, at.secondBit));
 }
 
-bool Modbus::isLittleEndian(DeviceInstancePlugin const& device) {
-    return deviceFlag(device, "endianness");
+}  // namespace
+
+Table tableOf(QString const& registerText, QString const& registerTypeText) {
+    return tableFrom(registerText, textToInt(QStringRef(&registerTypeText)));
 }
 
-bool Modbus::isByteSwapped(DeviceInstancePlugin const& device) {
-    return deviceFlag(device, "byte_order");
+int offsetOf(QString const& registerText, QString const& registerTypeText) {
+    return offsetFrom(registerText, registerTypeText, findSeparators(registerText));
 }
 
-bool Modbus::isStringLittleEndian(DeviceInstancePlugin const& device) {
-    return deviceFlag(device, "string_endianness");
+unsigned int spanOf(QString const& registerText) {
+    return spanFrom(registerText, findSeparators(registerText));
 }
 
-bool Modbus::isStringByteSwapped(DeviceInstancePlugin const& device) {
-    return deviceFlag(device, "string_byte_order");
+int bitOf(QString const& registerText) {
+    return bitFrom(registerText, findSeparators(registerText));
 }
+
+ItemAddress parseAddress(QString const& registerText, QString const& registerTypeText) {
+    Separators const at = findSeparators(registerText);
+    ItemAddress address;
+    address.table = tableFrom(registerText, textToInt(QStringRef(&registerTypeText)));
+    address.offset = offsetFrom(registerText, registerTypeText, at);
+    address.span = spanFrom(registerText, at);
+    address.bit = bitFrom(registerText, at);
+    return address;
+}
+
+bool flagOn(QString const& settingText) {
+    return textToUInt(QStringRef(&settingText)) == kFlagOn;
+}
+
+int precisionOf(QString const& settingText) {
+    bool ok = false;
+    int const precision = textToInt(QStringRef(&settingText), &ok);
+    return ok ? precision : kDefaultPrecision;
+}
+
+}  // namespace codec

@@ -1,5 +1,5 @@
 #pragma once
-// Value text to register words, the inverse of the decoding in Modbus::extractNumber and Modbus::extract.
+// Value text to register words, the inverse of codec::decodeNumber and codec::decodeString.
 // Pure functions: no I/O, no logging.
 
 #include <QByteArray>

@@ -101,5 +101,19 @@ void Modbus::syncDeviceIdentity(Connection& connection, int deviceId, LogList* l
             zelt_identity::ensureItems(&pluginInterface, deviceId, modbusIdentityValueSpecs(values));
         zelt_identity::requestReloadIfIdentityCreated(&pluginInterface, created);
     }
-    if (list) zelt_identity::publishValues(&pluginInterface, list, values, "register");
+    if (!list) return;
+    if (!list->dataItems.contains(nullptr)) {
+        zelt_identity::publishValues(&pluginInterface, list, values, "register");
+        return;
+    }
+    // The publisher looks into every entry; it gets the batch without the host's empty entries, and what it
+    // appends goes to the end of the real batch.
+    LogList entries;
+    entries.device = list->device;
+    entries.plugin = list->plugin;
+    for (DataItem* dataItem : list->dataItems)
+        if (dataItem) entries.dataItems.append(dataItem);
+    const int given = entries.dataItems.size();
+    zelt_identity::publishValues(&pluginInterface, &entries, values, "register");
+    list->dataItems.append(entries.dataItems.mid(given));
 }

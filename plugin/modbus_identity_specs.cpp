@@ -1,5 +1,7 @@
 #include "plugin/modbus_identity_specs.h"
 
+#include "plugin/setting_keys.h"
+
 namespace {
 
 struct FieldRow {
@@ -58,5 +60,6 @@ QList<zelt_identity::Spec> modbusIdentityValueSpecs(const QMap<QString, QString>
 }
 
 bool isIdentityItem(const ItemInstancePlugin& item) {
-    return zelt_identity::isIdentityAddress(item.settings.value(QStringLiteral("register")));
+    return zelt_identity::isIdentityAddress(
+        setting_keys::settingText(item.settings, setting_keys::kRegister));
 }

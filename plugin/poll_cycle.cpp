@@ -4,8 +4,11 @@
 #include <climits>
 #include <exception>
 
+#include "codec/address_space.h"
 #include "plugin/modbus.h"
 #include "plugin/modbus_identity_specs.h"
+#include "plugin/read_entry.h"
+#include "plugin/setting_keys.h"
 
 namespace {
 // libmodbus refuses larger reads before it touches the buffer, so no buffer needs to be larger.
@@ -18,6 +21,24 @@ unsigned char readLimit(unsigned char maxReadRegisters) {
         return Connection::max_read_registers;
     return maxReadRegisters;
 }
+
+const QString kAddressOutOfRange = QStringLiteral("Address out of range");
+
+// Registers (or coils) a read of the item covers, as the request for it is sized.
+qint64 readFootprint(const ReadEntry& entry) {
+    if (entry.table == OutputCoil || entry.table == InputCoil) return 1;
+    return std::max<qint64>(1, qint64(entry.span) + entry.requestLength);
+}
+
+bool byTableAndOffset(const ReadEntry& a, const ReadEntry& b) {
+    if (a.table != b.table) return a.table < b.table;
+    return a.offset < b.offset;
+}
+
+ReadEntryIterator readEntries(Modbus& plugin, Connection& connection, ReadEntryIterator first,
+                              ReadEntryIterator last, bool littleEndian, bool byteSwapped,
+                              bool stringLittleEndian, bool stringByteSwapped,
+                              unsigned char maxReadRegisters);
 
 QString flagText(bool flag) {
     return flag ? QStringLiteral("1") : QStringLiteral("0");
@@ -43,19 +64,27 @@ bool Modbus::readBatch(LogList* list) {
     writeLogDebug(QStringLiteral("Going to read ") + QString::number(batchSize) + QStringLiteral(" from ") +
                   device.name);
 
-    std::vector<DataItem*> readList;
-    readList.reserve(list->dataItems.size());
-    for (DataItem* dataItem : list->dataItems)
-        if (!isIdentityItem(dataItem->item)) readList.push_back(dataItem);
+    // Each item's settings are parsed here once; sorting and splitting work on the parsed fields.
+    std::vector<ReadEntry> readList;
+    readList.reserve(static_cast<size_t>(list->dataItems.size()));
+    for (DataItem* dataItem : list->dataItems) {
+        if (!dataItem) continue;
+        ReadEntry entry = makeReadEntry(dataItem);
+        if (!entry.identity) readList.push_back(entry);
+    }
 
-    std::sort(readList.begin(), readList.end(), [](const DataItem* a, const DataItem* b) {
-        const RegisterType tableA = getType(a->item);
-        const RegisterType tableB = getType(b->item);
-        if (tableA != tableB) return tableA < tableB;
-        return getOffset(a->item) < getOffset(b->item);
-    });
+    std::sort(readList.begin(), readList.end(), byTableAndOffset);
     readList.erase(std::remove_if(readList.begin(), readList.end(),
-                                  [](const DataItem* dataItem) { return getOffset(dataItem->item) < 0; }),
+                                  [](const ReadEntry& entry) { return entry.offset < 0; }),
+                   readList.end());
+    // An address beyond the 16-bit space would wrap around to another register on the device.
+    readList.erase(std::remove_if(readList.begin(), readList.end(),
+                                  [](const ReadEntry& entry) {
+                                      if (codec::fitsAddressSpace(entry.offset, readFootprint(entry)))
+                                          return false;
+                                      entry.dataItem->item.setLastError(kAddressOutOfRange);
+                                      return true;
+                                  }),
                    readList.end());
 
     std::shared_ptr<TcpDeviceConnection> entry = tcpDeviceConnection(device.id, nullptr);
@@ -78,19 +107,18 @@ bool Modbus::readBatch(LogList* list) {
     syncDeviceIdentity(connection, device.id, list);
 
     // The host stores the limit as text; narrowing it to 8 bits is part of the stored behaviour.
-    const auto maxRead =
-        static_cast<unsigned char>(device.settings.value(QStringLiteral("max_read_registers")).toInt());
+    const auto maxRead = static_cast<unsigned char>(
+        setting_keys::settingText(device.settings, setting_keys::kMaxReadRegisters).toInt());
     const bool littleEndian = isLittleEndian(device);
     const bool byteSwapped = isByteSwapped(device);
     const bool stringLittleEndian = isStringLittleEndian(device);
     const bool stringByteSwapped = isStringByteSwapped(device);
     for (auto runStart = readList.begin(); runStart != readList.end();) {
-        const RegisterType table = getType((*runStart)->item);
-        auto runEnd = std::find_if(runStart, readList.end(), [table](const DataItem* dataItem) {
-            return getType(dataItem->item) != table;
-        });
-        readItems(connection, runStart, runEnd, littleEndian, byteSwapped, stringLittleEndian,
-                  stringByteSwapped, maxRead);
+        const RegisterType table = runStart->table;
+        auto runEnd = std::find_if(runStart, readList.end(),
+                                   [table](const ReadEntry& entry) { return entry.table != table; });
+        readEntries(*this, connection, runStart, runEnd, littleEndian, byteSwapped, stringLittleEndian,
+                    stringByteSwapped, maxRead);
         runStart = runEnd;
     }
 
@@ -102,84 +130,98 @@ bool Modbus::readBatch(LogList* list) {
     }
     writeLogDebug(QStringLiteral("Done reading ") + QString::number(batchSize) + QStringLiteral(" from ") +
                   device.name);
-    if (device.settings.value(QStringLiteral("persistent_connection")).toInt() == 0) connection.disconnect();
+    if (setting_keys::settingText(device.settings, setting_keys::kPersistentConnection).toInt() == 0)
+        connection.disconnect();
     return true;
 }
 
-Modbus::DataItemIterator Modbus::readItems(Connection& connection, DataItemIterator first,
-                                           DataItemIterator last, bool littleEndian, bool byteSwapped,
-                                           bool stringLittleEndian, bool stringByteSwapped,
-                                           unsigned char maxReadRegisters) {
+namespace {
+
+ReadEntryIterator readEntries(Modbus& plugin, Connection& connection, ReadEntryIterator first,
+                              ReadEntryIterator last, bool littleEndian, bool byteSwapped,
+                              bool stringLittleEndian, bool stringByteSwapped,
+                              unsigned char maxReadRegisters) {
     if (first == last) return first;
     const unsigned char limit = readLimit(maxReadRegisters);
 
-    const ItemInstancePlugin& firstItem = (*first)->item;
-    const ItemInstancePlugin& lastItem = (*(last - 1))->item;
-    const int startAddress = getOffset(firstItem);
-    const int lastAddress = getOffset(lastItem);
-    const RegisterType table = getType(firstItem);
-    const auto lastType = static_cast<VarType>(lastItem.settings.value(QStringLiteral("type")).toInt());
+    const ReadEntry& firstEntry = *first;
+    const ReadEntry& lastEntry = *(last - 1);
+    const int startAddress = firstEntry.offset;
+    const int lastAddress = lastEntry.offset;
+    const RegisterType table = firstEntry.table;
     // In 64 bits: a range text may name a span of billions of registers.
-    const qint64 endAddress = qint64(lastAddress) + getSpan(lastItem) + getLengthOfVar(lastType) - 1;
+    const qint64 endAddress = qint64(lastAddress) + lastEntry.span + lastEntry.requestLength - 1;
     const int count = static_cast<int>(qBound<qint64>(0, endAddress - startAddress + 1, INT_MAX));
 
     if (count > limit) {
-        const DataItemIterator mid = first + (last - first) / 2;
+        const ReadEntryIterator mid = first + (last - first) / 2;
         if (mid != first) {
-            const DataItemIterator firstHalf = readItems(connection, first, mid, littleEndian, byteSwapped,
-                                                         stringLittleEndian, stringByteSwapped, limit);
+            const ReadEntryIterator firstHalf =
+                readEntries(plugin, connection, first, mid, littleEndian, byteSwapped, stringLittleEndian,
+                            stringByteSwapped, limit);
             if (firstHalf == mid)
-                return readItems(connection, mid, last, littleEndian, byteSwapped, stringLittleEndian,
-                                 stringByteSwapped, limit);
-            writeLogDebug(QStringLiteral("There was an error, returning f"));
+                return readEntries(plugin, connection, mid, last, littleEndian, byteSwapped,
+                                   stringLittleEndian, stringByteSwapped, limit);
+            plugin.writeLogDebug(QStringLiteral("There was an error, returning f"));
             return firstHalf;
         }
     }
 
-    auto requestText = [&](const char* format) {
-        return QString::fromLatin1(format)
-            .arg(count)
-            .arg(static_cast<int>(table))
-            .arg(startAddress)
-            .arg(lastAddress)
-            .arg(static_cast<int>(limit));
-    };
-    writeLogDebug(
-        requestText("Getting ready to read %1 registers of type %2 from %3 to %4. Max read registers: %5"));
+    // The three request lines share their tail; it is formatted once, in one pass.
+    const QString requestTail =
+        QStringLiteral("%1 registers of type %2 from %3 to %4. Max read registers: %5")
+            .arg(QString::number(count), QString::number(static_cast<int>(table)),
+                 QString::number(startAddress), QString::number(lastAddress),
+                 QString::number(static_cast<int>(limit)));
+    auto requestText = [&requestTail](QLatin1String head) { return head + requestTail; };
+    plugin.writeLogDebug(requestText(QLatin1String("Getting ready to read ")));
 
     int error = 0;
     if (table == OutputCoil || table == InputCoil) {
         std::vector<unsigned char> bits(std::min(count, kLargestBitRead));
         if (connection.readBits(table, startAddress, count, bits.data(), &error) >= 0)
-            return extract(first, last, startAddress, bits);
+            return extractBits(first, last, startAddress, bits);
         connection.setConnected(false);
-        writeLogDebug(QStringLiteral("Could not read coil. ") + connection.errToStr(error));
-        for (DataItemIterator it = first; it != last; ++it)
-            (*it)->item.setLastError(connection.errToStr(error));
+        plugin.writeLogDebug(QStringLiteral("Could not read coil. ") + connection.errToStr(error));
+        const QString errorText = connection.errToStr(error);
+        for (ReadEntryIterator it = first; it != last; ++it) it->dataItem->item.setLastError(errorText);
         return first;
     }
     if (table == InputRegister || table == HoldingRegister) {
         std::vector<unsigned short> words(std::min(count, kLargestRegisterRead));
-        writeLogDebug(
-            requestText("Reading words %1 registers of type %2 from %3 to %4. Max read registers: %5"));
+        plugin.writeLogDebug(requestText(QLatin1String("Reading words ")));
         const int result = connection.readWords(table, startAddress, count, words.data(), &error);
-        writeLogDebug(
-            requestText("Done reading words %1 registers of type %2 from %3 to %4. Max read registers: %5"));
+        plugin.writeLogDebug(requestText(QLatin1String("Done reading words ")));
         if (result < 0) {
             connection.setConnected(false);
-            writeLogDebug(QStringLiteral("Failed to read elements of type %1.").arg(static_cast<int>(table)) +
-                          connection.errToStr(error));
-            for (DataItemIterator it = first; it != last; ++it)
-                (*it)->item.setLastError(connection.errToStr(error));
+            plugin.writeLogDebug(
+                QStringLiteral("Failed to read elements of type %1.").arg(static_cast<int>(table)) +
+                connection.errToStr(error));
+            const QString errorText = connection.errToStr(error);
+            for (ReadEntryIterator it = first; it != last; ++it) it->dataItem->item.setLastError(errorText);
             return first;
         }
-        writeLogDebug(QStringLiteral("Holding/Input register data for ") + firstItem.name +
-                      QStringLiteral(" to be extracted. Length: ") + QString::number(words.size()) +
-                      QStringLiteral(" Byte swapped: ") + flagText(byteSwapped));
-        const DataItemIterator rest = extract(first, last, startAddress, words, littleEndian, byteSwapped,
-                                              stringLittleEndian, stringByteSwapped);
-        writeLogDebug(QStringLiteral("Holding/Input register data extracted!"));
+        plugin.writeLogDebug(QStringLiteral("Holding/Input register data for ") +
+                             firstEntry.dataItem->item.name + QStringLiteral(" to be extracted. Length: ") +
+                             QString::number(words.size()) + QStringLiteral(" Byte swapped: ") +
+                             flagText(byteSwapped));
+        const ReadEntryIterator rest = extractWords(first, last, startAddress, words, littleEndian,
+                                                    byteSwapped, stringLittleEndian, stringByteSwapped);
+        plugin.writeLogDebug(QStringLiteral("Holding/Input register data extracted!"));
         return rest;
     }
     return first;
+}
+
+}  // namespace
+
+Modbus::DataItemIterator Modbus::readItems(Connection& connection, DataItemIterator first,
+                                           DataItemIterator last, bool littleEndian, bool byteSwapped,
+                                           bool stringLittleEndian, bool stringByteSwapped,
+                                           unsigned char maxReadRegisters) {
+    std::vector<ReadEntry> entries = makeReadEntries(first, last);
+    const ReadEntryIterator rest =
+        readEntries(*this, connection, entries.begin(), entries.end(), littleEndian, byteSwapped,
+                    stringLittleEndian, stringByteSwapped, maxReadRegisters);
+    return first + (rest - entries.begin());
 }

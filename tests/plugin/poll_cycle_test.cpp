@@ -348,17 +348,50 @@ TEST_F(PollCycleTest, EmptyBatchOfADeviceWithIdentityCountsOnlyWhatTheHostHanded
     EXPECT_TRUE(debug.contains(QStringLiteral("Done reading 0 from device1")));
 }
 
-TEST_F(PollCycleTest, RangeOfBillionsOfRegistersFailsOnTheItemWithoutEscaping) {
+TEST_F(PollCycleTest, RangeOfBillionsOfRegistersIsOutOfRangeWithoutEscaping) {
     for (const char* address : {"40001-4294967295", "40001-2000000000"}) {
         SCOPED_TRACE(address);
         Batch batch(device());
         batch.add(makeItem("huge", address, "4", "7"));
         EXPECT_TRUE(plugin.readData(&batch.list));
-        EXPECT_EQ(batch.error("huge"), QStringLiteral("Too many data"));
+        EXPECT_EQ(batch.error("huge"), QStringLiteral("Address out of range"));
     }
     EXPECT_TRUE(dataReads(sim).empty());
 }
 
 TEST_F(PollCycleTest, NullBatchIsRefused) {
     EXPECT_FALSE(plugin.readData(nullptr));
+}
+
+TEST_F(PollCycleTest, NullEntriesInTheBatchAreSkipped) {
+    modbus_sim::DeviceIdentification identification;
+    identification.objects = {{0, "ACME"}, {1, "X-100"}, {2, "2.1"}};
+    sim.setDeviceIdentification(identification);
+    sim.setHoldingRegisters(0, {42});
+    Batch batch(device());
+    batch.list.dataItems.append(nullptr);
+    const DataItem* value = batch.add(makeItem("value", "40001", "4", "2"));
+    batch.list.dataItems.append(nullptr);
+
+    EXPECT_TRUE(plugin.readData(&batch.list));
+    EXPECT_EQ(value->values.value(QStringLiteral("value")), QStringLiteral("42"));
+    EXPECT_EQ(dataReads(sim), (std::vector<Request>{{3, 0, 1}}));
+    // The host's entries stay where they were; the three identity values are appended after them.
+    ASSERT_EQ(batch.list.dataItems.size(), 6);
+    EXPECT_EQ(batch.list.dataItems.mid(0, 3),
+              (QList<DataItem*>{nullptr, const_cast<DataItem*>(value), nullptr}));
+    QStringList identityValues;
+    for (int i = 3; i < 6; ++i) {
+        ASSERT_NE(batch.list.dataItems.at(i), nullptr);
+        identityValues.append(batch.list.dataItems.at(i)->values.value(QStringLiteral("value")));
+    }
+    identityValues.sort();
+    EXPECT_EQ(identityValues, (QStringList{"2.1", "ACME", "X-100"}));
+
+    // The identity is known now and published from memory into the next poll, past the null entry too.
+    Batch again(device());
+    again.list.dataItems.append(nullptr);
+    const DataItem* second = again.add(makeItem("value", "40001", "4", "2"));
+    EXPECT_TRUE(plugin.readData(&again.list));
+    EXPECT_EQ(second->values.value(QStringLiteral("value")), QStringLiteral("42"));
 }

@@ -14,6 +14,9 @@ QJsonObject pollToJson(int poll, const BatchResult& result);
 // {"ok": ..., "error": ..., "items": [{"uid": ..., "error": ...}]}
 QJsonObject writeToJson(const BatchResult& result);
 
+// The line pollToJson gives, written straight to `out` with its newline, without building the object.
+void writePollJson(QTextStream& out, int poll, const BatchResult& result);
+
 void printPoll(QTextStream& out, int poll, const BatchResult& result);
 void printWrite(QTextStream& out, const BatchResult& result);
 

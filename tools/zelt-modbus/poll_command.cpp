@@ -58,7 +58,7 @@ int runPoll(const QStringList& arguments) {
             const BatchResult result = session.poll(device);
             allOk = allOk && result.ok;
             if (json) {
-                out << jsonLine(pollToJson(poll, result)) << "\n";
+                writePollJson(out, poll, result);
                 out.flush();
             } else {
                 printPoll(out, poll, result);

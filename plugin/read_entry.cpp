@@ -1,0 +1,75 @@
+// Parses an item's settings once per poll.
+
+#include "plugin/read_entry.h"
+
+#include "codec/addressing.h"
+#include "codec/number_text.h"
+#include "codec/var_type.h"
+#include "identity/zelt_identity.h"
+#include "plugin/setting_keys.h"
+
+namespace {
+
+// The four settings a poll reads, found in one walk over the item's settings.
+struct ItemTexts {
+    QString const* registerText = nullptr;
+    QString const* registerTypeText = nullptr;
+    QString const* typeText = nullptr;
+    QString const* precisionText = nullptr;
+};
+
+ItemTexts itemTexts(QMap<QString, QString> const& settings) {
+    ItemTexts texts;
+    // The four keys differ in length, so the length alone picks the one candidate to compare with.
+    for (auto it = settings.constBegin(); it != settings.constEnd(); ++it) {
+        QString const& key = it.key();
+        int const length = key.size();
+        if (length == setting_keys::kRegister.size()) {
+            if (key == setting_keys::kRegister) texts.registerText = &it.value();
+        } else if (length == setting_keys::kRegisterType.size()) {
+            if (key == setting_keys::kRegisterType) texts.registerTypeText = &it.value();
+        } else if (length == setting_keys::kType.size()) {
+            if (key == setting_keys::kType) texts.typeText = &it.value();
+        } else if (length == setting_keys::kPrecision.size()) {
+            if (key == setting_keys::kPrecision) texts.precisionText = &it.value();
+        }
+    }
+    return texts;
+}
+
+QString const& orEmpty(QString const* text) {
+    static QString const kUnset;
+    return text ? *text : kUnset;
+}
+
+}  // namespace
+
+ReadEntry makeReadEntry(DataItem* dataItem) {
+    ItemTexts const texts = itemTexts(dataItem->item.settings);
+    QString const& registerText = orEmpty(texts.registerText);
+    QString const& typeText = orEmpty(texts.typeText);
+    codec::ItemAddress const address = codec::parseAddress(registerText, orEmpty(texts.registerTypeText));
+    ReadEntry entry;
+    entry.dataItem = dataItem;
+    entry.identity = zelt_identity::isIdentityAddress(registerText);
+    entry.table = static_cast<RegisterType>(address.table);
+    entry.offset = address.offset;
+    entry.span = address.span;
+    entry.bit = address.bit;
+    entry.type = codec::textToUInt(QStringRef(&typeText));
+    entry.requestLength = registersPerValue(static_cast<VarType>(codec::textToInt(QStringRef(&typeText))));
+    if (entry.type == FLOAT || entry.type == DOUBLE) {
+        entry.precision = codec::precisionOf(orEmpty(texts.precisionText));
+    }
+    return entry;
+}
+
+std::vector<ReadEntry> makeReadEntries(std::vector<DataItem*>::const_iterator first,
+                                       std::vector<DataItem*>::const_iterator last) {
+    std::vector<ReadEntry> entries;
+    entries.reserve(static_cast<size_t>(last - first));
+    for (; first != last; ++first) {
+        entries.push_back(makeReadEntry(*first));
+    }
+    return entries;
+}

@@ -1,0 +1,36 @@
+#pragma once
+// One item of a poll with its settings parsed once: the poll sorts, splits and decodes on these fields
+// instead of reading the item's texts again on every comparison.
+
+#include <vector>
+
+#include "connection/register_type.h"
+#include "host/records.h"
+
+struct ReadEntry {
+    DataItem* dataItem = nullptr;
+    bool identity = false;  // an identity item: published, never read
+    RegisterType table = HoldingRegister;
+    int offset = -1;
+    unsigned int span = 0;
+    int bit = 0;
+    unsigned int type = 0;           // "type" read as an unsigned number, as the decoder has always read it
+    unsigned int requestLength = 0;  // registers of "type" read as a signed number, as requests are sized
+    int precision = 0;               // only parsed for FLOAT and DOUBLE
+};
+
+using ReadEntryIterator = std::vector<ReadEntry>::iterator;
+
+ReadEntry makeReadEntry(DataItem* dataItem);
+
+// Entries for every item of [first, last).
+std::vector<ReadEntry> makeReadEntries(std::vector<DataItem*>::const_iterator first,
+                                       std::vector<DataItem*>::const_iterator last);
+
+// Decode the entries from `first` on, whose values lie in a block read from protocol address `start`, into
+// their items; the result is the first entry that lies outside the block (or `last`).
+ReadEntryIterator extractBits(ReadEntryIterator first, ReadEntryIterator last, int start,
+                              std::vector<unsigned char> const& bits);
+ReadEntryIterator extractWords(ReadEntryIterator first, ReadEntryIterator last, int start,
+                               std::vector<unsigned short> const& words, bool littleEndian, bool byteSwapped,
+                               bool stringLittleEndian, bool stringByteSwapped);

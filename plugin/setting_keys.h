@@ -1,0 +1,34 @@
+#pragma once
+// Names of the item and device settings and of the value entry, built once instead of on every lookup.
+
+#include <QMap>
+#include <QString>
+
+namespace setting_keys {
+
+// Item settings.
+inline const QString kRegister = QStringLiteral("register");
+inline const QString kRegisterType = QStringLiteral("register_type");
+inline const QString kType = QStringLiteral("type");
+inline const QString kPrecision = QStringLiteral("floating_point_precision");
+
+// Device settings.
+inline const QString kEndianness = QStringLiteral("endianness");
+inline const QString kByteOrder = QStringLiteral("byte_order");
+inline const QString kStringEndianness = QStringLiteral("string_endianness");
+inline const QString kStringByteOrder = QStringLiteral("string_byte_order");
+inline const QString kMaxReadRegisters = QStringLiteral("max_read_registers");
+inline const QString kPersistentConnection = QStringLiteral("persistent_connection");
+inline const QString kWritePreset = QStringLiteral("write_preset");
+
+// The entry of DataItem::values that holds the value text.
+inline const QString kValue = QStringLiteral("value");
+
+// The text of a setting, or a null text when it is not set; no copy of the map, no default built.
+inline QString const& settingText(QMap<QString, QString> const& settings, QString const& key) {
+    static QString const kUnset;
+    auto const found = settings.constFind(key);
+    return found == settings.constEnd() ? kUnset : found.value();
+}
+
+}  // namespace setting_keys

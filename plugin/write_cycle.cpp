@@ -1,0 +1,277 @@
+// Writes a batch of item values to a device: picks the Modbus function per item, encodes the value text with
+// the device's word and byte orders, and never retries an item that already failed in the same batch.
+
+#include <QByteArray>
+#include <QString>
+#include <QVector>
+#include <algorithm>
+#include <climits>
+#include <mutex>
+
+#include "codec/address_space.h"
+#include "codec/value_encoding.h"
+#include "identity/zelt_identity.h"
+#include "plugin/connection_failure.h"
+#include "plugin/modbus.h"
+
+namespace {
+
+const QString kValueKey = QStringLiteral("value");
+const QString kRegisterKey = QStringLiteral("register");
+const QString kRegisterTypeKey = QStringLiteral("register_type");
+const QString kTypeKey = QStringLiteral("type");
+
+const QChar kBitSeparator = QLatin1Char('.');
+const QChar kRangeSeparator = QLatin1Char('-');
+
+constexpr unsigned int kMultiplePresets = 1;  // "write_preset": 0 single (FC 5 / 6), 1 multiple (FC 15 / 16)
+constexpr int kBytesPerRegister = 2;
+constexpr int kLastBitOfRegister = 15;
+constexpr quint16 kLowByteMask = 0xFF;
+
+const QString kAddressOutOfRange = QStringLiteral("Address out of range");
+const QString kNothingToWrite = QStringLiteral("Nothing to write");
+
+const QString kBitOff = QStringLiteral("0");
+const QString kBitOn = QStringLiteral("1");
+
+// Two entries of a batch are the same item when they are one entry, or carry the same configured item (its
+// uid). Items without a uid (hand-made batches) are told apart by entry only.
+bool sameItem(DataItem const* a, DataItem const* b) {
+    if (a == b) return true;
+    return !a->item.uid.isEmpty() && a->item.uid == b->item.uid && a->item.deviceId == b->item.deviceId;
+}
+
+}  // namespace
+
+namespace {
+
+// One item's write; a failed request leaves its error code in *err (untouched when nothing failed).
+bool writeItem(Modbus& plugin, Connection& conn, ItemInstancePlugin& item, bool littleEndian,
+               bool byteSwapped, bool stringLittleEndian, bool stringByteSwapped, const QString& value,
+               bool multiple, int* errOut) {
+    using M = Modbus;
+    RegisterType const table = M::getType(item);
+    int const offset = M::getOffset(item);
+    if (offset < 0) {
+        plugin.writeLogDebug(QStringLiteral("Wrong offset format. Item: %1, Offset: %2")
+                                 .arg(item.name, QString::number(offset)));
+        item.setLastError(QStringLiteral("Wrong offset format"));
+        return false;
+    }
+
+    if (!codec::fitsAddressSpace(offset, 1)) {
+        item.setLastError(kAddressOutOfRange);
+        return false;
+    }
+
+    int& err = *errOut;
+
+    // Discrete inputs are written like coils, by design.
+    if (table == OutputCoil || table == InputCoil) {
+        unsigned char const state = static_cast<unsigned char>(value.toUShort() & kLowByteMask);
+        return conn.writeBit(offset, state, &err, multiple) > 0;
+    }
+
+    QString const address = item.settings.value(kRegisterKey);
+
+    // A range is a string, whatever the item's type; always FC 16.
+    if (address.contains(kRangeSeparator)) {
+        unsigned int const span = M::getSpan(item);
+        QByteArray const bytes = value.toUtf8();
+        qint64 const capacity = static_cast<qint64>(span) * kBytesPerRegister;
+        if (bytes.size() > capacity) {
+            item.setLastError(QStringLiteral("String too long. Size ") + QString::number(bytes.size()) +
+                              QStringLiteral(" bytes but expected ") + QString::number(capacity) +
+                              QStringLiteral(" bytes"));
+            return false;
+        }
+        if (span == 0) {
+            item.setLastError(kNothingToWrite);
+            return false;
+        }
+        if (!codec::fitsAddressSpace(offset, span)) {
+            item.setLastError(kAddressOutOfRange);
+            return false;
+        }
+        // At most the 16-bit address space; libmodbus refuses any count above its write limit before it
+        // reads a single word.
+        int const count = static_cast<int>(span);
+        QVector<quint16> const words =
+            codec::encodeString(bytes, count, stringLittleEndian, stringByteSwapped);
+        plugin.writeLogDebug(QStringLiteral("Writing string. Offset: %1 Value: %2 Length: %3")
+                                 .arg(QString::number(offset), value, QString::number(span)));
+        return conn.writeString(offset, count, words.constData(), &err) > 0;
+    }
+
+    // One bit of a register: read, change, write back. Not atomic on the server.
+    if (address.contains(kBitSeparator)) {
+        int const bit = M::getBit(item);
+        if (bit < 0 || bit > kLastBitOfRegister) {
+            item.setLastError(QStringLiteral("Bit value out of range"));
+            return false;
+        }
+        unsigned short word = 0;
+        if (conn.readWords(table, offset, 1, &word, &err) != 1) {
+            item.setLastError(QStringLiteral("Could not read value. ") + conn.errToStr(err));
+            return false;
+        }
+        unsigned short const mask = static_cast<unsigned short>(1U << bit);
+        if (value == kBitOff) {
+            word = static_cast<unsigned short>(word & ~mask);
+        } else if (value == kBitOn) {
+            word = static_cast<unsigned short>(word | mask);
+        } else {
+            item.setLastError(QStringLiteral("Invalid bool/bit value to write. Val: ") + value);
+            return false;
+        }
+        plugin.writeLogDebug(QStringLiteral("Writing bit. Offset: %1 Value: %2 (%3)")
+                                 .arg(QString::number(offset), value, QString::number(word)));
+        if (multiple) {
+            // Only a result of 0 counts as failure here, so a failed FC 16 (-1) passes, as it always has.
+            return conn.writeString(offset, 1, &word, &err) != 0;
+        }
+        return conn.writeWord(offset, word, &err) > 0;
+    }
+
+    unsigned int const type = item.settings.value(kTypeKey).toUInt();
+    if (type == BIT) {
+        item.setLastError(QStringLiteral("Invalid address format for bit"));
+        return false;
+    }
+    if (type == STRING) {
+        item.setLastError(QStringLiteral("Invalid address format for string"));
+        return false;
+    }
+
+    unsigned int const length = M::getLengthOfVar(static_cast<VarType>(type));
+    // An unknown type has no registers.
+    if (length == 0) {
+        item.setLastError(kNothingToWrite);
+        return false;
+    }
+    if (!codec::fitsAddressSpace(offset, length)) {
+        item.setLastError(kAddressOutOfRange);
+        return false;
+    }
+    QVector<quint16> const words =
+        codec::encodeNumber(static_cast<VarType>(type), codec::parseNumber(value), littleEndian, byteSwapped);
+    plugin.writeLogDebug(QStringLiteral("Writing %2 elements to %1").arg(offset).arg(length));
+
+    if (multiple) {
+        return conn.writeString(offset, static_cast<int>(length), words.constData(), &err) > 0;
+    }
+    int result = 0;
+    for (int i = 0; i < words.size(); ++i) {
+        result = conn.writeWord(offset + i, words.at(i), &err);
+        if (result < 0) {
+            return false;
+        }
+    }
+    return result > 0;
+}
+
+}  // namespace
+
+bool Modbus::writeData(LogList* list) {
+    if (list == nullptr) {
+        return false;
+    }
+    try {
+        DeviceInstancePlugin& device = list->device;
+        QString const itemCount = QString::number(list->dataItems.size());
+        writeLogDebug(QStringLiteral("Going to write ") + itemCount + QStringLiteral(" to ") + device.name);
+
+        bool stoppingNow = false;
+        std::shared_ptr<TcpDeviceConnection> entry = tcpDeviceConnection(device.id, &stoppingNow);
+        if (!entry) {
+            return false;
+        }
+        std::lock_guard<std::mutex> lock(entry->mutex);
+
+        if (!entry->connection.isConnected()) {
+            int error = 0;
+            Connection newConnection = makeConnection(device, &error);
+            entry->connection = std::move(newConnection);
+            if (!entry->connection.isConnected()) {
+                entry->connection.setConnected(false);
+                device.lastError = QStringLiteral("Could not connect. ") + entry->connection.errToStr(error);
+                return false;
+            }
+        }
+        Connection& connection = entry->connection;
+
+        writeLogDebug(QStringLiteral("Write going to write to ") + device.name);
+
+        bool const littleEndian = isLittleEndian(device);
+        bool const byteSwapped = isByteSwapped(device);
+        bool const stringLittleEndian = isStringLittleEndian(device);
+        bool const stringByteSwapped = isStringByteSwapped(device);
+        bool const multiple =
+            device.settings.value(QStringLiteral("write_preset")).toUInt() == kMultiplePresets;
+
+        QList<DataItem const*> failed;  // items not to be tried again in this batch
+        for (DataItem* dataItem : list->dataItems) {
+            if (dataItem == nullptr) {
+                continue;
+            }
+            ItemInstancePlugin& item = dataItem->item;
+            if (zelt_identity::isIdentityAddress(item.settings.value(kRegisterKey))) {
+                continue;
+            }
+            bool const failedBefore =
+                std::any_of(failed.cbegin(), failed.cend(),
+                            [dataItem](DataItem const* other) { return sameItem(dataItem, other); });
+            if (failedBefore) {
+                writeLogInfo(QStringLiteral("Not going to retry writing %1").arg(item.name));
+                continue;
+            }
+
+            QString const value = dataItem->values.value(kValueKey);
+            writeLogDebug(QStringLiteral("Writing value ") + value + QStringLiteral(" to ") + item.name +
+                          QStringLiteral(" in ") + device.name);
+            int error = 0;
+            bool const written = writeItem(*this, connection, item, littleEndian, byteSwapped,
+                                           stringLittleEndian, stringByteSwapped, value, multiple, &error);
+            // A dead socket stays dead: the next batch has to connect again. An exception answer does not
+            // count, the device is there.
+            if (isConnectionFailure(error)) {
+                connection.setConnected(false);
+            }
+            if (!written) {
+                writeLogDebug(QStringLiteral("Failed to write %1. Register: %2 Offset: %3 Error: %4")
+                                  .arg(item.name, item.settings.value(kRegisterTypeKey),
+                                       item.settings.value(kRegisterKey), item.lastError));
+                failed.append(dataItem);
+            } else {
+                writeLogDebug(QStringLiteral("Wrote %1. Register: %2 Offset: %3 Value: %4")
+                                  .arg(item.name, item.settings.value(kRegisterTypeKey),
+                                       item.settings.value(kRegisterKey), value));
+                writeLogDebug(QStringLiteral("Writing ") + item.name + QStringLiteral(" to ") + device.name +
+                              QStringLiteral(" done"));
+            }
+        }
+
+        int const deviceError = connection.getDeviceError();
+        if (deviceError > 0) {
+            // The connection stays open: the device answered, it only reported a fault.
+            device.lastError = connection.errToStr(deviceError);
+            return false;
+        }
+
+        writeLogDebug(QStringLiteral("Done writing ") + itemCount + QStringLiteral(" to ") + device.name);
+        if (device.settings.value(QStringLiteral("persistent_connection")).toInt() == 0) {
+            connection.disconnect();
+        }
+        return true;
+    } catch (...) {
+        return false;  // nothing may escape into the host
+    }
+}
+
+bool Modbus::writeVar(Connection& conn, ItemInstancePlugin& item, bool littleEndian, bool byteSwapped,
+                      bool stringLittleEndian, bool stringByteSwapped, QString value, bool multiple) {
+    int err = 0;
+    return writeItem(*this, conn, item, littleEndian, byteSwapped, stringLittleEndian, stringByteSwapped,
+                     value, multiple, &err);
+}
