@@ -9,6 +9,8 @@ packages=(
   # pymodbus imports its serial transport even for TCP, and apt only recommends the serial packages.
   mbpoll python3 python3-pymodbus python3-serial python3-serial-asyncio
   iproute2 procps clang-format
+  # the packaging test inspects the built packages
+  file
 )
 
 missing=()
