@@ -195,19 +195,21 @@ TEST_F(CommissionTest, ExpectFindsStringOrdersAndIntegersAndSaysWhenNothingMatch
               (QJsonObject{{QStringLiteral("string_endianness"), "1"},
                            {QStringLiteral("string_byte_order"), "1"}}));
     EXPECT_EQ(matches.at(0).toObject().value(QStringLiteral("item_settings")).toObject(),
-              (QJsonObject{{QStringLiteral("register"), "30008-2"}, {QStringLiteral("type"), "7"}}));
+              (QJsonObject{{QStringLiteral("register"), "7-8"},
+                           {QStringLiteral("type"), "7"},
+                           {QStringLiteral("register_type"), "2"}}));
     EXPECT_EQ(simulator.requestCount(kReadInput), 1);
 
     // 0x4344 is 17220 as INT16 and UINT16, in the plain order only.
     const auto integer =
         runTool(target(QStringLiteral("inspect"))
-                << QStringLiteral("--register") << QStringLiteral("9") << QStringLiteral("--register-type")
+                << QStringLiteral("--register") << QStringLiteral("8") << QStringLiteral("--register-type")
                 << QStringLiteral("2") << QStringLiteral("--count") << QStringLiteral("1")
                 << QStringLiteral("--expect") << QStringLiteral("17220"));
     EXPECT_EQ(integer.exitCode, 0);
     EXPECT_TRUE(integer.out.contains(QStringLiteral(
         "INT16 17220 matches 17220: device settings {\"endianness\": \"0\", \"byte_order\": \"0\"}, item "
-        "settings {\"register\": \"30009\", \"type\": \"1\", \"register_type\": \"2\"}\n")))
+        "settings {\"register\": \"8\", \"type\": \"1\", \"register_type\": \"2\"}\n")))
         << integer.out.toStdString();
 
     const auto none =

@@ -90,11 +90,20 @@ Match matchFor(const Interpretation& interpretation, RegisterTable table, int of
     match.deviceSettings = {{prefix + QStringLiteral("endianness"), order.littleEndian ? kOn : kOff},
                             {prefix + QStringLiteral("byte_order"), order.byteSwapped ? kOn : kOff}};
     const int first = offset + interpretation.index;
-    QString address = registerText(table, first);
-    if (text) address += QStringLiteral("-%1").arg(interpretation.registers);
+    // In Auto mode the plugin reads every range from the holding registers, so a STRING anywhere else needs
+    // the table set explicitly, and so does an offset that has no 5-digit Auto address.
+    const bool autoForm =
+        !explicitType && hasAutoAddress(first) && (!text || table == RegisterTable::HoldingRegisters);
+    QString address = autoForm ? registerText(table, first) : QString::number(first);
+    if (text) {
+        const int count = interpretation.registers;
+        // The second number is a count when it is not above the first, else the last address.
+        address += autoForm || count == 1 ? QStringLiteral("-%1").arg(count)
+                                          : QStringLiteral("-%1").arg(first + count - 1);
+    }
     match.itemSettings = {{QStringLiteral("register"), address},
                           {QStringLiteral("type"), QString::number(interpretation.type.code)}};
-    if (explicitType || !hasAutoAddress(first))
+    if (!autoForm)
         match.itemSettings.append(
             {QStringLiteral("register_type"), QString::number(static_cast<int>(table))});
     return match;
