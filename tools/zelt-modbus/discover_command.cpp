@@ -249,7 +249,8 @@ int runDiscover(const QStringList& arguments) {
     if (command.has(QStringLiteral("config-out"))) {
         const QString path = command.value(QStringLiteral("config-out"));
         if (!writeConfigFile(path, configToJson(configFromCandidates(array)), &error)) return fail(error);
-        QTextStream(stderr) << "zelt-modbus discover: wrote " << path << ": " << array.size() << " devices\n";
+        QTextStream(stderr) << "zelt-modbus discover: wrote " << path << ": " << array.size()
+                            << (array.size() == 1 ? " device\n" : " devices\n");
     }
     if (interrupted()) {
         QTextStream(stderr)

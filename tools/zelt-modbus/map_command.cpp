@@ -232,7 +232,8 @@ int runMap(const QStringList& arguments) {
         int items = 0;
         for (const DeviceConfig& device : config.devices) items += device.items.size();
         QTextStream(stderr) << "zelt-modbus map: wrote " << path << ": " << config.devices.size()
-                            << " devices, " << items << " items\n";
+                            << (config.devices.size() == 1 ? " device, " : " devices, ") << items
+                            << (items == 1 ? " item\n" : " items\n");
     }
     if (interrupted()) {
         QTextStream(stderr) << "zelt-modbus map: interrupted; the map above is what was found until then\n";
