@@ -35,7 +35,7 @@ struct MapLimits {
 
 class RegisterMapper {
 public:
-    // `read` performs one request (DeviceLink::read in the tool); tests may count or fake it.
+    // `read` performs one request: DeviceLink::read in the tool.
     using ReadFn = std::function<ReadOutcome(RegisterTable, int, int)>;
     RegisterMapper(ReadFn read, MapLimits limits);
 
