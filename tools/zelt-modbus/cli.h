@@ -66,5 +66,7 @@ int runPoll(const QStringList& arguments);
 int runWrite(const QStringList& arguments);
 int runDiscover(const QStringList& arguments);
 int runSimulate(const QStringList& arguments);
+int runInspect(const QStringList& arguments);
+int runMap(const QStringList& arguments);
 
 }  // namespace zelt_cli

@@ -18,6 +18,7 @@
 #include "tools/standin/standin_host.h"
 #include "tools/zelt-modbus/cli.h"
 #include "tools/zelt-modbus/config.h"
+#include "tools/zelt-modbus/config_writer.h"
 #include "tools/zelt-modbus/interrupt.h"
 #include "tools/zelt-modbus/plugin_loader.h"
 
@@ -168,6 +169,8 @@ int runDiscover(const QStringList& arguments) {
                       QStringLiteral("overall time budget (default 60000, 1000..300000)"));
     command.addOption(QStringLiteral("existing"), QStringLiteral("FILE"),
                       QStringLiteral("known devices: a configuration file or a JSON array"));
+    command.addOption(QStringLiteral("config-out"), QStringLiteral("FILE"),
+                      QStringLiteral("also write the candidates as a configuration for poll (no items yet)"));
     command.addFlag(QStringLiteral("json"), QStringLiteral("print a JSON array of candidates"));
     if (int exitCode = 0; !command.parse(arguments, &exitCode)) return exitCode;
 
@@ -234,15 +237,21 @@ int runDiscover(const QStringList& arguments) {
     for (const QString& line : log) QTextStream(stderr) << line.trimmed() << "\n";
 
     QTextStream out(stdout);
+    QJsonArray array;
+    for (const Candidate& candidate : candidates) array.append(candidateToJson(candidate));
     if (command.flag(QStringLiteral("json"))) {
-        QJsonArray array;
-        for (const Candidate& candidate : candidates) array.append(candidateToJson(candidate));
         out << QJsonDocument(array).toJson(QJsonDocument::Indented);
     } else {
         printCandidates(out, candidates, candidateToJson);
     }
     out.flush();
     loaded.plugin()->stopPlugin();
+    if (command.has(QStringLiteral("config-out"))) {
+        const QString path = command.value(QStringLiteral("config-out"));
+        if (!writeConfigFile(path, configToJson(configFromCandidates(array)), &error)) return fail(error);
+        QTextStream(stderr) << "zelt-modbus discover: wrote " << path << ": " << array.size()
+                            << (array.size() == 1 ? " device\n" : " devices\n");
+    }
     if (interrupted()) {
         QTextStream(stderr)
             << "zelt-modbus discover: interrupted; the list above is what was found until then\n";

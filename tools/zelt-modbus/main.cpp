@@ -15,6 +15,8 @@ const char* kUsage =
     "  poll       poll the devices of a configuration file\n"
     "  write      write one value to one item of a configuration file\n"
     "  discover   look for Modbus TCP devices with the plugin's discovery\n"
+    "  inspect    read registers once and show every type and byte order the plugin can read them as\n"
+    "  map        find the addresses a device answers, and write a configuration for them\n"
     "  simulate   run the Modbus TCP device simulator\n"
     "  columns    print the configuration columns the plugin declares\n"
     "\n"
@@ -39,6 +41,8 @@ int main(int argc, char** argv) {
                                          {QStringLiteral("poll"), zelt_cli::runPoll},
                                          {QStringLiteral("write"), zelt_cli::runWrite},
                                          {QStringLiteral("discover"), zelt_cli::runDiscover},
+                                         {QStringLiteral("inspect"), zelt_cli::runInspect},
+                                         {QStringLiteral("map"), zelt_cli::runMap},
                                          {QStringLiteral("simulate"), zelt_cli::runSimulate},
                                          {QStringLiteral("columns"), zelt_cli::runColumns}};
     if (const Runner run = commands.value(command)) return run(arguments);

@@ -1,0 +1,53 @@
+#pragma once
+// A direct libmodbus client for the commissioning commands: one request at a time, each answered, refused
+// with an exception, or timed out, so that the caller can tell a hole in the map from a silent device.
+
+#include <QString>
+#include <cstdint>
+#include <vector>
+
+#include "tools/zelt-modbus/register_table.h"
+
+typedef struct _modbus modbus_t;
+
+namespace zelt_cli {
+
+constexpr int kDefaultResponseTimeoutMs = 1000;
+// Exceptions that say "not here" about the addresses asked for, not about the device.
+constexpr int kIllegalDataAddress = 2;
+constexpr int kIllegalDataValue = 3;
+// The protocol's largest reads.
+constexpr int kMaxRegistersPerRead = 125;
+constexpr int kMaxBitsPerRead = 2000;
+
+struct ReadOutcome {
+    enum Kind { Ok, Exception, Timeout, Failed };
+    Kind kind = Failed;
+    int exceptionCode = 0;  // for Exception
+    QString error;          // libmodbus's text for every kind but Ok
+};
+
+class DeviceLink {
+public:
+    DeviceLink(QString host, int port, int unit, int responseTimeoutMs = kDefaultResponseTimeoutMs);
+    ~DeviceLink();
+    DeviceLink(const DeviceLink&) = delete;
+    DeviceLink& operator=(const DeviceLink&) = delete;
+
+    bool connect(QString* error);
+    void close();
+    QString describe() const;
+
+    // Reads `count` registers (words) or bits (one 0/1 value per entry in `bits`) of `table` from `offset`.
+    ReadOutcome read(RegisterTable table, int offset, int count, std::vector<uint16_t>* words,
+                     std::vector<uint8_t>* bits);
+
+private:
+    QString host;
+    int port;
+    int unit;
+    int responseTimeoutMs;
+    modbus_t* context = nullptr;
+};
+
+}  // namespace zelt_cli
