@@ -1,7 +1,6 @@
 #include "connection/connection.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <modbus.h>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -293,13 +292,12 @@ int Connection::writeBit(int addr, unsigned char value, int* err, bool multiple)
     if (!ctx) {
         errno = EINVAL;
     } else if (multiple) {
-        const unsigned char request[] = {MODBUS_FC_WRITE_MULTIPLE_COILS,
-                                         static_cast<unsigned char>((addr >> 8) & 0xFF),
-                                         static_cast<unsigned char>(addr & 0xFF),
-                                         0,
-                                         1,
-                                         1,
-                                         static_cast<unsigned char>(value ? 1 : 0)};
+        // FC 15 for one coil: address, quantity 1, one data byte holding the bit.
+        unsigned char request[kReadRequestPdu + 2] = {MODBUS_FC_WRITE_MULTIPLE_COILS};
+        putWord(request + 1, addr);
+        putWord(request + 3, 1);
+        request[5] = 1;
+        request[6] = value ? 1 : 0;
         unsigned char reply[MODBUS_TCP_MAX_ADU_LENGTH];
         int error = 0;
         if (transact(request, sizeof request, kWriteReplyPdu, reply, &error) >= 0) result = 1;
