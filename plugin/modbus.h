@@ -15,6 +15,7 @@
 #include "host/plugin_interface.h"
 #include "host/records.h"
 #include "host/zelt_interface.h"
+#include "plugin/read_entry.h"
 
 class Modbus : public QObject, public ZeltInterface {
     Q_OBJECT
@@ -25,6 +26,9 @@ public:
     struct TcpDeviceConnection {
         Connection connection;
         std::mutex mutex;
+        // Guarded by the mutex: the last poll's parsed items by batch position, and the read list's buffer.
+        std::vector<ParsedItem> parsedItems;
+        std::vector<ReadEntry> readList;
     };
     using DataItemIterator = std::vector<DataItem*>::iterator;
 

@@ -64,32 +64,37 @@ bool Modbus::readBatch(LogList* list) {
     writeLogDebug(QStringLiteral("Going to read ") + QString::number(batchSize) + QStringLiteral(" from ") +
                   device.name);
 
-    // Each item's settings are parsed here once; sorting and splitting work on the parsed fields.
-    std::vector<ReadEntry> readList;
-    readList.reserve(static_cast<size_t>(list->dataItems.size()));
-    for (DataItem* dataItem : list->dataItems) {
+    std::shared_ptr<TcpDeviceConnection> entry = tcpDeviceConnection(device.id, nullptr);
+    if (!entry) return false;
+    std::lock_guard<std::mutex> deviceLock(entry->mutex);
+
+    // Each item's settings are parsed at most once per poll (not at all while they are unchanged since the
+    // last one); sorting and splitting work on the parsed fields.
+    std::vector<ParsedItem>& parsedItems = entry->parsedItems;
+    parsedItems.resize(static_cast<size_t>(list->dataItems.size()));
+    std::vector<ReadEntry>& readList = entry->readList;
+    readList.clear();
+    for (int i = 0; i < list->dataItems.size(); ++i) {
+        DataItem* dataItem = list->dataItems.at(i);
         if (!dataItem) continue;
-        ReadEntry entry = makeReadEntry(dataItem);
-        if (!entry.identity) readList.push_back(entry);
+        const ReadEntry& parsed = cachedReadEntry(dataItem, parsedItems[static_cast<size_t>(i)]);
+        if (!parsed.identity) readList.push_back(parsed);
     }
 
     std::sort(readList.begin(), readList.end(), byTableAndOffset);
     readList.erase(std::remove_if(readList.begin(), readList.end(),
-                                  [](const ReadEntry& entry) { return entry.offset < 0; }),
+                                  [](const ReadEntry& readEntry) { return readEntry.offset < 0; }),
                    readList.end());
     // An address beyond the 16-bit space would wrap around to another register on the device.
     readList.erase(std::remove_if(readList.begin(), readList.end(),
-                                  [](const ReadEntry& entry) {
-                                      if (codec::fitsAddressSpace(entry.offset, readFootprint(entry)))
+                                  [](const ReadEntry& readEntry) {
+                                      if (codec::fitsAddressSpace(readEntry.offset, readFootprint(readEntry)))
                                           return false;
-                                      entry.dataItem->item.setLastError(kAddressOutOfRange);
+                                      readEntry.dataItem->item.setLastError(kAddressOutOfRange);
                                       return true;
                                   }),
                    readList.end());
 
-    std::shared_ptr<TcpDeviceConnection> entry = tcpDeviceConnection(device.id, nullptr);
-    if (!entry) return false;
-    std::lock_guard<std::mutex> deviceLock(entry->mutex);
     Connection& connection = entry->connection;
 
     if (!connection.isConnected()) {

@@ -64,6 +64,16 @@ ReadEntry makeReadEntry(DataItem* dataItem) {
     return entry;
 }
 
+ReadEntry const& cachedReadEntry(DataItem* dataItem, ParsedItem& slot) {
+    QMap<QString, QString> const& settings = dataItem->item.settings;
+    if (!slot.settings.isSharedWith(settings) || slot.entry.dataItem == nullptr) {
+        slot.settings = settings;
+        slot.entry = makeReadEntry(dataItem);
+    }
+    slot.entry.dataItem = dataItem;
+    return slot.entry;
+}
+
 std::vector<ReadEntry> makeReadEntries(std::vector<DataItem*>::const_iterator first,
                                        std::vector<DataItem*>::const_iterator last) {
     std::vector<ReadEntry> entries;

@@ -19,6 +19,18 @@ struct ReadEntry {
     int precision = 0;               // only parsed for FLOAT and DOUBLE
 };
 
+// A parsed entry kept from one poll to the next, with a shared copy of the settings it was parsed from: while
+// the item still holds that very map (shared, so the host cannot have changed it without detaching), the
+// entry is still right and the texts are not parsed again.
+struct ParsedItem {
+    QMap<QString, QString> settings;
+    ReadEntry entry;
+};
+
+// The entry of `dataItem`, from `slot` when its settings are still the ones parsed there, else parsed anew
+// into it.
+ReadEntry const& cachedReadEntry(DataItem* dataItem, ParsedItem& slot);
+
 using ReadEntryIterator = std::vector<ReadEntry>::iterator;
 
 ReadEntry makeReadEntry(DataItem* dataItem);

@@ -395,3 +395,22 @@ TEST_F(PollCycleTest, NullEntriesInTheBatchAreSkipped) {
     EXPECT_TRUE(plugin.readData(&again.list));
     EXPECT_EQ(second->values.value(QStringLiteral("value")), QStringLiteral("42"));
 }
+
+TEST_F(PollCycleTest, ChangedSettingsAreReadAgainOnTheNextPoll) {
+    sim.setHoldingRegisters(0, {5, 6});
+    Batch batch(device());
+    DataItem* item = batch.add(makeItem("moving", "40001", "4", "2"));
+    ASSERT_TRUE(plugin.readData(&batch.list));
+    EXPECT_EQ(batch.value("moving"), QStringLiteral("5"));
+
+    // The same entry, changed in place by the host between two polls.
+    item->item.settings[QStringLiteral("register")] = QStringLiteral("40002");
+    ASSERT_TRUE(plugin.readData(&batch.list));
+    EXPECT_EQ(batch.value("moving"), QStringLiteral("6"));
+
+    item->item.settings[QStringLiteral("type")] = QStringLiteral("1");
+    sim.setHoldingRegisters(1, {0xFFFF});
+    ASSERT_TRUE(plugin.readData(&batch.list));
+    EXPECT_EQ(batch.value("moving"), QStringLiteral("-1"));
+    EXPECT_EQ(dataReads(sim), (std::vector<Request>{{3, 0, 1}, {3, 1, 1}, {3, 1, 1}}));
+}

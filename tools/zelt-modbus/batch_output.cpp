@@ -104,6 +104,9 @@ void writePollJson(QTextStream& out, int poll, const BatchResult& result) {
     appendKey(line, "items");
     line += QLatin1Char('[');
     bool first = true;
+    // The items of one poll mostly share one time stamp; its text is made once.
+    QDateTime lastTime;
+    QString lastTimeText;
     for (const ItemResult& item : result.items) {
         if (!first) line += QLatin1Char(',');
         first = false;
@@ -115,7 +118,12 @@ void writePollJson(QTextStream& out, int poll, const BatchResult& result) {
         appendJsonString(line, item.name);
         line += QLatin1Char(',');
         appendKey(line, "timestamp");
-        appendJsonString(line, isoUtc(item.timestamp));
+        if (lastTimeText.isNull() || item.timestamp != lastTime ||
+            item.timestamp.timeSpec() != lastTime.timeSpec()) {
+            lastTime = item.timestamp;
+            lastTimeText = isoUtc(item.timestamp);
+        }
+        appendJsonString(line, lastTimeText);
         line += QLatin1Char(',');
         appendKey(line, "uid");
         appendJsonString(line, item.uid);
