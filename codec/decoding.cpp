@@ -60,6 +60,11 @@ int fractionalBits(double value) {
 // texts have always rounded ties away from zero, and printed "-0" as "0", so those (rare) cases, and what
 // is no finite number, keep going through Qt's conversion.
 QString fixedText(double value, int precision) {
+    // Registers that were never written read as +0, the most common value of all; every precision trims it to
+    // the same text.
+    if (precision >= 0 && value == 0 && !std::signbit(value)) {
+        return QStringLiteral("0");
+    }
     // A value is a tie at `precision` decimals exactly when its expansion ends one digit later: 2^-k ends
     // in 5.
     if (precision < 0 || value == 0 || !std::isfinite(value) || fractionalBits(value) == precision + 1) {

@@ -36,8 +36,22 @@ void appendUnicodeEscape(QString& line, ushort unit) {
 // A JSON string literal, escaped exactly as QJsonDocument's compact form escapes it: the short escapes for
 // quote, backslash and five control characters, \u00xx for the other control characters and \uxxxx for a
 // surrogate without its partner; everything else as it is.
+bool needsEscape(const QString& text) {
+    for (const QChar c : text) {
+        const ushort unit = c.unicode();
+        if (unit < kFirstPrintable || unit == u'"' || unit == u'\\' || c.isSurrogate()) return true;
+    }
+    return false;
+}
+
 void appendJsonString(QString& line, const QString& text) {
     line += QLatin1Char('"');
+    // Most texts (numbers, uids, names) need no escape at all and are copied in one piece.
+    if (!needsEscape(text)) {
+        line += text;
+        line += QLatin1Char('"');
+        return;
+    }
     const QChar* const chars = text.constData();
     const int size = text.size();
     for (int i = 0; i < size; ++i) {
@@ -82,26 +96,33 @@ void appendJsonString(QString& line, const QString& text) {
     line += QLatin1Char('"');
 }
 
-void appendKey(QString& line, const char* key) {
-    line += QLatin1Char('"');
-    line += QLatin1String(key);
-    line += QLatin1String("\":");
-}
+// Keys with their quotes and colon, ready to copy: converting them from Latin-1 for every item cost more than
+// the rest of a line.
+const QString kDeviceKey = QStringLiteral("\"device\":");
+const QString kErrorKey = QStringLiteral("\"error\":");
+const QString kItemsKey = QStringLiteral("\"items\":");
+const QString kNameKey = QStringLiteral("\"name\":");
+const QString kOkKey = QStringLiteral("\"ok\":");
+const QString kPollKey = QStringLiteral("\"poll\":");
+const QString kTimestampKey = QStringLiteral("\"timestamp\":");
+const QString kUidKey = QStringLiteral("\"uid\":");
+const QString kValueKey = QStringLiteral("\"value\":");
 
 }  // namespace
 
 void writePollJson(QTextStream& out, int poll, const BatchResult& result) {
     // Keys in the order QJsonObject sorts them, so that the line is the one it would give.
+    // One buffer for every line: resize(0) keeps its capacity, where clear() would give it back.
     static thread_local QString line;
-    line.clear();
+    line.resize(0);
     line += QLatin1Char('{');
-    appendKey(line, "device");
+    line += kDeviceKey;
     line += QString::number(result.deviceId);
     line += QLatin1Char(',');
-    appendKey(line, "error");
+    line += kErrorKey;
     appendJsonString(line, result.error);
     line += QLatin1Char(',');
-    appendKey(line, "items");
+    line += kItemsKey;
     line += QLatin1Char('[');
     bool first = true;
     // The items of one poll mostly share one time stamp; its text is made once.
@@ -111,13 +132,13 @@ void writePollJson(QTextStream& out, int poll, const BatchResult& result) {
         if (!first) line += QLatin1Char(',');
         first = false;
         line += QLatin1Char('{');
-        appendKey(line, "error");
+        line += kErrorKey;
         appendJsonString(line, item.error);
         line += QLatin1Char(',');
-        appendKey(line, "name");
+        line += kNameKey;
         appendJsonString(line, item.name);
         line += QLatin1Char(',');
-        appendKey(line, "timestamp");
+        line += kTimestampKey;
         if (lastTimeText.isNull() || item.timestamp != lastTime ||
             item.timestamp.timeSpec() != lastTime.timeSpec()) {
             lastTime = item.timestamp;
@@ -125,21 +146,21 @@ void writePollJson(QTextStream& out, int poll, const BatchResult& result) {
         }
         appendJsonString(line, lastTimeText);
         line += QLatin1Char(',');
-        appendKey(line, "uid");
+        line += kUidKey;
         appendJsonString(line, item.uid);
         line += QLatin1Char(',');
-        appendKey(line, "value");
+        line += kValueKey;
         appendJsonString(line, item.value);
         line += QLatin1Char('}');
     }
     line += QLatin1String("],");
-    appendKey(line, "name");
+    line += kNameKey;
     appendJsonString(line, result.deviceName);
     line += QLatin1Char(',');
-    appendKey(line, "ok");
+    line += kOkKey;
     line += result.ok ? QLatin1String("true") : QLatin1String("false");
     line += QLatin1Char(',');
-    appendKey(line, "poll");
+    line += kPollKey;
     line += QString::number(poll);
     line += QLatin1String("}\n");
     out << line;

@@ -4,6 +4,7 @@
 // configuration left out, and batches go through readData / writeData.
 
 #include <QDateTime>
+#include <QHash>
 #include <QList>
 #include <QMap>
 #include <QString>
@@ -60,7 +61,7 @@ private:
 
     LoadedPlugin loaded;
     Config configuration;
-    QMap<QString, QString> typeLabels;
+    QHash<QString, QString> typeLabels;  // looked up for every item of every poll
     bool started = false;
 };
 
