@@ -11,6 +11,7 @@
 #include <QTemporaryDir>
 
 #include "tests/common/netns_testbed.h"
+#include "tests/common/program_command.h"
 #include "tools/sim/simulator.h"
 
 namespace {
@@ -66,8 +67,8 @@ protected:
         QProcess process;
         process.start(QStringLiteral("ip"),
                       QStringList{QStringLiteral("netns"), QStringLiteral("exec"),
-                                  QString::fromStdString(testbed.scannerNamespace),
-                                  QStringLiteral(ZELT_BINARY_DIR "/tools/zelt-modbus")} +
+                                  QString::fromStdString(testbed.scannerNamespace)} +
+                          zelt_test::commandFor(QStringLiteral(ZELT_BINARY_DIR "/tools/zelt-modbus")) +
                           arguments);
         ToolRun run;
         if (!process.waitForStarted(kRunTimeoutMs)) return run;

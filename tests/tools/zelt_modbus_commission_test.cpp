@@ -14,6 +14,7 @@
 #include <chrono>
 #include <thread>
 
+#include "tests/common/program_command.h"
 #include "tools/sim/simulator.h"
 #include "tools/zelt-modbus/config.h"
 #include "tools/zelt-modbus/config_writer.h"
@@ -409,10 +410,10 @@ TEST_F(CommissionTest, TheWrittenConfigurationPollsWithoutAnError) {
 
 TEST_F(CommissionTest, CtrlCPrintsWhatWasFoundSoFar) {
     QProcess process;
-    process.start(zelt_modbus_test::toolPath(), target(QStringLiteral("map"))
-                                                    << QStringLiteral("--tables")
-                                                    << QStringLiteral("coils,holding")
-                                                    << QStringLiteral("--rate") << QStringLiteral("2"));
+    zelt_test::startProgram(process, zelt_modbus_test::toolPath(),
+                            target(QStringLiteral("map"))
+                                << QStringLiteral("--tables") << QStringLiteral("coils,holding")
+                                << QStringLiteral("--rate") << QStringLiteral("2"));
     ASSERT_TRUE(process.waitForStarted());
     // Five requests cover the coils; the first holding request follows, and the next one waits half a second.
     for (int attempt = 0; attempt < kWaitAttempts && simulator.requestCount(kReadHolding) == 0; ++attempt)
