@@ -4,18 +4,13 @@
 #include <QJsonObject>
 #include <QTextStream>
 
-#include "tools/zelt-modbus/session.h"
+#include "tools/zelt-modbus/batch_result.h"
+#include "tools/zelt-modbus/poll_json.h"
 
 namespace zelt_cli {
 
-// {"poll": n, "device": id, "name": ..., "ok": ..., "error": ..., "items": [{uid, name, value, error,
-// timestamp}]}
-QJsonObject pollToJson(int poll, const BatchResult& result);
 // {"ok": ..., "error": ..., "items": [{"uid": ..., "error": ...}]}
 QJsonObject writeToJson(const BatchResult& result);
-
-// The line pollToJson gives, written straight to `out` with its newline, without building the object.
-void writePollJson(QTextStream& out, int poll, const BatchResult& result);
 
 void printPoll(QTextStream& out, int poll, const BatchResult& result);
 void printWrite(QTextStream& out, const BatchResult& result);

@@ -280,7 +280,7 @@ int runDemo(const QStringList& arguments) {
             }
             // The views share the meter's identity; the meter's table already shows it.
             if (device.id != meter.id) {
-                QList<ItemResult> own;
+                QVector<ItemResult> own;
                 for (const ItemResult& row : result.items)
                     if (!row.address.startsWith(QLatin1String("__identity."))) own.append(row);
                 result.items = own;

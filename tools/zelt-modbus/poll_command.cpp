@@ -1,4 +1,6 @@
 #include <QTextStream>
+#include <cstdio>
+#include <string>
 
 #include "tools/zelt-modbus/batch_output.h"
 #include "tools/zelt-modbus/cli.h"
@@ -50,6 +52,7 @@ int runPoll(const QStringList& arguments) {
 
     QTextStream out(stdout);
     const bool json = command.flag(QStringLiteral("json"));
+    std::string line;  // reused: its capacity stays from one poll to the next
     bool allOk = true;
     for (int poll = 1; count == 0 || poll <= count; ++poll) {
         if (poll > 1 && !sleepUnlessInterrupted(intervalMs)) break;
@@ -58,8 +61,10 @@ int runPoll(const QStringList& arguments) {
             const BatchResult result = session.poll(device);
             allOk = allOk && result.ok;
             if (json) {
-                writePollJson(out, poll, result);
-                out.flush();
+                line.clear();
+                appendPollJsonLine(line, poll, result);
+                std::fwrite(line.data(), 1, line.size(), stdout);
+                std::fflush(stdout);
             } else {
                 printPoll(out, poll, result);
             }

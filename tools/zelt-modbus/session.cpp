@@ -63,6 +63,12 @@ bool PluginSession::start(const QString& pluginPath, const Config& config, QStri
     devices.clear();
     for (const DeviceConfig& device : configuration.devices) devices.append(toDeviceRecord(device));
     host.setDevices(devices);
+    for (const DeviceConfig& device : configuration.devices) {
+        QVector<ItemLabels>& labels = configuredLabels[device.id];
+        labels.clear();
+        for (const ItemConfig& item : device.items)
+            labels.append({item.settings.value(kRegisterKey), typeLabel(item.settings.value(kTypeKey))});
+    }
     return true;
 }
 
@@ -90,8 +96,17 @@ BatchResult PluginSession::poll(const DeviceConfig& device) {
     result.deviceName = source.name;
     result.deviceAddress = source.address;
     result.error = batch.list.device.lastError;
-    for (const DataItem* dataItem : batch.list.dataItems)
-        if (dataItem) result.items.append(itemResult(*dataItem, received));
+    const QVector<ItemLabels> labels = configured ? configuredLabels.value(source.id) : QVector<ItemLabels>();
+    result.items.reserve(batch.list.dataItems.size());
+    for (int i = 0; i < batch.list.dataItems.size(); ++i) {
+        const DataItem* dataItem = batch.list.dataItems.at(i);
+        if (!dataItem) continue;
+        // The configured items come first, in their order; the plugin may have appended others. A configured
+        // item still holds the very settings map its labels were read from.
+        const bool configuredItem = i < labels.size() && i < source.items.size() &&
+                                    dataItem->item.settings.isSharedWith(source.items.at(i).settings);
+        result.items.append(itemResult(*dataItem, received, configuredItem ? &labels.at(i) : nullptr));
+    }
     // The stand-in host keeps every log line; a poll that runs for days must not grow without bound.
     Host::instance().clearLogs();
     return result;
@@ -120,7 +135,7 @@ BatchResult PluginSession::write(const DeviceConfig& device, const ItemConfig& i
     result.error = batch.list.device.lastError;
     for (const DataItem* written : batch.list.dataItems) {
         if (!written) continue;
-        ItemResult itemResult = PluginSession::itemResult(*written, received);
+        ItemResult itemResult = PluginSession::itemResult(*written, received, nullptr);
         itemResult.value = value;
         result.items.append(itemResult);
     }
@@ -152,12 +167,13 @@ QString PluginSession::typeLabel(const QString& code) const {
     return typeLabels.value(code, code);
 }
 
-ItemResult PluginSession::itemResult(const DataItem& dataItem, const QDateTime& received) const {
+ItemResult PluginSession::itemResult(const DataItem& dataItem, const QDateTime& received,
+                                     const ItemLabels* labels) const {
     ItemResult result;
     result.uid = dataItem.item.uid;
     result.name = dataItem.item.name;
-    result.address = dataItem.item.settings.value(kRegisterKey);
-    result.type = typeLabel(dataItem.item.settings.value(kTypeKey));
+    result.address = labels ? labels->address : dataItem.item.settings.value(kRegisterKey);
+    result.type = labels ? labels->type : typeLabel(dataItem.item.settings.value(kTypeKey));
     result.value = dataItem.values.value(kValueKey);
     result.error = dataItem.item.lastError;
     // Values read from registers carry no time of their own; the host stamps them when the batch returns.

@@ -8,30 +8,13 @@
 #include <QList>
 #include <QMap>
 #include <QString>
+#include <QVector>
 
+#include "tools/zelt-modbus/batch_result.h"
 #include "tools/zelt-modbus/config.h"
 #include "tools/zelt-modbus/plugin_loader.h"
 
 namespace zelt_cli {
-
-struct ItemResult {
-    QString uid;
-    QString name;
-    QString address;  // the item's "register" setting
-    QString type;     // the label of its "type" setting, e.g. FLOAT
-    QString value;
-    QString error;
-    QDateTime timestamp;  // UTC
-};
-
-struct BatchResult {
-    int deviceId = 0;
-    QString deviceName;
-    QString deviceAddress;
-    bool ok = false;
-    QString error;  // the device's error text after the batch
-    QList<ItemResult> items;
-};
 
 class PluginSession {
 public:
@@ -56,12 +39,22 @@ public:
     void stop();
 
 private:
+    struct ItemLabels {
+        QString address;  // the "register" setting
+        QString type;     // the label of the "type" setting
+    };
+
     QString typeLabel(const QString& code) const;
-    ItemResult itemResult(const DataItem& dataItem, const QDateTime& received) const;
+    // `labels` of the item when known beforehand; else they are read from its settings.
+    ItemResult itemResult(const DataItem& dataItem, const QDateTime& received,
+                          const ItemLabels* labels) const;
 
     LoadedPlugin loaded;
     Config configuration;
-    QHash<QString, QString> typeLabels;  // looked up for every item of every poll
+    QHash<QString, QString> typeLabels;
+    // The labels of every configured item, by device id, in the order of its items: looking them up in each
+    // item's settings cost more than the rest of a poll's result.
+    QHash<int, QVector<ItemLabels>> configuredLabels;
     bool started = false;
 };
 

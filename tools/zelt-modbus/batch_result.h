@@ -1,0 +1,29 @@
+#pragma once
+// What one poll or write batch of a device gave, as the commands print it.
+
+#include <QDateTime>
+#include <QString>
+#include <QVector>
+
+namespace zelt_cli {
+
+struct ItemResult {
+    QString uid;
+    QString name;
+    QString address;  // the item's "register" setting
+    QString type;     // the label of its "type" setting, e.g. FLOAT
+    QString value;
+    QString error;
+    QDateTime timestamp;  // UTC
+};
+
+struct BatchResult {
+    int deviceId = 0;
+    QString deviceName;
+    QString deviceAddress;
+    bool ok = false;
+    QString error;  // the device's error text after the batch
+    QVector<ItemResult> items;
+};
+
+}  // namespace zelt_cli
