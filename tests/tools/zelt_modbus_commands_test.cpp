@@ -26,7 +26,8 @@ constexpr int kStartWaitMs = 10000;
 // The demo's three polls and the install copy take a few seconds.
 constexpr int kSlowRunTimeoutMs = 120000;
 
-const char* const kCommands[] = {"demo", "poll", "write", "discover", "simulate", "columns"};
+const char* const kCommands[] = {"demo",    "poll", "write",    "discover",
+                                 "inspect", "map",  "simulate", "columns"};
 
 TEST(ZeltModbusCommands, EverySubcommandHasHelpAndRefusesUnknownOptions) {
     for (const char* name : kCommands) {
