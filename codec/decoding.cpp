@@ -30,7 +30,11 @@ constexpr int kInlineStringBytes = 256;
 // Sign, 309 integer digits of the largest double, the point and kMaxPrecision decimals.
 constexpr int kMaxFixedTextLength = 1 + 309 + 1 + kMaxPrecision;
 constexpr int kMaxIntegerTextLength = 24;
-constexpr int kDoubleMantissaBits = std::numeric_limits<double>::digits;
+constexpr int kDoubleFractionBits = std::numeric_limits<double>::digits - 1;  // 52 stored bits
+constexpr quint64 kDoubleExponentMask = 0x7FF;
+// The exponent of the lowest bit of a subnormal double: 2^-1074.
+constexpr int kDoubleMinExponent =
+    std::numeric_limits<double>::min_exponent - std::numeric_limits<double>::digits;
 
 // Trailing zeros go only when the whole fraction is zero: "3.0000" -> "3" but "3.2500" stays.
 void trimZeroFraction(QString& text) {
@@ -47,18 +51,40 @@ void trimZeroFraction(QString& text) {
     text.truncate(point);
 }
 
-// Binary digits after the point of a finite double: k where value * 2^k is an odd integer; 0 for integers.
+// Binary digits after the point of a finite, non-zero double: k where value * 2^k is an odd integer; 0 for
+// integers. Read from the bits (value = significand * 2^exponent), as frexp and ldexp cost more than the
+// rest.
 int fractionalBits(double value) {
-    int exponent = 0;
-    double const mantissa = std::frexp(value, &exponent);  // value = mantissa * 2^exponent, 0.5 <= |m| < 1
-    quint64 const bits = static_cast<quint64>(std::ldexp(std::fabs(mantissa), kDoubleMantissaBits));
-    int const k = kDoubleMantissaBits - exponent - __builtin_ctzll(bits);
+    quint64 bits = 0;
+    std::memcpy(&bits, &value, sizeof bits);
+    int const biasedExponent = static_cast<int>((bits >> kDoubleFractionBits) & kDoubleExponentMask);
+    quint64 significand = bits & ((quint64{1} << kDoubleFractionBits) - 1);
+    int exponent = kDoubleMinExponent;  // subnormal: no implicit leading one
+    if (biasedExponent != 0) {
+        significand |= quint64{1} << kDoubleFractionBits;
+        exponent = biasedExponent + kDoubleMinExponent - 1;
+    }
+    int const k = -(exponent + __builtin_ctzll(significand));
     return std::max(k, 0);
 }
 
-// Fixed notation with `precision` decimals. The exact shortest-path conversion rounds a tie to even; the
-// texts have always rounded ties away from zero, and printed "-0" as "0", so those (rare) cases, and what
-// is no finite number, keep going through Qt's conversion.
+// The length of `text` without a fraction that is all zeros, as trimZeroFraction cuts it.
+size_t withoutZeroFraction(const char* text, size_t length) {
+    const char* const point = static_cast<const char*>(std::memchr(text, '.', length));
+    if (!point) {
+        return length;
+    }
+    for (const char* digit = point + 1; digit < text + length; ++digit) {
+        if (*digit != '0') {
+            return length;
+        }
+    }
+    return static_cast<size_t>(point - text);
+}
+
+// Fixed notation with `precision` decimals, a fraction of only zeros cut off. The exact shortest-path
+// conversion rounds a tie to even; the texts have always rounded ties away from zero, and printed "-0" as
+// "0", so those (rare) cases, and what is no finite number, keep going through Qt's conversion.
 QString fixedText(double value, int precision) {
     // Registers that were never written read as +0, the most common value of all; every precision trims it to
     // the same text.
@@ -68,23 +94,27 @@ QString fixedText(double value, int precision) {
     // A value is a tie at `precision` decimals exactly when its expansion ends one digit later: 2^-k ends
     // in 5.
     if (precision < 0 || value == 0 || !std::isfinite(value) || fractionalBits(value) == precision + 1) {
-        return QString::number(value, 'f', precision);
+        QString text = QString::number(value, 'f', precision);
+        trimZeroFraction(text);
+        return text;
     }
     char text[kMaxFixedTextLength];
     std::to_chars_result const result =
         std::to_chars(text, text + sizeof text, value, std::chars_format::fixed, precision);
     if (result.ec != std::errc()) {
-        return QString::number(value, 'f', precision);
+        QString fallback = QString::number(value, 'f', precision);
+        trimZeroFraction(fallback);
+        return fallback;
     }
-    return QString::fromLatin1(text, static_cast<int>(result.ptr - text));
+    // Cut in the buffer, before the text is made, so that a trimmed text is not made twice.
+    return QString::fromLatin1(
+        text, static_cast<int>(withoutZeroFraction(text, static_cast<size_t>(result.ptr - text))));
 }
 
 template <typename T>
 QString formatNumber(T value, int precision) {
     if constexpr (std::is_floating_point<T>::value) {
-        QString text = fixedText(static_cast<double>(value), std::min(precision, kMaxPrecision));
-        trimZeroFraction(text);
-        return text;
+        return fixedText(static_cast<double>(value), std::min(precision, kMaxPrecision));
     } else {
         char text[kMaxIntegerTextLength];
         std::to_chars_result const result = std::to_chars(text, text + sizeof text, value);

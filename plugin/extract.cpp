@@ -1,6 +1,8 @@
 // Decodes a block read from the device into the values of the poll's items, and the plugin's decoding members
 // built on it.
 
+#include <utility>
+
 #include "codec/decoding.h"
 #include "plugin/modbus.h"
 #include "plugin/read_entry.h"
@@ -70,7 +72,7 @@ ReadEntryIterator extractWords(ReadEntryIterator first, ReadEntryIterator last, 
             default:
                 continue;  // unknown type: left untouched
         }
-        entry.dataItem->values[setting_keys::kValue] = value;
+        entry.dataItem->values[setting_keys::kValue] = std::move(value);
     }
     return first;
 }

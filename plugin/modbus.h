@@ -29,6 +29,10 @@ public:
         // Guarded by the mutex: the last poll's parsed items by batch position, and the read list's buffer.
         std::vector<ParsedItem> parsedItems;
         std::vector<ReadEntry> readList;
+        // The batch positions of the last sorted read list, in its order, and the batch size they belong to.
+        std::vector<unsigned int> sortedSlots;
+        size_t sortedBatchSize = 0;
+        bool sortedSlotsValid = false;
     };
     using DataItemIterator = std::vector<DataItem*>::iterator;
 

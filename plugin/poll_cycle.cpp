@@ -74,14 +74,33 @@ bool Modbus::readBatch(LogList* list) {
     parsedItems.resize(static_cast<size_t>(list->dataItems.size()));
     std::vector<ReadEntry>& readList = entry->readList;
     readList.clear();
+    bool hasNullEntry = false;
+    bool reparsedAny = false;
     for (int i = 0; i < list->dataItems.size(); ++i) {
         DataItem* dataItem = list->dataItems.at(i);
-        if (!dataItem) continue;
-        const ReadEntry& parsed = cachedReadEntry(dataItem, parsedItems[static_cast<size_t>(i)]);
+        if (!dataItem) {
+            hasNullEntry = true;
+            continue;
+        }
+        ParsedItem& slot = parsedItems[static_cast<size_t>(i)];
+        const ReadEntry& parsed = cachedReadEntry(dataItem, slot, &reparsedAny);
+        slot.entry.slot = static_cast<unsigned int>(i);
         if (!parsed.identity) readList.push_back(parsed);
     }
 
-    std::sort(readList.begin(), readList.end(), byTableAndOffset);
+    // While every item of the batch is parsed as it was, sorting the same keys again gives the last order.
+    // A batch with null entries is sorted anew each time.
+    std::vector<unsigned int>& sortedSlots = entry->sortedSlots;
+    if (entry->sortedSlotsValid && !hasNullEntry && !reparsedAny &&
+        entry->sortedBatchSize == parsedItems.size() && sortedSlots.size() == readList.size()) {
+        for (size_t i = 0; i < readList.size(); ++i) readList[i] = parsedItems[sortedSlots[i]].entry;
+    } else {
+        std::sort(readList.begin(), readList.end(), byTableAndOffset);
+        sortedSlots.clear();
+        for (const ReadEntry& sorted : readList) sortedSlots.push_back(sorted.slot);
+        entry->sortedBatchSize = parsedItems.size();
+        entry->sortedSlotsValid = !hasNullEntry;
+    }
     readList.erase(std::remove_if(readList.begin(), readList.end(),
                                   [](const ReadEntry& readEntry) { return readEntry.offset < 0; }),
                    readList.end());

@@ -64,11 +64,12 @@ ReadEntry makeReadEntry(DataItem* dataItem) {
     return entry;
 }
 
-ReadEntry const& cachedReadEntry(DataItem* dataItem, ParsedItem& slot) {
+ReadEntry const& cachedReadEntry(DataItem* dataItem, ParsedItem& slot, bool* reparsed) {
     QMap<QString, QString> const& settings = dataItem->item.settings;
     if (!slot.settings.isSharedWith(settings) || slot.entry.dataItem == nullptr) {
         slot.settings = settings;
         slot.entry = makeReadEntry(dataItem);
+        if (reparsed) *reparsed = true;
     }
     slot.entry.dataItem = dataItem;
     return slot.entry;

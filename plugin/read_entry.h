@@ -17,6 +17,7 @@ struct ReadEntry {
     unsigned int type = 0;           // "type" read as an unsigned number, as the decoder has always read it
     unsigned int requestLength = 0;  // registers of "type" read as a signed number, as requests are sized
     int precision = 0;               // only parsed for FLOAT and DOUBLE
+    unsigned int slot = 0;           // the item's position in its batch
 };
 
 // A parsed entry kept from one poll to the next, with a shared copy of the settings it was parsed from: while
@@ -28,8 +29,8 @@ struct ParsedItem {
 };
 
 // The entry of `dataItem`, from `slot` when its settings are still the ones parsed there, else parsed anew
-// into it.
-ReadEntry const& cachedReadEntry(DataItem* dataItem, ParsedItem& slot);
+// into it (and `*reparsed` set, when given).
+ReadEntry const& cachedReadEntry(DataItem* dataItem, ParsedItem& slot, bool* reparsed = nullptr);
 
 using ReadEntryIterator = std::vector<ReadEntry>::iterator;
 

@@ -414,3 +414,52 @@ TEST_F(PollCycleTest, ChangedSettingsAreReadAgainOnTheNextPoll) {
     EXPECT_EQ(batch.value("moving"), QStringLiteral("-1"));
     EXPECT_EQ(dataReads(sim), (std::vector<Request>{{3, 0, 1}, {3, 1, 1}, {3, 1, 1}}));
 }
+
+TEST_F(PollCycleTest, ASettingThatMovesAnItemPastAnotherReordersTheRequests) {
+    sim.setHoldingRegisters(0, {1, 2});
+    sim.setHoldingRegisters(300, {3});
+    sim.setInputRegisters(0, {4});
+    Batch batch(device());
+    DataItem* first = batch.add(makeItem("first", "40001", "4", "2"));
+    batch.add(makeItem("second", "40002", "4", "2"));
+    batch.add(makeItem("far", "40301", "4", "2"));
+    ASSERT_TRUE(plugin.readData(&batch.list));
+    ASSERT_TRUE(plugin.readData(&batch.list));
+    EXPECT_EQ(dataReads(sim),
+              (std::vector<Request>{{3, 0, 1}, {3, 1, 1}, {3, 300, 1}, {3, 0, 1}, {3, 1, 1}, {3, 300, 1}}));
+
+    // The first item of the batch moves to the input registers, which are read before the holding registers,
+    // and then past the far holding register. The order of the last poll must not be taken again.
+    sim.clearRequestLog();
+    first->item.settings[QStringLiteral("register")] = QStringLiteral("30001");
+    ASSERT_TRUE(plugin.readData(&batch.list));
+    first->item.settings[QStringLiteral("register")] = QStringLiteral("40500");
+    sim.setHoldingRegisters(499, {5});
+    ASSERT_TRUE(plugin.readData(&batch.list));
+    EXPECT_EQ(batch.value("first"), QStringLiteral("5"));
+    EXPECT_EQ(batch.value("second"), QStringLiteral("2"));
+    EXPECT_EQ(batch.value("far"), QStringLiteral("3"));
+    EXPECT_EQ(dataReads(sim),
+              (std::vector<Request>{{4, 0, 1}, {3, 1, 1}, {3, 300, 1}, {3, 1, 1}, {3, 300, 1}, {3, 499, 1}}));
+}
+
+TEST_F(PollCycleTest, TheSameItemsInAnotherOrderAreSortedAgain) {
+    sim.setHoldingRegisters(0, {7});
+    sim.setHoldingRegisters(200, {8});
+    Batch forward(device());
+    forward.add(makeItem("low", "40001", "4", "2"));
+    forward.add(makeItem("high", "40201", "4", "2"));
+    ASSERT_TRUE(plugin.readData(&forward.list));
+
+    // The host hands the very same items over in the other order: each position now holds the other's
+    // settings.
+    Batch backward(device());
+    DataItem* high = backward.add(makeItem("high", "40201", "4", "2"));
+    DataItem* low = backward.add(makeItem("low", "40001", "4", "2"));
+    high->item.settings = forward.list.dataItems.at(1)->item.settings;
+    low->item.settings = forward.list.dataItems.at(0)->item.settings;
+    ASSERT_TRUE(plugin.readData(&backward.list));
+    EXPECT_EQ(backward.value("low"), QStringLiteral("7"));
+    EXPECT_EQ(backward.value("high"), QStringLiteral("8"));
+    EXPECT_EQ(dataReads(sim), (std::vector<Request>{{3, 0, 1}, {3, 200, 1}, {3, 0, 1}, {3, 200, 1}}));
+}
