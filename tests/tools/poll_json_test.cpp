@@ -89,6 +89,18 @@ TEST(PollJsonLine, FailedPollWithoutItemsAndAnInvalidTime) {
     EXPECT_EQ(writtenLine(1, result), documentLine(1, result));
 }
 
+TEST(PollJsonLine, LongTextsGrowTheLineBeyondItsFirstGuess) {
+    BatchResult result;
+    result.deviceId = 4;
+    result.deviceName = QString(500, QChar(0x2603));  // three UTF-8 bytes each
+    for (int i = 0; i < 40; ++i)
+        result.items.append(item(QStringLiteral("u%1").arg(i), QString(300 + i, QLatin1Char('\n')),
+                                 QString(i, QChar(0x00e9)), i % 2 ? kFirstTime : kSecondTime));
+    const std::string line = writtenLine(2, result);
+    EXPECT_EQ(line, documentLine(2, result));
+    EXPECT_GT(line.size(), 40u * 600u);
+}
+
 TEST(PollJsonLine, AppendsToWhatTheLineHolds) {
     BatchResult result;
     result.deviceId = 1;

@@ -1,6 +1,9 @@
 #include "tools/zelt-modbus/poll_json.h"
 
 #include <QJsonArray>
+#include <algorithm>
+#include <charconv>
+#include <cstring>
 
 namespace zelt_cli {
 
@@ -22,35 +25,60 @@ constexpr unsigned kUtf8Lead2 = 0xC0;
 constexpr unsigned kUtf8Lead3 = 0xE0;
 constexpr unsigned kUtf8Lead4 = 0xF0;
 
-// Without the length count of a plain `+=`: the keys of a line are appended a thousand times per poll.
+// The most bytes one UTF-16 unit can become: "\u" and four hex digits (a UTF-8 sequence is at most three
+// bytes per unit, four for a pair of two).
+constexpr size_t kMaxBytesPerUnit = 6;
+// The quotes of a string.
+constexpr size_t kQuoteBytes = 2;
+// The most bytes of an int in decimal, with its sign.
+constexpr size_t kMaxIntBytes = 11;
+// Everything of a line but its texts and numbers, with room to spare: the keys, quotes, commas and brackets.
+constexpr size_t kLineFrameBytes = 64;
+constexpr size_t kItemFrameBytes = 64;
+// What an item of a usual poll takes (short uid, name and value, a time stamp): the first guess of a line's
+// size.
+constexpr size_t kExpectedItemBytes = 128;
+
+// The writers below put their bytes at `out` and return the end. Room for them is made before each item (see
+// LineRoom), as checking for room on each byte cost more than the rest of the line.
+
+size_t jsonStringBound(const QString& text) {
+    return kQuoteBytes + kMaxBytesPerUnit * static_cast<size_t>(text.size());
+}
+
 template <size_t N>
-void appendLiteral(std::string& line, const char (&text)[N]) {
-    line.append(text, N - 1);
+char* putLiteral(char* out, const char (&text)[N]) {
+    std::memcpy(out, text, N - 1);
+    return out + N - 1;
 }
 
-void appendByte(std::string& line, unsigned byte) {
-    line.push_back(static_cast<char>(byte));
+char* putByte(char* out, unsigned byte) {
+    *out = static_cast<char>(byte);
+    return out + 1;
 }
 
-void appendUnicodeEscape(std::string& line, char16_t unit) {
-    appendLiteral(line, "\\u");
+char* putUnicodeEscape(char* out, char16_t unit) {
+    out = putLiteral(out, "\\u");
     for (int shift = 3 * kHexDigitBits; shift >= 0; shift -= kHexDigitBits)
-        line.push_back("0123456789abcdef"[(unit >> shift) & kHexDigitMask]);
+        *out++ = "0123456789abcdef"[(unit >> shift) & kHexDigitMask];
+    return out;
 }
 
-void appendUtf8(std::string& line, char32_t codePoint) {
+char* putUtf8(char* out, char32_t codePoint) {
     if (codePoint < kFirstThreeByteUtf8) {
-        appendByte(line, kUtf8Lead2 | (codePoint >> kUtf8ContinuationBits));
+        out = putByte(out, kUtf8Lead2 | (codePoint >> kUtf8ContinuationBits));
     } else if (codePoint <= 0xFFFF) {
-        appendByte(line, kUtf8Lead3 | (codePoint >> (2 * kUtf8ContinuationBits)));
-        appendByte(line, kUtf8Continuation | ((codePoint >> kUtf8ContinuationBits) & kUtf8ContinuationMask));
+        out = putByte(out, kUtf8Lead3 | (codePoint >> (2 * kUtf8ContinuationBits)));
+        out =
+            putByte(out, kUtf8Continuation | ((codePoint >> kUtf8ContinuationBits) & kUtf8ContinuationMask));
     } else {
-        appendByte(line, kUtf8Lead4 | (codePoint >> (3 * kUtf8ContinuationBits)));
-        appendByte(line,
-                   kUtf8Continuation | ((codePoint >> (2 * kUtf8ContinuationBits)) & kUtf8ContinuationMask));
-        appendByte(line, kUtf8Continuation | ((codePoint >> kUtf8ContinuationBits) & kUtf8ContinuationMask));
+        out = putByte(out, kUtf8Lead4 | (codePoint >> (3 * kUtf8ContinuationBits)));
+        out = putByte(
+            out, kUtf8Continuation | ((codePoint >> (2 * kUtf8ContinuationBits)) & kUtf8ContinuationMask));
+        out =
+            putByte(out, kUtf8Continuation | ((codePoint >> kUtf8ContinuationBits) & kUtf8ContinuationMask));
     }
-    appendByte(line, kUtf8Continuation | (codePoint & kUtf8ContinuationMask));
+    return putByte(out, kUtf8Continuation | (codePoint & kUtf8ContinuationMask));
 }
 
 bool isPlainAscii(char16_t unit) {
@@ -59,58 +87,59 @@ bool isPlainAscii(char16_t unit) {
 
 // A JSON string literal in UTF-8, escaped exactly as QJsonDocument's compact form escapes it: the short
 // escapes for quote, backslash and five control characters, \u00xx for the other control characters and
-// \uxxxx for a surrogate without its partner; everything else as it is.
-void appendJsonString(std::string& line, const QString& text) {
-    line.push_back('"');
+// \uxxxx for a surrogate without its partner; everything else as it is. At most jsonStringBound(text) bytes.
+char* putJsonString(char* out, const QString& text) {
+    *out++ = '"';
     const QChar* const chars = text.constData();
     const int size = text.size();
     for (int i = 0; i < size; ++i) {
         const char16_t unit = chars[i].unicode();
         if (isPlainAscii(unit)) {
-            line.push_back(static_cast<char>(unit));
+            *out++ = static_cast<char>(unit);
             continue;
         }
         switch (unit) {
             case u'"':
-                appendLiteral(line, "\\\"");
+                out = putLiteral(out, "\\\"");
                 continue;
             case u'\\':
-                appendLiteral(line, "\\\\");
+                out = putLiteral(out, "\\\\");
                 continue;
             case u'\b':
-                appendLiteral(line, "\\b");
+                out = putLiteral(out, "\\b");
                 continue;
             case u'\f':
-                appendLiteral(line, "\\f");
+                out = putLiteral(out, "\\f");
                 continue;
             case u'\n':
-                appendLiteral(line, "\\n");
+                out = putLiteral(out, "\\n");
                 continue;
             case u'\r':
-                appendLiteral(line, "\\r");
+                out = putLiteral(out, "\\r");
                 continue;
             case u'\t':
-                appendLiteral(line, "\\t");
+                out = putLiteral(out, "\\t");
                 continue;
             default:
                 break;
         }
         if (unit < kFirstPrintable) {
-            appendUnicodeEscape(line, unit);
+            out = putUnicodeEscape(out, unit);
         } else if (chars[i].isHighSurrogate() && i + 1 < size && chars[i + 1].isLowSurrogate()) {
-            appendUtf8(line, QChar::surrogateToUcs4(chars[i], chars[i + 1]));
+            out = putUtf8(out, QChar::surrogateToUcs4(chars[i], chars[i + 1]));
             ++i;
         } else if (chars[i].isSurrogate()) {
-            appendUnicodeEscape(line, unit);
+            out = putUnicodeEscape(out, unit);
         } else {
-            appendUtf8(line, unit);
+            out = putUtf8(out, unit);
         }
     }
-    line.push_back('"');
+    *out++ = '"';
+    return out;
 }
 
-void appendNumber(std::string& line, int number) {
-    line += std::to_string(number);
+char* putNumber(char* out, int number) {
+    return std::to_chars(out, out + kMaxIntBytes, number).ptr;
 }
 
 }  // namespace
@@ -131,46 +160,86 @@ QJsonObject pollToJson(int poll, const BatchResult& result) {
                        {QStringLiteral("items"), items}};
 }
 
+namespace {
+
+// Room at the end of a line that is written through a pointer: made in large steps, so that the bytes
+// themselves are written without a check each.
+class LineRoom {
+public:
+    LineRoom(std::string& line, size_t expected) : line(line) {
+        const size_t start = line.size();
+        line.resize(start + expected);
+        out = &line[start];
+    }
+    // At least `bytes` free after `out`.
+    void make(size_t bytes) {
+        const size_t used = static_cast<size_t>(out - line.data());
+        if (line.size() - used >= bytes) return;
+        line.resize(std::max(2 * line.size(), used + bytes));
+        out = &line[used];
+    }
+    void finish() { line.resize(static_cast<size_t>(out - line.data())); }
+
+    char* out = nullptr;
+
+private:
+    std::string& line;
+};
+
+}  // namespace
+
 void appendPollJsonLine(std::string& line, int poll, const BatchResult& result) {
+    LineRoom room(line, kLineFrameBytes + static_cast<size_t>(result.items.size()) * kExpectedItemBytes);
+    room.make(kLineFrameBytes + 2 * kMaxIntBytes + jsonStringBound(result.error) +
+              jsonStringBound(result.deviceName));
+    char* out = room.out;
     // Keys in the order QJsonObject sorts them, so that the line is the one it would give.
-    appendLiteral(line, "{\"device\":");
-    appendNumber(line, result.deviceId);
-    appendLiteral(line, ",\"error\":");
-    appendJsonString(line, result.error);
-    appendLiteral(line, ",\"items\":[");
-    bool first = true;
-    // The items of one poll mostly share one time stamp; its text is made once.
+    out = putLiteral(out, "{\"device\":");
+    out = putNumber(out, result.deviceId);
+    out = putLiteral(out, ",\"error\":");
+    out = putJsonString(out, result.error);
+    out = putLiteral(out, ",\"items\":[");
+    // The items of one poll mostly share one time stamp; its text is made once, escaped as it is written.
     QDateTime lastTime;
-    std::string lastTimeText;
+    std::string timeText;
+    bool first = true;
     for (const ItemResult& item : result.items) {
-        if (!first) line.push_back(',');
-        first = false;
-        appendLiteral(line, "{\"error\":");
-        appendJsonString(line, item.error);
-        appendLiteral(line, ",\"name\":");
-        appendJsonString(line, item.name);
-        appendLiteral(line, ",\"timestamp\":");
-        if (lastTimeText.empty() || item.timestamp != lastTime ||
+        if (timeText.empty() || item.timestamp != lastTime ||
             item.timestamp.timeSpec() != lastTime.timeSpec()) {
             lastTime = item.timestamp;
-            lastTimeText.clear();
-            appendJsonString(lastTimeText, isoUtc(item.timestamp));
+            const QString text = isoUtc(item.timestamp);
+            timeText.resize(jsonStringBound(text));
+            timeText.resize(static_cast<size_t>(putJsonString(&timeText[0], text) - timeText.data()));
         }
-        line += lastTimeText;
-        appendLiteral(line, ",\"uid\":");
-        appendJsonString(line, item.uid);
-        appendLiteral(line, ",\"value\":");
-        appendJsonString(line, item.value);
-        line.push_back('}');
+        room.out = out;
+        room.make(kItemFrameBytes + jsonStringBound(item.error) + jsonStringBound(item.name) +
+                  jsonStringBound(item.uid) + jsonStringBound(item.value) + timeText.size());
+        out = room.out;
+        if (!first) *out++ = ',';
+        first = false;
+        out = putLiteral(out, "{\"error\":");
+        out = putJsonString(out, item.error);
+        out = putLiteral(out, ",\"name\":");
+        out = putJsonString(out, item.name);
+        out = putLiteral(out, ",\"timestamp\":");
+        std::memcpy(out, timeText.data(), timeText.size());
+        out += timeText.size();
+        out = putLiteral(out, ",\"uid\":");
+        out = putJsonString(out, item.uid);
+        out = putLiteral(out, ",\"value\":");
+        out = putJsonString(out, item.value);
+        *out++ = '}';
     }
-    appendLiteral(line, "],\"name\":");
-    appendJsonString(line, result.deviceName);
-    if (result.ok)
-        appendLiteral(line, ",\"ok\":true,\"poll\":");
-    else
-        appendLiteral(line, ",\"ok\":false,\"poll\":");
-    appendNumber(line, poll);
-    appendLiteral(line, "}\n");
+    room.out = out;
+    room.make(kLineFrameBytes + 2 * kMaxIntBytes + jsonStringBound(result.deviceName));
+    out = room.out;
+    out = putLiteral(out, "],\"name\":");
+    out = putJsonString(out, result.deviceName);
+    out = result.ok ? putLiteral(out, ",\"ok\":true,\"poll\":") : putLiteral(out, ",\"ok\":false,\"poll\":");
+    out = putNumber(out, poll);
+    out = putLiteral(out, "}\n");
+    room.out = out;
+    room.finish();
 }
 
 }  // namespace zelt_cli
