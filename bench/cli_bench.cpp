@@ -1,12 +1,10 @@
 // The command-line tool's cost per poll: `zelt-modbus poll --json --interval 0 --count N` on the 200 FLOAT
 // items against the simulator on loopback, against a bare libmodbus loop that replays one poll's requests.
 // The tool's start (loading the plugin, the first connect, the identification read) is taken out by running
-// it with --count 1 as well: per poll = (time for N polls - time for 1 poll) / (N - 1).
-// The tool's output goes to a file, as in `zelt-modbus poll ... > polls.jsonl`; with --pipe it is read
-// through a pipe by this process instead, which then also counts what the reader costs (a 2-core machine
-// shares its cores between the tool, the simulator and the reader).
+// it with
+// --count 1 as well: per poll = (time for N polls - time for 1 poll) / (N - 1).
 //
-// Usage: cli_bench [--count N] [--runs N] [--pipe]
+// Usage: cli_bench [--count N] [--runs N]
 #include <QByteArray>
 #include <QCoreApplication>
 #include <QFile>
@@ -53,24 +51,16 @@ QByteArray configJson(uint16_t port) {
 }
 
 // Wall time of one run of the tool in µs; negative when it failed or printed the wrong number of lines.
-// `outputFile` empty: the output is read through a pipe.
-double runTool(const QString& config, int count, const QString& outputFile) {
+double runTool(const QString& config, int count) {
     QProcess process;
     const QStringList arguments{QStringLiteral("poll"),    QStringLiteral("--config"),   config,
                                 QStringLiteral("--json"),  QStringLiteral("--interval"), QStringLiteral("0"),
                                 QStringLiteral("--count"), QString::number(count)};
-    if (!outputFile.isEmpty()) process.setStandardOutputFile(outputFile, QIODevice::Truncate);
     const auto start = std::chrono::steady_clock::now();
     process.start(QStringLiteral(ZELT_MODBUS_PATH), arguments);
     if (!process.waitForFinished(kProcessTimeoutMs)) return -1;
     const double wall = bench::elapsedUs(start);
-    QByteArray output;
-    if (outputFile.isEmpty()) {
-        output = process.readAllStandardOutput();
-    } else {
-        QFile file(outputFile);
-        if (file.open(QIODevice::ReadOnly)) output = file.readAll();
-    }
+    const QByteArray output = process.readAllStandardOutput();
     if (process.exitStatus() != QProcess::NormalExit || process.exitCode() != 0 ||
         output.count('\n') != count) {
         std::fprintf(stderr, "zelt-modbus exited with %d after %d lines: %s\n", process.exitCode(),
@@ -86,9 +76,8 @@ int main(int argc, char** argv) {
     QCoreApplication application(argc, argv);
     const int count = std::max(2, bench::intOption(argc, argv, "--count", kDefaultCount));
     const int runs = bench::intOption(argc, argv, "--runs", kDefaultRuns);
-    const bool pipe = bench::hasFlag(argc, argv, "--pipe");
-    std::printf("cli_bench: %s, %d runs of --count 1 and --count %d, output %s, build type %s\n",
-                ZELT_MODBUS_PATH, runs, count, pipe ? "read through a pipe" : "to a file", ZELT_BUILD_TYPE);
+    std::printf("cli_bench: %s, %d runs of --count 1 and --count %d, build type %s\n", ZELT_MODBUS_PATH, runs,
+                count, ZELT_BUILD_TYPE);
 
     modbus_sim::Simulator simulator;
     QTemporaryDir directory;
@@ -120,9 +109,8 @@ int main(int argc, char** argv) {
     std::vector<double> once;
     std::vector<double> many;
     for (int run = 0; run < runs; ++run) {
-        const QString output = pipe ? QString() : directory.filePath(QStringLiteral("polls.jsonl"));
-        const double first = runTool(config, 1, output);
-        const double all = runTool(config, count, output);
+        const double first = runTool(config, 1);
+        const double all = runTool(config, count);
         if (first < 0 || all < 0) return 1;
         once.push_back(first);
         many.push_back(all);
