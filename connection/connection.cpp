@@ -218,6 +218,26 @@ bool Connection::setResponseTimeout(unsigned int sec, unsigned int usec) {
     return modbus_set_response_timeout(ctx, sec, usec) == 0;
 }
 
+bool Connection::transactFixed(int function, int first, int second, int expectedReplyPdu,
+                               unsigned char* reply) const {
+    unsigned char request[kReadRequestPdu] = {static_cast<unsigned char>(function)};
+    putWord(request + 1, first);
+    putWord(request + 3, second);
+    int error = 0;  // errno carries it too, which the callers report
+    return transact(request, sizeof request, expectedReplyPdu, reply, &error) >= 0;
+}
+
+int Connection::settle(int result, int error, int* err, const char* failureLog) const {
+    if (result >= 0) {
+        setDeviceError(0);
+        return result;
+    }
+    if (plugin && failureLog) plugin->logError(QString::fromLatin1(failureLog).arg(modbus_strerror(error)));
+    *err = error;
+    setDeviceError(error);
+    return result;
+}
+
 int Connection::readBits(RegisterType type, int addr, int count, unsigned char* dest, int* err) const {
     int result = -1;
     if (type == OutputCoil || type == InputCoil) {
@@ -227,12 +247,8 @@ int Connection::readBits(RegisterType type, int addr, int count, unsigned char* 
         } else if (count > MODBUS_MAX_READ_BITS) {
             errno = EMBMDATA;
         } else {
-            unsigned char request[kReadRequestPdu] = {static_cast<unsigned char>(function)};
-            putWord(request + 1, addr);
-            putWord(request + 3, count);
             unsigned char reply[MODBUS_TCP_MAX_ADU_LENGTH];
-            int error = 0;
-            if (transact(request, sizeof request, 2 + bytesForBits(count), reply, &error) >= 0) {
+            if (transactFixed(function, addr, count, 2 + bytesForBits(count), reply)) {
                 for (int i = 0; i < count; ++i)
                     dest[i] = (reply[kFunctionOffset + 2 + i / kBitsPerByte] >> (i % kBitsPerByte)) & 1;
                 result = count;
@@ -243,13 +259,7 @@ int Connection::readBits(RegisterType type, int addr, int count, unsigned char* 
         *err = -1;
     }
     // The non-bit case falls through on purpose: its -1 is replaced by the current errno.
-    if (result < 0) {
-        *err = errno;
-        setDeviceError(errno);
-    } else {
-        setDeviceError(0);
-    }
-    return result;
+    return settle(result, errno, err);
 }
 
 int Connection::readWords(RegisterType type, int addr, int count, unsigned short* dest, int* err) const {
@@ -263,25 +273,15 @@ int Connection::readWords(RegisterType type, int addr, int count, unsigned short
         } else if (count > MODBUS_MAX_READ_REGISTERS) {
             errno = EMBMDATA;
         } else {
-            unsigned char request[kReadRequestPdu] = {static_cast<unsigned char>(function)};
-            putWord(request + 1, addr);
-            putWord(request + 3, count);
             unsigned char reply[MODBUS_TCP_MAX_ADU_LENGTH];
-            int error = 0;
-            if (transact(request, sizeof request, 2 + 2 * count, reply, &error) >= 0) {
+            if (transactFixed(function, addr, count, 2 + 2 * count, reply)) {
                 for (int i = 0; i < count; ++i)
                     dest[i] = static_cast<unsigned short>(wordAt(reply + kFunctionOffset + 2 + 2 * i));
                 result = count;
             }
         }
     }
-    if (result < 0) {
-        *err = errno;
-        setDeviceError(errno);
-    } else {
-        setDeviceError(0);
-    }
-    return result;
+    return settle(result, errno, err);
 }
 
 int Connection::writeBit(int addr, unsigned char value, int* err, bool multiple) const {
@@ -302,22 +302,11 @@ int Connection::writeBit(int addr, unsigned char value, int* err, bool multiple)
         int error = 0;
         if (transact(request, sizeof request, kWriteReplyPdu, reply, &error) >= 0) result = 1;
     } else {
-        unsigned char request[kReadRequestPdu] = {MODBUS_FC_WRITE_SINGLE_COIL};
-        putWord(request + 1, addr);
-        putWord(request + 3, value ? kCoilOn : 0);
         unsigned char reply[MODBUS_TCP_MAX_ADU_LENGTH];
-        int error = 0;
-        if (transact(request, sizeof request, kWriteReplyPdu, reply, &error) >= 0) result = 1;
+        if (transactFixed(MODBUS_FC_WRITE_SINGLE_COIL, addr, value ? kCoilOn : 0, kWriteReplyPdu, reply))
+            result = 1;
     }
-    if (result < 0) {
-        const int error = errno;
-        if (plugin) plugin->logError(QStringLiteral("Could not write bit: %1").arg(modbus_strerror(error)));
-        *err = error;
-        setDeviceError(error);
-    } else {
-        setDeviceError(0);
-    }
-    return result;
+    return settle(result, errno, err, "Could not write bit: %1");
 }
 
 int Connection::writeWord(int addr, unsigned short value, int* err) const {
@@ -325,12 +314,8 @@ int Connection::writeWord(int addr, unsigned short value, int* err) const {
     if (!ctx) {
         errno = EINVAL;
     } else {
-        unsigned char request[kReadRequestPdu] = {MODBUS_FC_WRITE_SINGLE_REGISTER};
-        putWord(request + 1, addr);
-        putWord(request + 3, value);
         unsigned char reply[MODBUS_TCP_MAX_ADU_LENGTH];
-        int error = 0;
-        if (transact(request, sizeof request, kWriteReplyPdu, reply, &error) >= 0) result = 1;
+        if (transactFixed(MODBUS_FC_WRITE_SINGLE_REGISTER, addr, value, kWriteReplyPdu, reply)) result = 1;
     }
     const int error = errno;
     if (plugin)
@@ -338,14 +323,7 @@ int Connection::writeWord(int addr, unsigned short value, int* err) const {
                              .arg(addr)
                              .arg(QString::number(value, 16))
                              .arg(result));
-    if (result < 0) {
-        if (plugin) plugin->logError(QStringLiteral("Could not write word: %1").arg(modbus_strerror(error)));
-        *err = error;
-        setDeviceError(error);
-    } else {
-        setDeviceError(0);
-    }
-    return result;
+    return settle(result, error, err, "Could not write word: %1");
 }
 
 int Connection::writeString(int addr, int count, unsigned short const* words, int* err) const {
@@ -369,15 +347,7 @@ int Connection::writeString(int addr, int count, unsigned short const* words, in
         int error = 0;
         if (transact(request, 6 + 2 * count, kWriteReplyPdu, reply, &error) >= 0) result = count;
     }
-    if (result < 0) {
-        const int error = errno;
-        if (plugin) plugin->logError(QStringLiteral("Could not write words: %1").arg(modbus_strerror(error)));
-        *err = error;
-        setDeviceError(error);
-    } else {
-        setDeviceError(0);
-    }
-    return result;
+    return settle(result, errno, err, "Could not write words: %1");
 }
 
 namespace {

@@ -69,6 +69,12 @@ private:
     // reply's frame length with the reply in `reply`, or -1 with *err set.
     int transact(const unsigned char* pdu, int length, int expectedReplyPdu, unsigned char* reply,
                  int* err) const;
+    // transact for the requests of five bytes: function code and two words (address and quantity or value).
+    // True when the reply came; false with errno set.
+    bool transactFixed(int function, int first, int second, int expectedReplyPdu, unsigned char* reply) const;
+    // The end of every request: `error` (errno as the request failed) into *err and the device error, with
+    // `failureLog` (its %1 the error's text) logged when given; `result` passes through.
+    int settle(int result, int error, int* err, const char* failureLog = nullptr) const;
 
     QByteArray host;
     QByteArray service;
