@@ -4,17 +4,11 @@
 
 #include <gtest/gtest.h>
 
-#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QProcess>
-#include <QTcpServer>
-#include <QTcpSocket>
-#include <QTemporaryDir>
-#include <chrono>
-#include <thread>
 
+#include "tools/pymodbus_server_fixture.h"
 #include "tools/zelt_modbus_runner.h"
 
 namespace {
@@ -22,28 +16,6 @@ namespace {
 using zelt_modbus_test::itemOf;
 using zelt_modbus_test::jsonLines;
 using zelt_modbus_test::runTool;
-
-const QString kPython = QStringLiteral("/usr/bin/python3");
-const QString kServerScript = QStringLiteral(ZELT_SOURCE_DIR "/tests/tools/data/pymodbus_server.py");
-constexpr int kStartAttempts = 200;
-constexpr int kStartRetryMs = 50;
-constexpr int kConnectWaitMs = 200;
-
-uint16_t freeLoopbackPort() {
-    QTcpServer probe;
-    if (!probe.listen(QHostAddress::LocalHost, 0)) return 0;
-    return probe.serverPort();
-}
-
-bool acceptsConnections(uint16_t port) {
-    for (int attempt = 0; attempt < kStartAttempts; ++attempt) {
-        QTcpSocket socket;
-        socket.connectToHost(QHostAddress::LocalHost, port);
-        if (socket.waitForConnected(kConnectWaitMs)) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(kStartRetryMs));
-    }
-    return false;
-}
 
 QJsonObject tableOf(const QJsonObject& map, const QString& table) {
     for (const QJsonValue& value : map.value(QStringLiteral("tables")).toArray())
@@ -58,32 +30,12 @@ QString runsOf(const QJsonObject& table) {
     return runs.join(QLatin1Char(','));
 }
 
-class CommissionPymodbusTest : public ::testing::Test {
+class CommissionPymodbusTest : public pymodbus_test::PymodbusServerTest {
 protected:
-    void SetUp() override {
-        if (!QFileInfo::exists(kPython)) GTEST_SKIP() << "no /usr/bin/python3";
-        ASSERT_TRUE(dir.isValid());
-        const uint16_t number = freeLoopbackPort();
-        ASSERT_NE(number, 0);
-        port = QString::number(number);
-        server.start(kPython, {kServerScript, port});
-        ASSERT_TRUE(server.waitForStarted());
-        ASSERT_TRUE(acceptsConnections(number)) << server.readAllStandardError().toStdString();
-    }
-    void TearDown() override {
-        if (server.state() != QProcess::NotRunning) {
-            server.kill();
-            server.waitForFinished();
-        }
-    }
     QStringList target(const QString& command) const {
         return {command, QStringLiteral("--address"), QStringLiteral("127.0.0.1"), QStringLiteral("--port"),
-                port};
+                QString::number(port)};
     }
-
-    QTemporaryDir dir;
-    QProcess server;
-    QString port;
 };
 
 TEST_F(CommissionPymodbusTest, InspectFindsTheServersValuesInTheirOrder) {

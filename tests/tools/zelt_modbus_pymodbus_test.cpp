@@ -3,16 +3,11 @@
 
 #include <gtest/gtest.h>
 
-#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonObject>
-#include <QProcess>
-#include <QTcpServer>
-#include <QTcpSocket>
-#include <chrono>
 #include <iterator>
-#include <thread>
 
+#include "tools/pymodbus_server_fixture.h"
 #include "tools/zelt_modbus_runner.h"
 
 namespace {
@@ -22,51 +17,7 @@ using zelt_modbus_test::jsonLines;
 using zelt_modbus_test::runTool;
 using zelt_modbus_test::writeFile;
 
-const QString kPython = QStringLiteral("/usr/bin/python3");
-const QString kServerScript = QStringLiteral(ZELT_SOURCE_DIR "/tests/tools/data/pymodbus_server.py");
-// Python needs a moment to import pymodbus; the guard only bounds a server that never comes up.
-constexpr int kStartAttempts = 200;
-constexpr int kStartRetryMs = 50;
-constexpr int kConnectWaitMs = 200;
-
-uint16_t freeLoopbackPort() {
-    QTcpServer probe;
-    if (!probe.listen(QHostAddress::LocalHost, 0)) return 0;
-    return probe.serverPort();
-}
-
-bool acceptsConnections(uint16_t port) {
-    for (int attempt = 0; attempt < kStartAttempts; ++attempt) {
-        QTcpSocket socket;
-        socket.connectToHost(QHostAddress::LocalHost, port);
-        if (socket.waitForConnected(kConnectWaitMs)) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(kStartRetryMs));
-    }
-    return false;
-}
-
-class PymodbusTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        if (!QFileInfo::exists(kPython)) GTEST_SKIP() << "no /usr/bin/python3";
-        ASSERT_TRUE(dir.isValid());
-        port = freeLoopbackPort();
-        ASSERT_NE(port, 0);
-        server.start(kPython, {kServerScript, QString::number(port)});
-        ASSERT_TRUE(server.waitForStarted());
-        ASSERT_TRUE(acceptsConnections(port)) << server.readAllStandardError().toStdString();
-    }
-    void TearDown() override {
-        if (server.state() != QProcess::NotRunning) {
-            server.kill();
-            server.waitForFinished();
-        }
-    }
-
-    QTemporaryDir dir;
-    QProcess server;
-    uint16_t port = 0;
-};
+using PymodbusTest = pymodbus_test::PymodbusServerTest;
 
 TEST_F(PymodbusTest, PollReadsWhatTheServerHolds) {
     const QString path = dir.filePath(QStringLiteral("pymodbus.json"));
