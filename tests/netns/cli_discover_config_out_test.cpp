@@ -7,11 +7,11 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QProcess>
 #include <QTemporaryDir>
 
 #include "tests/common/netns_testbed.h"
 #include "tests/common/program_command.h"
+#include "tests/tools/zelt_modbus_runner.h"
 #include "tools/sim/simulator.h"
 
 namespace {
@@ -19,20 +19,13 @@ namespace {
 using modbus_sim::DeviceIdentification;
 using modbus_sim::Simulator;
 using netns_testbed::Testbed;
+using zelt_modbus_test::ToolRun;
 
 constexpr uint16_t kPort = 1502;
 const char kScannerAddress[] = "10.79.0.1/24";
 const char kMeter[] = "10.79.0.10";  // identifies itself, answers only unit 1
 const char kPlain[] = "10.79.0.11";  // answers only unit 3, without identification
-// Hang guard; the scan and the poll take well under two seconds.
-constexpr int kRunTimeoutMs = 60000;
 constexpr int kPlainUnit = 3;
-
-struct ToolRun {
-    int exitCode = -1;
-    QString out;
-    QString err;
-};
 
 class CliDiscoverConfigOutTest : public ::testing::Test {
 protected:
@@ -63,24 +56,12 @@ protected:
         testbed.destroy();
     }
 
+    // The tool run in the scanner namespace, through the emulator on a cross build.
     ToolRun tool(const QStringList& arguments) {
-        QProcess process;
-        process.start(QStringLiteral("ip"),
-                      QStringList{QStringLiteral("netns"), QStringLiteral("exec"),
-                                  QString::fromStdString(testbed.scannerNamespace)} +
-                          zelt_test::commandFor(QStringLiteral(ZELT_BINARY_DIR "/tools/zelt-modbus")) +
-                          arguments);
-        ToolRun run;
-        if (!process.waitForStarted(kRunTimeoutMs)) return run;
-        if (!process.waitForFinished(kRunTimeoutMs)) {
-            process.kill();
-            process.waitForFinished(kRunTimeoutMs);
-            return run;
-        }
-        run.exitCode = process.exitCode();
-        run.out = QString::fromUtf8(process.readAllStandardOutput());
-        run.err = QString::fromUtf8(process.readAllStandardError());
-        return run;
+        return zelt_modbus_test::runProgram(
+            QStringLiteral("ip"), QStringList{QStringLiteral("netns"), QStringLiteral("exec"),
+                                              QString::fromStdString(testbed.scannerNamespace)} +
+                                      zelt_test::commandFor(zelt_modbus_test::toolPath()) + arguments);
     }
 
     Testbed testbed;

@@ -7,12 +7,12 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QProcess>
 #include <QRegularExpression>
 #include <QTemporaryDir>
 
 #include "tests/common/netns_testbed.h"
 #include "tests/common/program_command.h"
+#include "tests/tools/zelt_modbus_runner.h"
 #include "tools/sim/simulator.h"
 
 namespace {
@@ -20,20 +20,13 @@ namespace {
 using modbus_sim::DeviceIdentification;
 using modbus_sim::Simulator;
 using netns_testbed::Testbed;
+using zelt_modbus_test::ToolRun;
 
 constexpr uint16_t kPort = 1502;
 const char kScannerAddress[] = "10.78.0.1/24";
 const char kMeter[] = "10.78.0.10";    // identifies itself with device-id objects
 const char kPlain[] = "10.78.0.11";    // no identification at all
 const char kNothing[] = "10.78.0.12";  // address assigned, nothing listening
-// Hang guard; the scans below take well under two seconds.
-constexpr int kRunTimeoutMs = 60000;
-
-struct ToolRun {
-    int exitCode = -1;
-    QString out;
-    QString err;
-};
 
 class CliDiscoverTest : public ::testing::Test {
 protected:
@@ -64,24 +57,13 @@ protected:
         testbed.destroy();
     }
 
+    // The tool run in the scanner namespace, through the emulator on a cross build.
     ToolRun discover(const QStringList& arguments) {
-        QProcess process;
-        process.start(QStringLiteral("ip"),
-                      QStringList{QStringLiteral("netns"), QStringLiteral("exec"),
-                                  QString::fromStdString(testbed.scannerNamespace)} +
-                          zelt_test::commandFor(QStringLiteral(ZELT_BINARY_DIR "/tools/zelt-modbus")) +
-                          QStringList{QStringLiteral("discover")} + arguments);
-        ToolRun run;
-        if (!process.waitForStarted(kRunTimeoutMs)) return run;
-        if (!process.waitForFinished(kRunTimeoutMs)) {
-            process.kill();
-            process.waitForFinished(kRunTimeoutMs);
-            return run;
-        }
-        run.exitCode = process.exitCode();
-        run.out = QString::fromUtf8(process.readAllStandardOutput());
-        run.err = QString::fromUtf8(process.readAllStandardError());
-        return run;
+        return zelt_modbus_test::runProgram(QStringLiteral("ip"),
+                                            QStringList{QStringLiteral("netns"), QStringLiteral("exec"),
+                                                        QString::fromStdString(testbed.scannerNamespace)} +
+                                                zelt_test::commandFor(zelt_modbus_test::toolPath()) +
+                                                QStringList{QStringLiteral("discover")} + arguments);
     }
 
     static QJsonObject candidateAt(const QJsonArray& candidates, const QString& address) {
