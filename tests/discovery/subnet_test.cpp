@@ -222,6 +222,26 @@ std::string hostsInPrivateNamespace(const QString& interfaceName, int* status) {
     return output;
 }
 
+// One interface name asked for inside a private namespace, and what the enumeration must give there
+// ("count|first|last|log").
+struct NamespaceRow {
+    const char* wanted;
+    const char* expected;
+};
+
+void expectHostsInPrivateNamespace(std::initializer_list<NamespaceRow> rows) {
+    for (const NamespaceRow& row : rows) {
+        SCOPED_TRACE(row.wanted);
+        int status = -1;
+        const std::string output = hostsInPrivateNamespace(QString::fromLatin1(row.wanted), &status);
+        if (status == 77 || status == 78) {
+            GTEST_SKIP() << "no private network namespace with a veth pair here (" << status << ")";
+        }
+        EXPECT_EQ(status, 0);
+        EXPECT_EQ(output, std::string(row.expected));
+    }
+}
+
 TEST(Ipv4HostsOnInterface, SkipsLoopbackAndUnknownInterfaces) {
     // Listing addresses sends no traffic; on this machine only names that give an empty result are asked for.
     QStringList log;
@@ -234,50 +254,22 @@ TEST(Ipv4HostsOnInterface, SkipsLoopbackAndUnknownInterfaces) {
     if (geteuid() != 0) {
         GTEST_SKIP() << "creating a network namespace needs root";
     }
-    struct Row {
-        const char* wanted;
-        const char* expected;
-    };
-    const Row rows[] = {
+    expectHostsInPrivateNamespace({
         {"lo", "0|||"},
         {"no-such-interface0", "0|||"},
         {"nsv0", "253|192.168.77.1|192.168.77.254|"},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.wanted);
-        int status = -1;
-        const std::string output = hostsInPrivateNamespace(QString::fromLatin1(row.wanted), &status);
-        if (status == 77 || status == 78) {
-            GTEST_SKIP() << "no private network namespace with a veth pair here (" << status << ")";
-        }
-        EXPECT_EQ(status, 0);
-        EXPECT_EQ(output, std::string(row.expected));
-    }
+    });
 }
 
 TEST(Ipv4HostsOnInterface, ListsVethAddressesInAPrivateNamespace) {
     if (geteuid() != 0) {
         GTEST_SKIP() << "creating a network namespace needs root";
     }
-    struct Row {
-        const char* wanted;
-        const char* expected;
-    };
-    const Row rows[] = {
+    expectHostsInPrivateNamespace({
         {"NSV0", "253|192.168.77.1|192.168.77.254|"},
         {"nsv1", "256|10.9.0.1|10.9.1.1|TCP subnet scan is limited to 256 hosts on nsv1"},
         {"", "253|192.168.77.1|192.168.77.254|"},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.wanted);
-        int status = -1;
-        const std::string output = hostsInPrivateNamespace(QString::fromLatin1(row.wanted), &status);
-        if (status == 77 || status == 78) {
-            GTEST_SKIP() << "no private network namespace with a veth pair here (" << status << ")";
-        }
-        EXPECT_EQ(status, 0);
-        EXPECT_EQ(output, std::string(row.expected));
-    }
+    });
 }
 
 }  // namespace
