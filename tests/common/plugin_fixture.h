@@ -1,5 +1,6 @@
 #pragma once
-// A plugin object and one simulated device on loopback, with the stand-in host reset around each test.
+// A plugin object, alone or with one simulated device on loopback, with the stand-in host reset around each
+// test.
 
 #include <gtest/gtest.h>
 
@@ -8,6 +9,17 @@
 #include "tools/standin/standin_host.h"
 
 namespace plugin_test {
+
+class PluginTest : public ::testing::Test {
+protected:
+    void SetUp() override { zelt_standin::Host::instance().reset(); }
+    void TearDown() override {
+        plugin.stopPlugin();
+        zelt_standin::Host::instance().reset();
+    }
+
+    Modbus plugin;
+};
 
 class PluginAndSimulatorTest : public ::testing::Test {
 protected:

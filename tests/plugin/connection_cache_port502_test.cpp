@@ -3,28 +3,19 @@
 #include <gtest/gtest.h>
 
 #include "common/plugin_batch.h"
+#include "common/plugin_fixture.h"
 #include "plugin/modbus.h"
 #include "tools/sim/simulator.h"
 #include "tools/standin/standin_host.h"
 
 using plugin_test::makeDevice;
 using plugin_test::waitUntil;
-using zelt_standin::Host;
 
 namespace {
 
 constexpr uint16_t kModbusPort = 502;
 
-class ConnectionCacheTest : public ::testing::Test {
-protected:
-    void SetUp() override { Host::instance().reset(); }
-    void TearDown() override {
-        plugin.stopPlugin();
-        Host::instance().reset();
-    }
-
-    Modbus plugin;
-};
+using ConnectionCacheTest = plugin_test::PluginTest;
 
 }  // namespace
 

@@ -4,6 +4,7 @@
 
 #include "common/held_log_line.h"
 #include "common/plugin_batch.h"
+#include "common/plugin_fixture.h"
 #include "plugin/modbus.h"
 #include "tools/sim/simulator.h"
 #include "tools/standin/standin_host.h"
@@ -13,7 +14,6 @@ using plugin_test::makeDevice;
 using plugin_test::makeItem;
 using plugin_test::waitUntil;
 using test_support::HeldLogLine;
-using zelt_standin::Host;
 
 namespace {
 
@@ -32,14 +32,8 @@ bool overlap(const Interval& a, const Interval& b) {
     return a.start < b.end && b.start < a.end;
 }
 
-class ConnectionCacheTest : public ::testing::Test {
+class ConnectionCacheTest : public plugin_test::PluginTest {
 protected:
-    void SetUp() override { Host::instance().reset(); }
-    void TearDown() override {
-        plugin.stopPlugin();
-        Host::instance().reset();
-    }
-
     // Every read of holding registers answered after a pause, so that a poll holds its device for a while.
     static void slowReads(modbus_sim::Simulator& sim) {
         modbus_sim::FaultRule delay;
@@ -58,8 +52,6 @@ protected:
         interval.end = Clock::now();
         return interval;
     }
-
-    Modbus plugin;
 };
 
 }  // namespace
