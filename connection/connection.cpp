@@ -12,7 +12,9 @@
 
 #include <chrono>
 #include <cstring>
+#include <thread>
 
+#include "connection/request_discipline.h"
 #include "host/plugin_interface.h"
 
 namespace {
@@ -37,6 +39,12 @@ constexpr int kWriteReplyPdu = 5;      // function code, address, value or quant
 constexpr int kBitsPerByte = 8;
 constexpr unsigned short kCoilOn = 0xFF00;
 constexpr int kFlushChunk = MODBUS_TCP_MAX_ADU_LENGTH;
+// An answer numbered up to this many requests before the current one is a late answer to a request that
+// timed out; anything else with a wrong number is a bad frame.
+constexpr int kLateAnswerWindow = 1024;
+constexpr int kTransactionIdSpace = 65536;
+constexpr int kMicrosecondsPerMs = 1000;
+constexpr int kMsPerSecond = 1000;
 
 void putWord(unsigned char* at, int value) {
     at[0] = static_cast<unsigned char>((value >> 8) & 0xFF);
@@ -49,6 +57,29 @@ int wordAt(const unsigned char* at) {
 
 int bytesForBits(int count) {
     return count / kBitsPerByte + (count % kBitsPerByte ? 1 : 0);
+}
+
+// What follows the function code of an answer to a standard request, sized as libmodbus sizes it: a fixed
+// part known from the function code, then, for reads, as many bytes as its byte count says. The MBAP length
+// field is not read, so an answer libmodbus takes is taken here too.
+int confirmationMetaLength(int function) {
+    switch (function) {
+        case MODBUS_FC_WRITE_SINGLE_COIL:
+        case MODBUS_FC_WRITE_SINGLE_REGISTER:
+        case MODBUS_FC_WRITE_MULTIPLE_COILS:
+        case MODBUS_FC_WRITE_MULTIPLE_REGISTERS:
+            return 4;  // address and value or quantity
+        case MODBUS_FC_MASK_WRITE_REGISTER:
+            return 6;  // address, and mask, or mask
+        default:
+            return 1;  // byte count, or the exception code
+    }
+}
+
+int confirmationDataLength(int function, int byteCount) {
+    if (function <= MODBUS_FC_READ_INPUT_REGISTERS || function == MODBUS_FC_WRITE_AND_READ_REGISTERS)
+        return byteCount;
+    return 0;
 }
 
 void setBoth(int* err, int error) {
@@ -65,6 +96,10 @@ Connection::Connection(Network const& net, PluginInterface* pluginInterface, int
     service = QByteArray::number(net.port);
     ctx = modbus_new_tcp_pi(host.constData(), service.constData());
     if (!ctx) return;
+    connectTimeoutMs = net.connectTimeoutMs;
+    requestPauseMs = net.requestPauseMs;
+    modbus_set_response_timeout(ctx, static_cast<uint32_t>(net.responseTimeoutMs / kMsPerSecond),
+                                static_cast<uint32_t>(net.responseTimeoutMs % kMsPerSecond * kMicrosecondsPerMs));
     connected = connect(net.serverId, err) == 0;
 }
 
@@ -83,6 +118,9 @@ Connection& Connection::operator=(Connection&& other) noexcept {
     std::swap(host, other.host);
     std::swap(service, other.service);
     std::swap(transactionId, other.transactionId);
+    std::swap(connectTimeoutMs, other.connectTimeoutMs);
+    std::swap(requestPauseMs, other.requestPauseMs);
+    std::swap(lastExchange, other.lastExchange);
     return *this;
 }
 
@@ -109,7 +147,14 @@ int Connection::connect(int slave, int* err) {
         return -1;
     }
     connected = true;
+    lastExchange = std::chrono::steady_clock::now();
     return 0;
+}
+
+bool Connection::setSlave(int unit) {
+    if (!ctx || modbus_set_slave(ctx, unit) == -1) return false;
+    slaveId = unit;
+    return true;
 }
 
 // libmodbus's own connect waits in select(), which aborts the process for a descriptor at or above
@@ -124,10 +169,7 @@ int Connection::connectSocket(int* err) const {
         setBoth(err, ECONNREFUSED);
         return -1;
     }
-    uint32_t sec = 0;
-    uint32_t usec = 0;
-    modbus_get_response_timeout(ctx, &sec, &usec);
-    const auto budget = std::chrono::seconds(sec) + std::chrono::microseconds(usec);
+    const auto budget = std::chrono::milliseconds(connectTimeoutMs);
     int error = ECONNREFUSED;
     int connectedSocket = -1;
     for (addrinfo* address = addresses; address && connectedSocket < 0; address = address->ai_next) {
@@ -166,7 +208,8 @@ int Connection::connectSocket(int* err) const {
                     connectedSocket = socket;
                     break;
                 }
-                error = ECONNREFUSED;
+                // The socket's own error: an unreachable host must not read as a refused connection.
+                error = socketError != 0 ? socketError : ECONNREFUSED;
             } else if (ready < 0) {
                 error = errno;
             }
@@ -388,6 +431,7 @@ int Connection::sendFrame(const unsigned char* adu, int length, int* err) const 
     frame[5] = static_cast<unsigned char>(length & 0xFF);
     std::memcpy(frame + kMbapPrefixLength, adu, length);
 
+    waitForRequestPause();
     const int socket = modbus_get_socket(ctx);
     const auto deadline = responseDeadline(ctx);
     const int total = kMbapPrefixLength + length;
@@ -407,11 +451,40 @@ int Connection::sendFrame(const unsigned char* adu, int length, int* err) const 
 
 // libmodbus sizes a confirmation by its function code and returns only two bytes of an FC 43 answer, leaving
 // the rest in the socket. Reading the frame by its MBAP length keeps the stream aligned for the next request.
-int Connection::receiveFrame(unsigned char* frame, int capacity, int* err) const {
-    const int socket = modbus_get_socket(ctx);
+void Connection::waitForRequestPause() const {
+    if (requestPauseMs <= 0) return;
+    std::this_thread::sleep_until(lastExchange + std::chrono::milliseconds(requestPauseMs));
+}
+
+int Connection::receiveAnswer(unsigned short sentId, unsigned char* frame, int capacity, FrameSize size,
+                              int* err) const {
     const auto deadline = responseDeadline(ctx);
+    for (;;) {
+        const int received = receiveFrame(frame, capacity, deadline, size, err);
+        if (received < 0) return received;
+        const int behind = (sentId - wordAt(frame) + kTransactionIdSpace) % kTransactionIdSpace;
+        if (behind == 0 || behind > kLateAnswerWindow) {
+            lastExchange = std::chrono::steady_clock::now();
+            return received;
+        }
+        if (plugin)
+            plugin->logDebug(QStringLiteral("Dropped a late answer to request %1 while waiting for request %2")
+                                 .arg(wordAt(frame))
+                                 .arg(sentId));
+    }
+}
+
+int Connection::receiveFrame(unsigned char* frame, int capacity, std::chrono::steady_clock::time_point deadline,
+                             FrameSize size, int* err) const {
+    const int socket = modbus_get_socket(ctx);
+    uint32_t byteSec = 0;
+    uint32_t byteUsec = 0;
+    modbus_get_byte_timeout(ctx, &byteSec, &byteUsec);
+    const auto byteTimeout = std::chrono::seconds(byteSec) + std::chrono::microseconds(byteUsec);
     int received = 0;
-    int wanted = kMbapHeaderLength;
+    int wanted = size == FrameSize::ByFunction ? kFunctionOffset + 1 : kMbapHeaderLength;
+    bool sized = false;
+    bool metaRead = false;
     while (received < wanted) {
         if (!waitForSocket(socket, POLLIN, deadline, err)) return -1;
         const ssize_t count = ::recv(socket, frame + received, wanted - received, 0);
@@ -425,7 +498,10 @@ int Connection::receiveFrame(unsigned char* frame, int capacity, int* err) const
             return -1;
         }
         received += static_cast<int>(count);
-        if (wanted == kMbapHeaderLength && received >= kMbapHeaderLength) {
+        // Like libmodbus, once an answer has begun each further byte gets the byte time-out of its own.
+        if (byteTimeout.count() > 0) deadline = std::chrono::steady_clock::now() + byteTimeout;
+        if (received < wanted) continue;
+        if (size == FrameSize::ByMbapLength && !sized) {
             const int lengthField = (frame[kMbapLengthFieldOffset] << 8) | frame[kMbapLengthFieldOffset + 1];
             if (lengthField < kMinMbapLengthField || lengthField > kMaxMbapLengthField ||
                 kMbapPrefixLength + lengthField > capacity) {
@@ -433,6 +509,17 @@ int Connection::receiveFrame(unsigned char* frame, int capacity, int* err) const
                 return -1;
             }
             wanted = kMbapPrefixLength + lengthField;
+            sized = true;
+        } else if (size == FrameSize::ByFunction && !sized) {
+            wanted += confirmationMetaLength(frame[kFunctionOffset]);
+            sized = true;
+        } else if (size == FrameSize::ByFunction && !metaRead) {
+            wanted += confirmationDataLength(frame[kFunctionOffset], frame[kFunctionOffset + 1]);
+            metaRead = true;
+        }
+        if (wanted > capacity) {
+            *err = EMBBADDATA;
+            return -1;
         }
     }
     return received;
@@ -462,7 +549,8 @@ int Connection::exchangePdu(QByteArray const& request, QByteArray* response, int
 
     unsigned char reply[MODBUS_TCP_MAX_ADU_LENGTH];
     int receiveError = 0;
-    const int received = receiveFrame(reply, sizeof reply, &receiveError);
+    const int received =
+        receiveAnswer(transactionId, reply, sizeof reply, FrameSize::ByMbapLength, &receiveError);
     if (received < 0) return fail(receiveError);
 
     const int header = modbus_get_header_length(ctx);
@@ -486,13 +574,14 @@ int Connection::transact(const unsigned char* pdu, int length, int expectedReply
         return -1;
     }
     const unsigned short sentId = transactionId;
-    const int received = receiveFrame(reply, MODBUS_TCP_MAX_ADU_LENGTH, &error);
+    const int received = receiveAnswer(sentId, reply, MODBUS_TCP_MAX_ADU_LENGTH, FrameSize::ByFunction, &error);
     if (received < 0) {
         setBoth(err, error);
         return -1;
     }
     // The checks of a libmodbus confirmation, with the same error codes.
-    if (wordAt(reply) != sentId || wordAt(reply + 2) != 0) {
+    // libmodbus 3.1.6 refuses a protocol id only when both of its bytes are set; so does this.
+    if (wordAt(reply) != sentId || (reply[2] != 0 && reply[3] != 0)) {
         setBoth(err, EMBBADDATA);
         return -1;
     }
@@ -537,8 +626,7 @@ QString Connection::errToStr(int code) const {
 
 bool Connection::setDeviceError(int code) const {
     // Item-level exceptions (illegal address, value, ...) must not mark the whole device faulty.
-    const bool deviceLevel = code < MODBUS_ENOBASE || code == EMBXSFAIL || code == EMBXSBUSY ||
-                             code == EMBXGPATH || code == EMBXGTAR;
+    const bool deviceLevel = request_discipline::isDeviceLevel(code);
     if (deviceLevel) deviceError = code;
     return deviceLevel;
 }

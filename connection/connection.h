@@ -6,6 +6,7 @@
 
 #include <QByteArray>
 #include <QString>
+#include <chrono>
 
 #include "connection/register_type.h"
 
@@ -19,12 +20,17 @@ public:
         QString host;
         int port = 502;
         int serverId = 1;
+        int connectTimeoutMs = kDefaultTimeoutMs;
+        int responseTimeoutMs = kDefaultTimeoutMs;
+        int requestPauseMs = 0;
     };
     // The serial variant is an empty shell: nothing builds a serial context.
     struct Serial {};
 
     // The most registers one FC 3 / FC 4 request may ask for (Modbus application protocol, 6.3 and 6.4).
     static constexpr unsigned char max_read_registers = 125;
+    // libmodbus's own default response time-out, also used for connecting unless a device sets its own.
+    static constexpr int kDefaultTimeoutMs = 500;
 
     Connection() = default;
     Connection(Network const& net, PluginInterface* plugin, int* err);
@@ -43,6 +49,12 @@ public:
     bool isConnected() const { return connected; }
     void setConnected(bool value) { connected = value; }
     int slave() const { return slaveId; }
+    // Addresses the following requests to `unit`: units behind one gateway share a connection.
+    bool setSlave(int unit);
+    // Waits this long before a request after an answer or a new connection: some devices and gateways drop
+    // requests that come sooner.
+    void setRequestPause(int ms) { requestPauseMs = ms; }
+    void setConnectTimeout(int ms) { connectTimeoutMs = ms; }
     void flush();
 
     bool getResponseTimeout(unsigned int* sec, unsigned int* usec) const;
@@ -64,7 +76,16 @@ public:
 private:
     int connectSocket(int* err) const;
     int sendFrame(const unsigned char* adu, int length, int* err) const;
-    int receiveFrame(unsigned char* frame, int capacity, int* err) const;
+    // An answer to a standard request is sized by its function code, as libmodbus sizes it; any other answer
+    // by its MBAP length field.
+    enum class FrameSize { ByFunction, ByMbapLength };
+    int receiveFrame(unsigned char* frame, int capacity, std::chrono::steady_clock::time_point deadline,
+                     FrameSize size, int* err) const;
+    // Receives the answer to the request numbered `sentId`, dropping answers to earlier requests that came
+    // late.
+    int receiveAnswer(unsigned short sentId, unsigned char* frame, int capacity, FrameSize size,
+                      int* err) const;
+    void waitForRequestPause() const;
     // Sends a standard request PDU and checks the reply the way libmodbus checks a confirmation; returns the
     // reply's frame length with the reply in `reply`, or -1 with *err set.
     int transact(const unsigned char* pdu, int length, int expectedReplyPdu, unsigned char* reply,
@@ -79,6 +100,10 @@ private:
     QByteArray host;
     QByteArray service;
     mutable unsigned short transactionId = 0;
+    int connectTimeoutMs = kDefaultTimeoutMs;
+    int requestPauseMs = 0;
+    // When the last answer came or the connection was made: the request pause counts from there.
+    mutable std::chrono::steady_clock::time_point lastExchange{};
 
     mutable int deviceError = 0;
     bool connected = false;

@@ -1,8 +1,29 @@
+#include <QStringBuilder>
+
 #include "plugin/modbus.h"
+#include "plugin/setting_keys.h"
 
 namespace {
 constexpr quint16 kDefaultPort = 502;
 constexpr int kFirstUnitId = 1;  // unit 0 is the broadcast id; polling never addresses it
+
+quint16 devicePort(DeviceInstancePlugin const& device) {
+    const quint16 port = device.settings.value(QStringLiteral("port")).toUShort();
+    return port == 0 ? kDefaultPort : port;
+}
+
+// Units behind one gateway name the same address and port; a device that wants its own connection gets a
+// key no other device has.
+QString endpointKey(int deviceId, QString const& address, quint16 port, bool shared) {
+    if (!shared) return QStringLiteral("device:") % QString::number(deviceId);
+    return QStringLiteral("tcp:") % address % QLatin1Char(':') % QString::number(port);
+}
+
+void closeUnused(std::shared_ptr<Modbus::TcpDeviceConnection> const& unused) {
+    if (!unused) return;
+    std::lock_guard<std::mutex> lock(unused->mutex);
+    unused->connection.disconnect();
+}
 }  // namespace
 
 std::shared_ptr<Modbus::TcpDeviceConnection> Modbus::tcpDeviceConnection(int deviceId, bool* stoppingOut) {
@@ -13,20 +34,72 @@ std::shared_ptr<Modbus::TcpDeviceConnection> Modbus::tcpDeviceConnection(int dev
     }
     if (stoppingOut) *stoppingOut = false;
     std::shared_ptr<TcpDeviceConnection>& entry = connections[deviceId];
-    if (!entry) entry = std::make_shared<TcpDeviceConnection>();
+    if (!entry) {
+        entry = std::make_shared<TcpDeviceConnection>();
+        entry->key = endpointKey(deviceId, QString(), 0, false);
+        endpoints.insert(entry->key, entry);
+    }
     return entry;
 }
 
+std::shared_ptr<Modbus::TcpDeviceConnection> Modbus::tcpDeviceConnection(DeviceInstancePlugin const& device,
+                                                                          DeviceOptions const& options,
+                                                                          bool* stoppingOut) {
+    const QString key = endpointKey(device.id, device.address, devicePort(device), options.shareConnection);
+    std::shared_ptr<TcpDeviceConnection> unused;
+    std::shared_ptr<TcpDeviceConnection> bound;
+    {
+        std::lock_guard<std::mutex> lock(connectionsMutex);
+        if (stopping) {
+            if (stoppingOut) *stoppingOut = true;
+            return {};
+        }
+        if (stoppingOut) *stoppingOut = false;
+        std::shared_ptr<TcpDeviceConnection>& entry = connections[device.id];
+        if (entry && entry->key == key) return entry;
+        // First use, or the device's address, port or sharing changed: bind it to the connection for its key.
+        std::shared_ptr<TcpDeviceConnection> previous = entry;
+        std::shared_ptr<TcpDeviceConnection>& shared = endpoints[key];
+        if (!shared) {
+            shared = std::make_shared<TcpDeviceConnection>();
+            shared->key = key;
+        }
+        entry = shared;
+        bound = shared;
+        if (previous) {
+            const bool stillUsed = std::any_of(connections.cbegin(), connections.cend(),
+                                               [&previous](auto const& other) { return other.second == previous; });
+            if (!stillUsed) {
+                endpoints.remove(previous->key);
+                unused = previous;
+            }
+        }
+    }
+    // A connection nobody polls any more would stay open for ever; it is closed outside the cache lock.
+    closeUnused(unused);
+    return bound;
+}
+
+std::shared_ptr<Modbus::DeviceState> Modbus::deviceState(int deviceId) {
+    std::lock_guard<std::mutex> lock(connectionsMutex);
+    if (stopping) return {};
+    std::shared_ptr<DeviceState>& state = deviceStates[deviceId];
+    if (!state) state = std::make_shared<DeviceState>();
+    return state;
+}
+
 Connection Modbus::makeConnection(DeviceInstancePlugin& device, int* error) {
-    quint16 port = device.settings.value(QStringLiteral("port")).toUShort();
-    if (port == 0) port = kDefaultPort;
     int serverId = device.settings.value(QStringLiteral("server_id")).toInt();
     if (serverId < kFirstUnitId) serverId = kFirstUnitId;
+    const DeviceOptions options = deviceOptions(device.settings);
 
     Connection::Network network;
     network.host = device.address;
-    network.port = port;
+    network.port = devicePort(device);
     network.serverId = serverId;
+    network.connectTimeoutMs = options.connectTimeoutMs;
+    network.responseTimeoutMs = options.responseTimeoutMs;
+    network.requestPauseMs = options.requestPauseMs;
     return Connection(network, &pluginInterface, error);
 }
 
@@ -35,10 +108,13 @@ bool Modbus::stopPlugin() {
     {
         std::lock_guard<std::mutex> lock(connectionsMutex);
         stopping = true;
-        entries.reserve(connections.size());
-        for (auto& entry : connections)
-            if (entry.second) entries.push_back(entry.second);
+        entries.reserve(static_cast<size_t>(endpoints.size()));
+        for (auto const& entry : endpoints)
+            if (entry) entries.push_back(entry);
         connections.clear();
+        endpoints.clear();
+        // Back-off, learned state and counters start over with the next run.
+        deviceStates.clear();
     }
     // Never wait for a device while holding the cache lock: a poll holding the device waits for nobody.
     for (auto& entry : entries) {

@@ -1,10 +1,12 @@
 #pragma once
 // The plugin object the host loads: declares the configuration, polls and writes items over Modbus TCP.
 
+#include <QHash>
 #include <QMap>
 #include <QObject>
 #include <QSet>
 #include <QString>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <unordered_map>
@@ -15,6 +17,9 @@
 #include "host/plugin_interface.h"
 #include "host/records.h"
 #include "host/zelt_interface.h"
+#include "plugin/backoff.h"
+#include "plugin/device_health.h"
+#include "plugin/device_options.h"
 #include "plugin/read_entry.h"
 
 class Modbus : public QObject, public ZeltInterface {
@@ -23,16 +28,33 @@ class Modbus : public QObject, public ZeltInterface {
     Q_INTERFACES(ZeltInterface)
 
 public:
+    // One TCP connection. Devices with the same address and port (units behind one gateway) share one, so
+    // that a gateway that allows few connections serves them all; its mutex lets one poll or write at a time
+    // use it.
     struct TcpDeviceConnection {
         Connection connection;
         std::mutex mutex;
-        // Guarded by the mutex: the last poll's parsed items by batch position, and the read list's buffer.
+        // Guarded by connectionsMutex: the address and port (or the one device) this connection is for.
+        QString key;
+        // Guarded by the mutex: whether each device using the connection wants it kept between batches, and
+        // how often it was opened (so that each device counts the connections it used).
+        std::map<int, bool> keepOpen;
+        quint64 generation = 0;
+    };
+    // What the plugin keeps of one device between its polls; its mutex is held for a whole poll or write.
+    struct DeviceState {
+        std::mutex mutex;
+        // The last poll's parsed items by batch position, and the read list's buffer.
         std::vector<ParsedItem> parsedItems;
         std::vector<ReadEntry> readList;
         // The batch positions of the last sorted read list, in its order, and the batch size they belong to.
         std::vector<unsigned int> sortedSlots;
         size_t sortedBatchSize = 0;
         bool sortedSlotsValid = false;
+        Backoff backoff;
+        DeviceHealth health;
+        // The connection generation this device last used.
+        quint64 seenGeneration = 0;
     };
     using DataItemIterator = std::vector<DataItem*>::iterator;
 
@@ -53,6 +75,12 @@ public:
 
     // Connection cache.
     std::shared_ptr<TcpDeviceConnection> tcpDeviceConnection(int deviceId, bool* stopping);
+    // The connection the device uses under its settings: shared by address and port unless it asks for its
+    // own. Empty while the plugin is stopping.
+    std::shared_ptr<TcpDeviceConnection> tcpDeviceConnection(DeviceInstancePlugin const& device,
+                                                             DeviceOptions const& options, bool* stopping);
+    // The device's kept state, created on first use; empty while the plugin is stopping.
+    std::shared_ptr<DeviceState> deviceState(int deviceId);
     Connection makeConnection(DeviceInstancePlugin& device, int* error);
 
     // Poll cycle.
@@ -90,11 +118,16 @@ public:
 
 private:
     bool readBatch(LogList* list);
+    // Closes the connection after a batch unless a device using it keeps it open.
+    void keepOrClose(TcpDeviceConnection& entry, DeviceInstancePlugin const& device);
 
     PluginInterface pluginInterface;
     std::mutex connectionsMutex;
     bool stopping;
     std::unordered_map<int, std::shared_ptr<TcpDeviceConnection>> connections;
+    // Guarded by connectionsMutex too: the connections by address and port, and each device's kept state.
+    QHash<QString, std::shared_ptr<TcpDeviceConnection>> endpoints;
+    std::unordered_map<int, std::shared_ptr<DeviceState>> deviceStates;
     std::mutex identityMutex;
     QSet<int> identityProbed;
     QMap<int, QMap<QString, QString>> identityValues;

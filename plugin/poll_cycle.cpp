@@ -1,6 +1,7 @@
 #include <modbus.h>
 
 #include <algorithm>
+#include <chrono>
 #include <climits>
 #include <exception>
 
@@ -8,6 +9,7 @@
 #include "plugin/modbus.h"
 #include "plugin/modbus_identity_specs.h"
 #include "plugin/read_entry.h"
+#include "plugin/request_runner.h"
 #include "plugin/setting_keys.h"
 
 namespace {
@@ -35,10 +37,19 @@ bool byTableAndOffset(const ReadEntry& a, const ReadEntry& b) {
     return a.offset < b.offset;
 }
 
-ReadEntryIterator readEntries(Modbus& plugin, Connection& connection, ReadEntryIterator first,
-                              ReadEntryIterator last, bool littleEndian, bool byteSwapped,
-                              bool stringLittleEndian, bool stringByteSwapped,
-                              unsigned char maxReadRegisters);
+const QString kInvalidRegisterAddress = QStringLiteral("Invalid register address");
+
+struct ByteOrders {
+    bool littleEndian;
+    bool byteSwapped;
+    bool stringLittleEndian;
+    bool stringByteSwapped;
+};
+
+// Reads [first, last) of one table; `runner` is null when a caller drives the connection itself. True when
+// every request was answered.
+bool readEntries(Modbus& plugin, Connection& connection, RequestRunner* runner, ReadEntryIterator first,
+                 ReadEntryIterator last, ByteOrders const& orders, unsigned char maxReadRegisters);
 
 QString flagText(bool flag) {
     return flag ? QStringLiteral("1") : QStringLiteral("0");
@@ -64,15 +75,16 @@ bool Modbus::readBatch(LogList* list) {
     writeLogDebug(QStringLiteral("Going to read ") + QString::number(batchSize) + QStringLiteral(" from ") +
                   device.name);
 
-    std::shared_ptr<TcpDeviceConnection> entry = tcpDeviceConnection(device.id, nullptr);
-    if (!entry) return false;
-    std::lock_guard<std::mutex> deviceLock(entry->mutex);
+    std::shared_ptr<DeviceState> state = deviceState(device.id);
+    if (!state) return false;
+    std::lock_guard<std::mutex> deviceLock(state->mutex);
+    const DeviceOptions options = deviceOptions(device.settings);
 
     // Each item's settings are parsed at most once per poll (not at all while they are unchanged since the
     // last one); sorting and splitting work on the parsed fields.
-    std::vector<ParsedItem>& parsedItems = entry->parsedItems;
+    std::vector<ParsedItem>& parsedItems = state->parsedItems;
     parsedItems.resize(static_cast<size_t>(list->dataItems.size()));
-    std::vector<ReadEntry>& readList = entry->readList;
+    std::vector<ReadEntry>& readList = state->readList;
     readList.clear();
     bool hasNullEntry = false;
     bool reparsedAny = false;
@@ -90,19 +102,24 @@ bool Modbus::readBatch(LogList* list) {
 
     // While every item of the batch is parsed as it was, sorting the same keys again gives the last order.
     // A batch with null entries is sorted anew each time.
-    std::vector<unsigned int>& sortedSlots = entry->sortedSlots;
-    if (entry->sortedSlotsValid && !hasNullEntry && !reparsedAny &&
-        entry->sortedBatchSize == parsedItems.size() && sortedSlots.size() == readList.size()) {
+    std::vector<unsigned int>& sortedSlots = state->sortedSlots;
+    if (state->sortedSlotsValid && !hasNullEntry && !reparsedAny &&
+        state->sortedBatchSize == parsedItems.size() && sortedSlots.size() == readList.size()) {
         for (size_t i = 0; i < readList.size(); ++i) readList[i] = parsedItems[sortedSlots[i]].entry;
     } else {
         std::sort(readList.begin(), readList.end(), byTableAndOffset);
         sortedSlots.clear();
         for (const ReadEntry& sorted : readList) sortedSlots.push_back(sorted.slot);
-        entry->sortedBatchSize = parsedItems.size();
-        entry->sortedSlotsValid = !hasNullEntry;
+        state->sortedBatchSize = parsedItems.size();
+        state->sortedSlotsValid = !hasNullEntry;
     }
+    // A typo in an address must show on the item, not leave it silently unread.
     readList.erase(std::remove_if(readList.begin(), readList.end(),
-                                  [](const ReadEntry& readEntry) { return readEntry.offset < 0; }),
+                                  [](const ReadEntry& readEntry) {
+                                      if (readEntry.offset >= 0) return false;
+                                      readEntry.dataItem->item.setLastError(kInvalidRegisterAddress);
+                                      return true;
+                                  }),
                    readList.end());
     // An address beyond the 16-bit space would wrap around to another register on the device.
     readList.erase(std::remove_if(readList.begin(), readList.end(),
@@ -114,83 +131,81 @@ bool Modbus::readBatch(LogList* list) {
                                   }),
                    readList.end());
 
-    Connection& connection = entry->connection;
-
-    if (!connection.isConnected()) {
-        int error = 0;
-        connection = makeConnection(device, &error);
-        if (!connection) {
-            writeLogDebug(QStringLiteral("Could not connect to ") + device.address + QStringLiteral(". ") +
-                          connection.errToStr(error));
-            device.lastError = QStringLiteral("Could not connect. ") + connection.errToStr(error);
-            connection.setConnected(false);
-            return false;
-        }
+    // A device that cannot be reached is left alone until its pause has passed: a poll then costs nothing.
+    const qint64 pollStartMs = Backoff::clockMs();
+    if (state->backoff.paused(pollStartMs)) {
+        device.lastError = state->backoff.pausedText(pollStartMs);
+        return false;
     }
 
-    syncDeviceIdentity(connection, device.id, list);
+    std::shared_ptr<TcpDeviceConnection> entry = tcpDeviceConnection(device, options, nullptr);
+    if (!entry) return false;
+    std::lock_guard<std::mutex> connectionLock(entry->mutex);
+    RequestRunner runner(*this, *entry, *state, device, options);
+
+    int error = 0;
+    if (!runner.ensureConnected(&error)) {
+        Connection& failedConnection = entry->connection;
+        writeLogDebug(QStringLiteral("Could not connect to ") + device.address + QStringLiteral(". ") +
+                      failedConnection.errToStr(error));
+        device.lastError = QStringLiteral("Could not connect. ") + failedConnection.errToStr(error);
+        state->backoff.connectFailed(Backoff::clockMs(), options.backoffMaxMs, device.lastError);
+        return false;
+    }
+
+    syncDeviceIdentity(entry->connection, device.id, list);
 
     // The host stores the limit as text; narrowing it to 8 bits is part of the stored behaviour.
     const auto maxRead = static_cast<unsigned char>(
         setting_keys::settingText(device.settings, setting_keys::kMaxReadRegisters).toInt());
-    const bool littleEndian = isLittleEndian(device);
-    const bool byteSwapped = isByteSwapped(device);
-    const bool stringLittleEndian = isStringLittleEndian(device);
-    const bool stringByteSwapped = isStringByteSwapped(device);
+    const ByteOrders orders{isLittleEndian(device), isByteSwapped(device), isStringLittleEndian(device),
+                            isStringByteSwapped(device)};
     for (auto runStart = readList.begin(); runStart != readList.end();) {
         const RegisterType table = runStart->table;
         auto runEnd = std::find_if(runStart, readList.end(),
                                    [table](const ReadEntry& entry) { return entry.table != table; });
-        readEntries(*this, connection, runStart, runEnd, littleEndian, byteSwapped, stringLittleEndian,
-                    stringByteSwapped, maxRead);
+        readEntries(*this, entry->connection, &runner, runStart, runEnd, orders, maxRead);
         runStart = runEnd;
     }
 
-    const int deviceError = connection.getDeviceError();
-    if (deviceError > 0) {
-        // Left open on purpose: the device answered, it reported a fault.
-        device.lastError = connection.errToStr(deviceError);
+    const int deviceError = runner.deviceError();
+    if (runner.connectFailed()) {
+        state->backoff.connectFailed(Backoff::clockMs(), options.backoffMaxMs,
+                                     QStringLiteral("Could not connect. ") +
+                                         entry->connection.errToStr(runner.lastConnectError()));
+    } else {
+        state->backoff.pollEnded(Backoff::clockMs(), options.backoffMaxMs, runner.allTimedOut(),
+                                 entry->connection.errToStr(deviceError));
+    }
+    if (deviceError != 0) {
+        // Left open on purpose: the device answered, it reported a fault (a transport failure has closed it).
+        device.lastError = entry->connection.errToStr(deviceError);
         return false;
     }
     writeLogDebug(QStringLiteral("Done reading ") + QString::number(batchSize) + QStringLiteral(" from ") +
                   device.name);
-    if (setting_keys::settingText(device.settings, setting_keys::kPersistentConnection).toInt() == 0)
-        connection.disconnect();
+    keepOrClose(*entry, device);
     return true;
+}
+
+void Modbus::keepOrClose(TcpDeviceConnection& entry, DeviceInstancePlugin const& device) {
+    // A shared connection stays open while any device using it wants it kept.
+    entry.keepOpen[device.id] =
+        setting_keys::settingText(device.settings, setting_keys::kPersistentConnection).toInt() != 0;
+    const bool anyKeeps = std::any_of(entry.keepOpen.cbegin(), entry.keepOpen.cend(),
+                                      [](auto const& keep) { return keep.second; });
+    if (!anyKeeps) entry.connection.disconnect();
 }
 
 namespace {
 
-ReadEntryIterator readEntries(Modbus& plugin, Connection& connection, ReadEntryIterator first,
-                              ReadEntryIterator last, bool littleEndian, bool byteSwapped,
-                              bool stringLittleEndian, bool stringByteSwapped,
-                              unsigned char maxReadRegisters) {
-    if (first == last) return first;
-    const unsigned char limit = readLimit(maxReadRegisters);
-
+// One request: the block from `startAddress` covering [first, last). A failed request fails only its own items.
+bool readRequest(Modbus& plugin, Connection& connection, RequestRunner* runner, ReadEntryIterator first,
+                 ReadEntryIterator last, int startAddress, int count, ByteOrders const& orders,
+                 unsigned char limit) {
     const ReadEntry& firstEntry = *first;
-    const ReadEntry& lastEntry = *(last - 1);
-    const int startAddress = firstEntry.offset;
-    const int lastAddress = lastEntry.offset;
     const RegisterType table = firstEntry.table;
-    // In 64 bits: a range text may name a span of billions of registers.
-    const qint64 endAddress = qint64(lastAddress) + lastEntry.span + lastEntry.requestLength - 1;
-    const int count = static_cast<int>(qBound<qint64>(0, endAddress - startAddress + 1, INT_MAX));
-
-    if (count > limit) {
-        const ReadEntryIterator mid = first + (last - first) / 2;
-        if (mid != first) {
-            const ReadEntryIterator firstHalf =
-                readEntries(plugin, connection, first, mid, littleEndian, byteSwapped, stringLittleEndian,
-                            stringByteSwapped, limit);
-            if (firstHalf == mid)
-                return readEntries(plugin, connection, mid, last, littleEndian, byteSwapped,
-                                   stringLittleEndian, stringByteSwapped, limit);
-            plugin.writeLogDebug(QStringLiteral("There was an error, returning f"));
-            return firstHalf;
-        }
-    }
-
+    const int lastAddress = (last - 1)->offset;
     // The three request lines share their tail; it is formatted once, in one pass.
     const QString requestTail =
         QStringLiteral("%1 registers of type %2 from %3 to %4. Max read registers: %5")
@@ -200,41 +215,77 @@ ReadEntryIterator readEntries(Modbus& plugin, Connection& connection, ReadEntryI
     auto requestText = [&requestTail](QLatin1String head) { return head + requestTail; };
     plugin.writeLogDebug(requestText(QLatin1String("Getting ready to read ")));
 
+    auto send = [&](RequestRunner::Request const& request, int* error) {
+        return runner ? runner->run(request, error) : request(connection, error);
+    };
+    auto failItems = [&](int error) {
+        const QString errorText = connection.errToStr(error);
+        for (ReadEntryIterator it = first; it != last; ++it) it->dataItem->item.setLastError(errorText);
+    };
+
     int error = 0;
     if (table == OutputCoil || table == InputCoil) {
         std::vector<unsigned char> bits(std::min(count, kLargestBitRead));
-        if (connection.readBits(table, startAddress, count, bits.data(), &error) >= 0)
-            return extractBits(first, last, startAddress, bits);
-        connection.setConnected(false);
+        const int result = send(
+            [&](Connection& link, int* err) { return link.readBits(table, startAddress, count, bits.data(), err); },
+            &error);
+        if (result >= 0) {
+            extractBits(first, last, startAddress, bits);
+            return true;
+        }
         plugin.writeLogDebug(QStringLiteral("Could not read coil. ") + connection.errToStr(error));
-        const QString errorText = connection.errToStr(error);
-        for (ReadEntryIterator it = first; it != last; ++it) it->dataItem->item.setLastError(errorText);
-        return first;
+        failItems(error);
+        return false;
     }
     if (table == InputRegister || table == HoldingRegister) {
         std::vector<unsigned short> words(std::min(count, kLargestRegisterRead));
         plugin.writeLogDebug(requestText(QLatin1String("Reading words ")));
-        const int result = connection.readWords(table, startAddress, count, words.data(), &error);
+        const int result = send(
+            [&](Connection& link, int* err) {
+                return link.readWords(table, startAddress, count, words.data(), err);
+            },
+            &error);
         plugin.writeLogDebug(requestText(QLatin1String("Done reading words ")));
         if (result < 0) {
-            connection.setConnected(false);
             plugin.writeLogDebug(
                 QStringLiteral("Failed to read elements of type %1.").arg(static_cast<int>(table)) +
                 connection.errToStr(error));
-            const QString errorText = connection.errToStr(error);
-            for (ReadEntryIterator it = first; it != last; ++it) it->dataItem->item.setLastError(errorText);
-            return first;
+            failItems(error);
+            return false;
         }
         plugin.writeLogDebug(QStringLiteral("Holding/Input register data for ") +
                              firstEntry.dataItem->item.name + QStringLiteral(" to be extracted. Length: ") +
                              QString::number(words.size()) + QStringLiteral(" Byte swapped: ") +
-                             flagText(byteSwapped));
-        const ReadEntryIterator rest = extractWords(first, last, startAddress, words, littleEndian,
-                                                    byteSwapped, stringLittleEndian, stringByteSwapped);
+                             flagText(orders.byteSwapped));
+        extractWords(first, last, startAddress, words, orders.littleEndian, orders.byteSwapped,
+                     orders.stringLittleEndian, orders.stringByteSwapped);
         plugin.writeLogDebug(QStringLiteral("Holding/Input register data extracted!"));
-        return rest;
+        return true;
     }
-    return first;
+    return false;
+}
+
+bool readEntries(Modbus& plugin, Connection& connection, RequestRunner* runner, ReadEntryIterator first,
+                 ReadEntryIterator last, ByteOrders const& orders, unsigned char maxReadRegisters) {
+    if (first == last) return true;
+    const unsigned char limit = readLimit(maxReadRegisters);
+
+    const ReadEntry& lastEntry = *(last - 1);
+    const int startAddress = first->offset;
+    // In 64 bits: a range text may name a span of billions of registers.
+    const qint64 endAddress = qint64(lastEntry.offset) + lastEntry.span + lastEntry.requestLength - 1;
+    const int count = static_cast<int>(qBound<qint64>(0, endAddress - startAddress + 1, INT_MAX));
+
+    if (count > limit) {
+        const ReadEntryIterator mid = first + (last - first) / 2;
+        if (mid != first) {
+            // Each half is read whatever became of the other: a failed request fails only its own items.
+            const bool firstHalf = readEntries(plugin, connection, runner, first, mid, orders, limit);
+            const bool secondHalf = readEntries(plugin, connection, runner, mid, last, orders, limit);
+            return firstHalf && secondHalf;
+        }
+    }
+    return readRequest(plugin, connection, runner, first, last, startAddress, count, orders, limit);
 }
 
 }  // namespace
@@ -244,8 +295,9 @@ Modbus::DataItemIterator Modbus::readItems(Connection& connection, DataItemItera
                                            bool stringLittleEndian, bool stringByteSwapped,
                                            unsigned char maxReadRegisters) {
     std::vector<ReadEntry> entries = makeReadEntries(first, last);
-    const ReadEntryIterator rest =
-        readEntries(*this, connection, entries.begin(), entries.end(), littleEndian, byteSwapped,
-                    stringLittleEndian, stringByteSwapped, maxReadRegisters);
-    return first + (rest - entries.begin());
+    const ByteOrders orders{littleEndian, byteSwapped, stringLittleEndian, stringByteSwapped};
+    // Every item of the range is asked for; those of a failed request carry its error text.
+    return readEntries(*this, connection, nullptr, entries.begin(), entries.end(), orders, maxReadRegisters)
+               ? last
+               : first;
 }

@@ -20,6 +20,12 @@ inline const QString kStringByteOrder = QStringLiteral("string_byte_order");
 inline const QString kMaxReadRegisters = QStringLiteral("max_read_registers");
 inline const QString kPersistentConnection = QStringLiteral("persistent_connection");
 inline const QString kWritePreset = QStringLiteral("write_preset");
+inline const QString kResponseTimeoutMs = QStringLiteral("response_timeout_ms");
+inline const QString kConnectTimeoutMs = QStringLiteral("connect_timeout_ms");
+inline const QString kRequestPauseMs = QStringLiteral("request_pause_ms");
+inline const QString kRetries = QStringLiteral("retries");
+inline const QString kShareConnection = QStringLiteral("share_connection");
+inline const QString kBackoffMaxMs = QStringLiteral("backoff_max_ms");
 
 // The entry of DataItem::values that holds the value text.
 inline const QString kValue = QStringLiteral("value");

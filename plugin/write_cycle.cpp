@@ -5,14 +5,15 @@
 #include <QString>
 #include <QVector>
 #include <algorithm>
+#include <chrono>
 #include <climits>
 #include <mutex>
 
 #include "codec/address_space.h"
 #include "codec/value_encoding.h"
 #include "identity/zelt_identity.h"
-#include "plugin/connection_failure.h"
 #include "plugin/modbus.h"
+#include "plugin/request_runner.h"
 
 namespace {
 
@@ -42,15 +43,20 @@ bool sameItem(DataItem const* a, DataItem const* b) {
     return !a->item.uid.isEmpty() && a->item.uid == b->item.uid && a->item.deviceId == b->item.deviceId;
 }
 
+
 }  // namespace
 
 namespace {
 
-// One item's write; a failed request leaves its error code in *err (untouched when nothing failed).
-bool writeItem(Modbus& plugin, Connection& conn, ItemInstancePlugin& item, bool littleEndian,
-               bool byteSwapped, bool stringLittleEndian, bool stringByteSwapped, const QString& value,
-               bool multiple, int* errOut) {
+// One item's write; a failed request leaves its error code in *err (untouched when nothing failed). `runner`
+// is null when a caller drives the connection itself.
+bool writeItem(Modbus& plugin, Connection& conn, RequestRunner* runner, ItemInstancePlugin& item,
+               bool littleEndian, bool byteSwapped, bool stringLittleEndian, bool stringByteSwapped,
+               const QString& value, bool multiple, int* errOut) {
     using M = Modbus;
+    auto send = [&](RequestRunner::Request const& request, int* error) {
+        return runner ? runner->run(request, error) : request(conn, error);
+    };
     RegisterType const table = M::getType(item);
     int const offset = M::getOffset(item);
     if (offset < 0) {
@@ -70,7 +76,7 @@ bool writeItem(Modbus& plugin, Connection& conn, ItemInstancePlugin& item, bool 
     // Discrete inputs are written like coils, by design.
     if (table == OutputCoil || table == InputCoil) {
         unsigned char const state = static_cast<unsigned char>(value.toUShort() & kLowByteMask);
-        return conn.writeBit(offset, state, &err, multiple) > 0;
+        return send([&](Connection& link, int* e) { return link.writeBit(offset, state, e, multiple); }, &err) > 0;
     }
 
     QString const address = item.settings.value(kRegisterKey);
@@ -101,7 +107,8 @@ bool writeItem(Modbus& plugin, Connection& conn, ItemInstancePlugin& item, bool 
             codec::encodeString(bytes, count, stringLittleEndian, stringByteSwapped);
         plugin.writeLogDebug(QStringLiteral("Writing string. Offset: %1 Value: %2 Length: %3")
                                  .arg(QString::number(offset), value, QString::number(span)));
-        return conn.writeString(offset, count, words.constData(), &err) > 0;
+        return send([&](Connection& link, int* e) { return link.writeString(offset, count, words.constData(), e); },
+                    &err) > 0;
     }
 
     // One bit of a register: read, change, write back. Not atomic on the server.
@@ -112,7 +119,7 @@ bool writeItem(Modbus& plugin, Connection& conn, ItemInstancePlugin& item, bool 
             return false;
         }
         unsigned short word = 0;
-        if (conn.readWords(table, offset, 1, &word, &err) != 1) {
+        if (send([&](Connection& link, int* e) { return link.readWords(table, offset, 1, &word, e); }, &err) != 1) {
             item.setLastError(QStringLiteral("Could not read value. ") + conn.errToStr(err));
             return false;
         }
@@ -129,9 +136,10 @@ bool writeItem(Modbus& plugin, Connection& conn, ItemInstancePlugin& item, bool 
                                  .arg(QString::number(offset), value, QString::number(word)));
         if (multiple) {
             // Only a result of 0 counts as failure here, so a failed FC 16 (-1) passes, as it always has.
-            return conn.writeString(offset, 1, &word, &err) != 0;
+            return send([&](Connection& link, int* e) { return link.writeString(offset, 1, &word, e); }, &err) !=
+                   0;
         }
-        return conn.writeWord(offset, word, &err) > 0;
+        return send([&](Connection& link, int* e) { return link.writeWord(offset, word, e); }, &err) > 0;
     }
 
     unsigned int const type = item.settings.value(kTypeKey).toUInt();
@@ -159,11 +167,15 @@ bool writeItem(Modbus& plugin, Connection& conn, ItemInstancePlugin& item, bool 
     plugin.writeLogDebug(QStringLiteral("Writing %2 elements to %1").arg(offset).arg(length));
 
     if (multiple) {
-        return conn.writeString(offset, static_cast<int>(length), words.constData(), &err) > 0;
+        return send(
+                   [&](Connection& link, int* e) {
+                       return link.writeString(offset, static_cast<int>(length), words.constData(), e);
+                   },
+                   &err) > 0;
     }
     int result = 0;
     for (int i = 0; i < words.size(); ++i) {
-        result = conn.writeWord(offset + i, words.at(i), &err);
+        result = send([&](Connection& link, int* e) { return link.writeWord(offset + i, words.at(i), e); }, &err);
         if (result < 0) {
             return false;
         }
@@ -182,22 +194,25 @@ bool Modbus::writeData(LogList* list) {
         QString const itemCount = QString::number(list->dataItems.size());
         writeLogDebug(QStringLiteral("Going to write ") + itemCount + QStringLiteral(" to ") + device.name);
 
-        bool stoppingNow = false;
-        std::shared_ptr<TcpDeviceConnection> entry = tcpDeviceConnection(device.id, &stoppingNow);
+        std::shared_ptr<DeviceState> state = deviceState(device.id);
+        if (!state) {
+            return false;
+        }
+        std::lock_guard<std::mutex> deviceLock(state->mutex);
+        DeviceOptions const options = deviceOptions(device.settings);
+        // A write is always tried, also while polls of the device are paused: it is what a user asked for.
+        std::shared_ptr<TcpDeviceConnection> entry = tcpDeviceConnection(device, options, nullptr);
         if (!entry) {
             return false;
         }
         std::lock_guard<std::mutex> lock(entry->mutex);
+        RequestRunner runner(*this, *entry, *state, device, options);
 
-        if (!entry->connection.isConnected()) {
-            int error = 0;
-            Connection newConnection = makeConnection(device, &error);
-            entry->connection = std::move(newConnection);
-            if (!entry->connection.isConnected()) {
-                entry->connection.setConnected(false);
-                device.lastError = QStringLiteral("Could not connect. ") + entry->connection.errToStr(error);
-                return false;
-            }
+        int connectError = 0;
+        if (!runner.ensureConnected(&connectError)) {
+            device.lastError = QStringLiteral("Could not connect. ") + entry->connection.errToStr(connectError);
+            state->backoff.connectFailed(Backoff::clockMs(), options.backoffMaxMs, device.lastError);
+            return false;
         }
         Connection& connection = entry->connection;
 
@@ -231,13 +246,8 @@ bool Modbus::writeData(LogList* list) {
             writeLogDebug(QStringLiteral("Writing value ") + value + QStringLiteral(" to ") + item.name +
                           QStringLiteral(" in ") + device.name);
             int error = 0;
-            bool const written = writeItem(*this, connection, item, littleEndian, byteSwapped,
+            bool const written = writeItem(*this, connection, &runner, item, littleEndian, byteSwapped,
                                            stringLittleEndian, stringByteSwapped, value, multiple, &error);
-            // A dead socket stays dead: the next batch has to connect again. An exception answer does not
-            // count, the device is there.
-            if (isConnectionFailure(error)) {
-                connection.setConnected(false);
-            }
             if (!written) {
                 writeLogDebug(QStringLiteral("Failed to write %1. Register: %2 Offset: %3 Error: %4")
                                   .arg(item.name, item.settings.value(kRegisterTypeKey),
@@ -252,17 +262,18 @@ bool Modbus::writeData(LogList* list) {
             }
         }
 
-        int const deviceError = connection.getDeviceError();
-        if (deviceError > 0) {
+        int const deviceError = runner.deviceError();
+        if (runner.sentRequests() > 0 && !runner.allTimedOut() && !runner.connectFailed()) {
+            state->backoff.succeeded();
+        }
+        if (deviceError != 0) {
             // The connection stays open: the device answered, it only reported a fault.
             device.lastError = connection.errToStr(deviceError);
             return false;
         }
 
         writeLogDebug(QStringLiteral("Done writing ") + itemCount + QStringLiteral(" to ") + device.name);
-        if (device.settings.value(QStringLiteral("persistent_connection")).toInt() == 0) {
-            connection.disconnect();
-        }
+        keepOrClose(*entry, device);
         return true;
     } catch (...) {
         return false;  // nothing may escape into the host
@@ -272,6 +283,6 @@ bool Modbus::writeData(LogList* list) {
 bool Modbus::writeVar(Connection& conn, ItemInstancePlugin& item, bool littleEndian, bool byteSwapped,
                       bool stringLittleEndian, bool stringByteSwapped, QString value, bool multiple) {
     int err = 0;
-    return writeItem(*this, conn, item, littleEndian, byteSwapped, stringLittleEndian, stringByteSwapped,
-                     value, multiple, &err);
+    return writeItem(*this, conn, nullptr, item, littleEndian, byteSwapped, stringLittleEndian,
+                     stringByteSwapped, value, multiple, &err);
 }

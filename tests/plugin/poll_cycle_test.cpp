@@ -100,7 +100,8 @@ TEST_F(PollCycleTest, TwoItemsAtTheSameAddressAreBothExtracted) {
     EXPECT_EQ(batch.value("unsigned"), QStringLiteral("32769"));
 }
 
-TEST_F(PollCycleTest, FailedFirstHalfStopsTheRun) {
+TEST_F(PollCycleTest, AFailedRequestFailsOnlyItsOwnItemsAndTheRunGoesOn) {
+    sim.setHoldingRegisters(200, {7});
     sim.addFault(plugin_test::exceptionFault(3, 2, 0));
     Batch batch(device({{"max_read_registers", "123"}}));
     batch.add(makeItem("first", "40001", "4", "2"));
@@ -109,13 +110,15 @@ TEST_F(PollCycleTest, FailedFirstHalfStopsTheRun) {
 
     // An illegal data address is an item fault, not a device fault: the poll itself succeeds.
     EXPECT_TRUE(plugin.readData(&batch.list));
-    EXPECT_EQ(dataReads(sim), (std::vector<Request>{{3, 0, 1}}));
-    EXPECT_TRUE(Host::instance().hasLog(LogLevel::Debug, QStringLiteral("There was an error, returning f")));
+    EXPECT_EQ(dataReads(sim), (std::vector<Request>{{3, 0, 1}, {3, 200, 1}}));
+    EXPECT_FALSE(Host::instance().hasLog(LogLevel::Debug, QStringLiteral("There was an error, returning f")));
     EXPECT_EQ(batch.error("first"), QStringLiteral("Illegal data address"));
-    EXPECT_EQ(batch.value("second"), QStringLiteral("old"));
+    EXPECT_EQ(batch.value("second"), QStringLiteral("7"));
     EXPECT_EQ(batch.error("second"), QString());
     EXPECT_TRUE(Host::instance().hasLog(
         LogLevel::Debug, QStringLiteral("Failed to read elements of type 3.Illegal data address")));
+    // The device answered: its connection stays.
+    EXPECT_EQ(sim.acceptedConnections(), 1);
 }
 
 TEST_F(PollCycleTest, EveryTableTypeOrderAndGapInOnePoll) {
@@ -222,16 +225,17 @@ TEST_F(PollCycleTest, ServerBusyOnTheLastTableIsADeviceErrorAndKeepsTheConnectio
     EXPECT_EQ(next.value("holding"), QStringLiteral("6"));
 }
 
-TEST_F(PollCycleTest, BusyOnAnEarlierTableIsClearedByALaterSuccessfulRead) {
+TEST_F(PollCycleTest, BusyOnAnEarlierTableFailsThePollThoughALaterReadSucceeds) {
     sim.setHoldingRegisters(0, {5});
     sim.addFault(plugin_test::exceptionFault(4, 6));
     Batch batch(device());
     batch.add(makeItem("input", "30001", "4", "2"));
     batch.add(makeItem("holding", "40001", "4", "2"));
-    EXPECT_TRUE(plugin.readData(&batch.list));
+    EXPECT_FALSE(plugin.readData(&batch.list));
     EXPECT_EQ(batch.error("input"), QStringLiteral("Slave device or server is busy"));
     EXPECT_EQ(batch.value("holding"), QStringLiteral("5"));
-    EXPECT_EQ(batch.list.device.lastError, QString());
+    EXPECT_EQ(batch.list.device.lastError, QStringLiteral("Slave device or server is busy"));
+    EXPECT_EQ(sim.acceptedConnections(), 1);
 }
 
 TEST_F(PollCycleTest, NonPersistentDeviceIsDisconnectedAfterASuccessfulPoll) {

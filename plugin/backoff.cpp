@@ -1,0 +1,49 @@
+#include "plugin/backoff.h"
+
+#include <algorithm>
+#include <chrono>
+
+namespace {
+constexpr qint64 kMsPerSecond = 1000;
+}  // namespace
+
+qint64 Backoff::clockMs() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+void Backoff::connectFailed(qint64 nowMs, qint64 maxPauseMs, QString const& error) {
+    pause(nowMs, maxPauseMs, error);
+}
+
+void Backoff::pollEnded(qint64 nowMs, qint64 maxPauseMs, bool allTimedOut, QString const& error) {
+    if (!allTimedOut) {
+        succeeded();
+        return;
+    }
+    // Counting goes on through a pause: a device that still does not answer after it is paused again.
+    if (++timedOutPolls >= kTimedOutPollsBeforePause) pause(nowMs, maxPauseMs, error);
+}
+
+void Backoff::succeeded() {
+    resumeAtMs = 0;
+    nextPauseMs = kFirstPauseMs;
+    timedOutPolls = 0;
+}
+
+void Backoff::pause(qint64 nowMs, qint64 maxPauseMs, QString const& error) {
+    lastFailure = error;
+    if (maxPauseMs <= 0) return;  // 0: try on every poll
+    const qint64 pauseMs = std::min(nextPauseMs, maxPauseMs);
+    resumeAtMs = nowMs + pauseMs;
+    nextPauseMs = std::min(nextPauseMs * 2, maxPauseMs);
+}
+
+qint64 Backoff::remainingSeconds(qint64 nowMs) const {
+    return (remainingMs(nowMs) + kMsPerSecond - 1) / kMsPerSecond;
+}
+
+QString Backoff::pausedText(qint64 nowMs) const {
+    return lastFailure + QStringLiteral("; next attempt in %1 s").arg(remainingSeconds(nowMs));
+}

@@ -1,0 +1,37 @@
+#include "plugin/device_options.h"
+
+#include "plugin/setting_keys.h"
+
+namespace {
+
+constexpr int kMinTimeoutMs = 1;
+constexpr int kMaxTimeoutMs = 60000;
+constexpr int kMaxRequestPauseMs = 10000;
+constexpr int kMaxRetries = 5;
+constexpr int kMaxBackoffMs = 600000;
+
+int boundedNumber(QMap<QString, QString> const& settings, QString const& key, int low, int high,
+                  int fallback) {
+    bool ok = false;
+    const int value = setting_keys::settingText(settings, key).trimmed().toInt(&ok);
+    return ok && value >= low && value <= high ? value : fallback;
+}
+
+}  // namespace
+
+DeviceOptions deviceOptions(QMap<QString, QString> const& settings) {
+    using namespace setting_keys;
+    DeviceOptions options;
+    options.responseTimeoutMs = boundedNumber(settings, kResponseTimeoutMs, kMinTimeoutMs, kMaxTimeoutMs,
+                                              DeviceOptions::kDefaultResponseTimeoutMs);
+    options.connectTimeoutMs = boundedNumber(settings, kConnectTimeoutMs, kMinTimeoutMs, kMaxTimeoutMs,
+                                             DeviceOptions::kDefaultConnectTimeoutMs);
+    options.requestPauseMs =
+        boundedNumber(settings, kRequestPauseMs, 0, kMaxRequestPauseMs, DeviceOptions::kDefaultRequestPauseMs);
+    options.retries = boundedNumber(settings, kRetries, 0, kMaxRetries, DeviceOptions::kDefaultRetries);
+    options.shareConnection =
+        boundedNumber(settings, kShareConnection, 0, 1, DeviceOptions::kDefaultShareConnection ? 1 : 0) == 1;
+    options.backoffMaxMs =
+        boundedNumber(settings, kBackoffMaxMs, 0, kMaxBackoffMs, DeviceOptions::kDefaultBackoffMaxMs);
+    return options;
+}

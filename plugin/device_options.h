@@ -1,0 +1,24 @@
+#pragma once
+// The plant-network settings of a device, read from its stored texts in one place. A missing, empty,
+// non-numeric or out-of-range text reads as the default, so a typo never leaves a device without a time-out.
+
+#include <QMap>
+#include <QString>
+
+struct DeviceOptions {
+    static constexpr int kDefaultResponseTimeoutMs = 500;
+    static constexpr int kDefaultConnectTimeoutMs = 500;
+    static constexpr int kDefaultRequestPauseMs = 0;
+    static constexpr int kDefaultRetries = 0;
+    static constexpr bool kDefaultShareConnection = true;
+    static constexpr int kDefaultBackoffMaxMs = 10000;
+
+    int responseTimeoutMs = kDefaultResponseTimeoutMs;
+    int connectTimeoutMs = kDefaultConnectTimeoutMs;
+    int requestPauseMs = kDefaultRequestPauseMs;
+    int retries = kDefaultRetries;
+    bool shareConnection = kDefaultShareConnection;
+    int backoffMaxMs = kDefaultBackoffMaxMs;
+};
+
+DeviceOptions deviceOptions(QMap<QString, QString> const& settings);

@@ -1,0 +1,89 @@
+#include "plugin/request_runner.h"
+
+#include <chrono>
+
+#include "connection/request_discipline.h"
+
+namespace {
+constexpr int kFirstUnitId = 1;  // unit 0 is the broadcast id; polling never addresses it
+constexpr double kMsPerSecond = 1000.0;
+
+int unitOf(DeviceInstancePlugin const& device) {
+    const int unit = device.settings.value(QStringLiteral("server_id")).toInt();
+    return unit < kFirstUnitId ? kFirstUnitId : unit;
+}
+}  // namespace
+
+RequestRunner::RequestRunner(Modbus& plugin, Modbus::TcpDeviceConnection& endpoint, Modbus::DeviceState& state,
+                             DeviceInstancePlugin& device, DeviceOptions const& options)
+    : plugin(plugin), endpoint(endpoint), state(state), device(device), options(options) {}
+
+bool RequestRunner::ensureConnected(int* error) {
+    Connection& connection = endpoint.connection;
+    if (!connection.isConnected()) {
+        connection = plugin.makeConnection(device, error);
+        if (!connection.isConnected()) {
+            connection.setConnected(false);
+            ++state.health.connectFailures;
+            connectFailure = true;
+            connectError = *error;
+            return false;
+        }
+        ++endpoint.generation;
+    }
+    if (state.seenGeneration != endpoint.generation) {
+        state.seenGeneration = endpoint.generation;
+        ++state.health.connects;
+    }
+    // A shared connection carries the settings of whichever device uses it now.
+    const int unit = unitOf(device);
+    if (connection.slave() != unit) connection.setSlave(unit);
+    connection.setRequestPause(options.requestPauseMs);
+    connection.setConnectTimeout(options.connectTimeoutMs);
+    connection.setResponseTimeout(static_cast<unsigned int>(options.responseTimeoutMs / 1000),
+                                  static_cast<unsigned int>(options.responseTimeoutMs % 1000 * 1000));
+    return true;
+}
+
+int RequestRunner::run(Request const& request, int* err) {
+    int error = 0;
+    for (int attempt = 0;; ++attempt) {
+        // One failed attempt to connect is enough for a batch: a dead device must not cost a connect
+        // time-out per request.
+        if (!endpoint.connection.isConnected() && (connectFailure || !ensureConnected(&error))) {
+            if (connectFailure) error = connectError;
+            // The connection broke within the batch and cannot be opened again: the request fails unsent.
+            ++failed;
+            if (!firstDeviceError) firstDeviceError = error;
+            *err = error;
+            return -1;
+        }
+        if (attempt == 0) ++sent;
+        ++state.health.requests;
+        if (attempt > 0) ++state.health.retries;
+        const auto started = std::chrono::steady_clock::now();
+        const int result = request(endpoint.connection, &error);
+        const double elapsedMs =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count() * kMsPerSecond;
+        if (result >= 0) {
+            state.health.recordResponse(elapsedMs);
+            return result;
+        }
+        if (request_discipline::isTimeout(error)) ++state.health.timeouts;
+        if (request_discipline::isExceptionAnswer(error)) {
+            ++state.health.exceptions;
+            state.health.recordResponse(elapsedMs);
+        }
+        // Whatever arrives after a lost answer cannot be matched to a request: the next one connects anew.
+        if (request_discipline::isTransportFailure(error)) endpoint.connection.disconnect();
+        if (!request_discipline::isRetryable(error) || attempt >= options.retries) break;
+        plugin.writeLogDebug(QStringLiteral("Sending the request to %1 again after: %2")
+                                 .arg(device.name, endpoint.connection.errToStr(error)));
+    }
+    ++failed;
+    ++state.health.failedRequests;
+    if (request_discipline::isTimeout(error)) ++timedOut;
+    if (!firstDeviceError && request_discipline::isDeviceLevel(error)) firstDeviceError = error;
+    *err = error;
+    return -1;
+}

@@ -1,0 +1,50 @@
+#pragma once
+// The requests of one poll or write batch of one device, over its (possibly shared) connection: connects when
+// the connection is not open, addresses the device's unit, sends a request again after a time-out or a busy
+// answer as the device's "retries" allow, closes the connection after a transport failure so that the next
+// request connects anew, and counts what happened into the device's health.
+
+#include <QString>
+#include <functional>
+
+#include "plugin/modbus.h"
+
+class RequestRunner {
+public:
+    // A Connection call that returns a negative number with its error code in *err when it fails.
+    using Request = std::function<int(Connection&, int*)>;
+
+    RequestRunner(Modbus& plugin, Modbus::TcpDeviceConnection& endpoint, Modbus::DeviceState& state,
+                  DeviceInstancePlugin& device, DeviceOptions const& options);
+
+    // Opens the connection when it is not open and addresses the device's unit. False with the connect
+    // error code in *error.
+    bool ensureConnected(int* error);
+
+    // Runs `request` with the device's retries; its result, with the last error in *err when it failed.
+    int run(Request const& request, int* err);
+
+    Connection& connection() { return endpoint.connection; }
+
+    // What this batch met: requests that failed after their retries (and the first device-level error among
+    // them), and whether every request that was sent timed out.
+    int sentRequests() const { return sent; }
+    int failedRequests() const { return failed; }
+    bool allTimedOut() const { return sent > 0 && timedOut == sent; }
+    int deviceError() const { return firstDeviceError; }
+    bool connectFailed() const { return connectFailure; }
+    int lastConnectError() const { return connectError; }
+
+private:
+    Modbus& plugin;
+    Modbus::TcpDeviceConnection& endpoint;
+    Modbus::DeviceState& state;
+    DeviceInstancePlugin& device;
+    DeviceOptions const& options;
+    int sent = 0;
+    int failed = 0;
+    int timedOut = 0;
+    int firstDeviceError = 0;
+    bool connectFailure = false;
+    int connectError = 0;
+};
