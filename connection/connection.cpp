@@ -98,8 +98,9 @@ Connection::Connection(Network const& net, PluginInterface* pluginInterface, int
     if (!ctx) return;
     connectTimeoutMs = net.connectTimeoutMs;
     requestPauseMs = net.requestPauseMs;
-    modbus_set_response_timeout(ctx, static_cast<uint32_t>(net.responseTimeoutMs / kMsPerSecond),
-                                static_cast<uint32_t>(net.responseTimeoutMs % kMsPerSecond * kMicrosecondsPerMs));
+    modbus_set_response_timeout(
+        ctx, static_cast<uint32_t>(net.responseTimeoutMs / kMsPerSecond),
+        static_cast<uint32_t>(net.responseTimeoutMs % kMsPerSecond * kMicrosecondsPerMs));
     connected = connect(net.serverId, err) == 0;
 }
 
@@ -468,14 +469,15 @@ int Connection::receiveAnswer(unsigned short sentId, unsigned char* frame, int c
             return received;
         }
         if (plugin)
-            plugin->logDebug(QStringLiteral("Dropped a late answer to request %1 while waiting for request %2")
-                                 .arg(wordAt(frame))
-                                 .arg(sentId));
+            plugin->logDebug(
+                QStringLiteral("Dropped a late answer to request %1 while waiting for request %2")
+                    .arg(wordAt(frame))
+                    .arg(sentId));
     }
 }
 
-int Connection::receiveFrame(unsigned char* frame, int capacity, std::chrono::steady_clock::time_point deadline,
-                             FrameSize size, int* err) const {
+int Connection::receiveFrame(unsigned char* frame, int capacity,
+                             std::chrono::steady_clock::time_point deadline, FrameSize size, int* err) const {
     const int socket = modbus_get_socket(ctx);
     uint32_t byteSec = 0;
     uint32_t byteUsec = 0;
@@ -574,7 +576,8 @@ int Connection::transact(const unsigned char* pdu, int length, int expectedReply
         return -1;
     }
     const unsigned short sentId = transactionId;
-    const int received = receiveAnswer(sentId, reply, MODBUS_TCP_MAX_ADU_LENGTH, FrameSize::ByFunction, &error);
+    const int received =
+        receiveAnswer(sentId, reply, MODBUS_TCP_MAX_ADU_LENGTH, FrameSize::ByFunction, &error);
     if (received < 0) {
         setBoth(err, error);
         return -1;

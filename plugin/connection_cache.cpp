@@ -43,8 +43,8 @@ std::shared_ptr<Modbus::TcpDeviceConnection> Modbus::tcpDeviceConnection(int dev
 }
 
 std::shared_ptr<Modbus::TcpDeviceConnection> Modbus::tcpDeviceConnection(DeviceInstancePlugin const& device,
-                                                                          DeviceOptions const& options,
-                                                                          bool* stoppingOut) {
+                                                                         DeviceOptions const& options,
+                                                                         bool* stoppingOut) {
     const QString key = endpointKey(device.id, device.address, devicePort(device), options.shareConnection);
     std::shared_ptr<TcpDeviceConnection> unused;
     std::shared_ptr<TcpDeviceConnection> bound;
@@ -67,8 +67,9 @@ std::shared_ptr<Modbus::TcpDeviceConnection> Modbus::tcpDeviceConnection(DeviceI
         entry = shared;
         bound = shared;
         if (previous) {
-            const bool stillUsed = std::any_of(connections.cbegin(), connections.cend(),
-                                               [&previous](auto const& other) { return other.second == previous; });
+            const bool stillUsed =
+                std::any_of(connections.cbegin(), connections.cend(),
+                            [&previous](auto const& other) { return other.second == previous; });
             if (!stillUsed) {
                 endpoints.remove(previous->key);
                 unused = previous;

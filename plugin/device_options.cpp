@@ -26,8 +26,8 @@ DeviceOptions deviceOptions(QMap<QString, QString> const& settings) {
                                               DeviceOptions::kDefaultResponseTimeoutMs);
     options.connectTimeoutMs = boundedNumber(settings, kConnectTimeoutMs, kMinTimeoutMs, kMaxTimeoutMs,
                                              DeviceOptions::kDefaultConnectTimeoutMs);
-    options.requestPauseMs =
-        boundedNumber(settings, kRequestPauseMs, 0, kMaxRequestPauseMs, DeviceOptions::kDefaultRequestPauseMs);
+    options.requestPauseMs = boundedNumber(settings, kRequestPauseMs, 0, kMaxRequestPauseMs,
+                                           DeviceOptions::kDefaultRequestPauseMs);
     options.retries = boundedNumber(settings, kRetries, 0, kMaxRetries, DeviceOptions::kDefaultRetries);
     options.shareConnection =
         boundedNumber(settings, kShareConnection, 0, 1, DeviceOptions::kDefaultShareConnection ? 1 : 0) == 1;

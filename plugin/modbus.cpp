@@ -112,12 +112,14 @@ QList<DatabaseColumnStructure> deviceColumns(const QList<NetworkInterfaceInstanc
                           "Time to wait for a device's answer, in milliseconds."));
     columns.append(column("connect_timeout_ms", kTypeText, 0, "500",
                           "Time to wait for a TCP connection to the device, in milliseconds."));
-    columns.append(column("request_pause_ms", kTypeText, 0, "0",
-                          "Pause before each request after an answer or a new connection, in milliseconds. For "
-                          "devices and gateways that drop requests sent too soon."));
-    columns.append(column("retries", kTypeText, 0, "0",
-                          "How often a request that timed out or was answered busy (exception 5 or 6) is sent "
-                          "again before its items fail."));
+    columns.append(
+        column("request_pause_ms", kTypeText, 0, "0",
+               "Pause before each request after an answer or a new connection, in milliseconds. For "
+               "devices and gateways that drop requests sent too soon."));
+    columns.append(
+        column("retries", kTypeText, 0, "0",
+               "How often a request that timed out or was answered busy (exception 5 or 6) is sent "
+               "again before its items fail."));
     DatabaseColumnStructure share =
         column("share_connection", kTypeText, 3, "1",
                "Devices with the same address and port (units behind one gateway) share one connection, one "

@@ -170,9 +170,9 @@ bool Modbus::readBatch(LogList* list) {
 
     const int deviceError = runner.deviceError();
     if (runner.connectFailed()) {
-        state->backoff.connectFailed(Backoff::clockMs(), options.backoffMaxMs,
-                                     QStringLiteral("Could not connect. ") +
-                                         entry->connection.errToStr(runner.lastConnectError()));
+        state->backoff.connectFailed(
+            Backoff::clockMs(), options.backoffMaxMs,
+            QStringLiteral("Could not connect. ") + entry->connection.errToStr(runner.lastConnectError()));
     } else {
         state->backoff.pollEnded(Backoff::clockMs(), options.backoffMaxMs, runner.allTimedOut(),
                                  entry->connection.errToStr(deviceError));
@@ -199,7 +199,8 @@ void Modbus::keepOrClose(TcpDeviceConnection& entry, DeviceInstancePlugin const&
 
 namespace {
 
-// One request: the block from `startAddress` covering [first, last). A failed request fails only its own items.
+// One request: the block from `startAddress` covering [first, last). A failed request fails only its own
+// items.
 bool readRequest(Modbus& plugin, Connection& connection, RequestRunner* runner, ReadEntryIterator first,
                  ReadEntryIterator last, int startAddress, int count, ByteOrders const& orders,
                  unsigned char limit) {
@@ -226,9 +227,10 @@ bool readRequest(Modbus& plugin, Connection& connection, RequestRunner* runner, 
     int error = 0;
     if (table == OutputCoil || table == InputCoil) {
         std::vector<unsigned char> bits(std::min(count, kLargestBitRead));
-        const int result = send(
-            [&](Connection& link, int* err) { return link.readBits(table, startAddress, count, bits.data(), err); },
-            &error);
+        const int result =
+            send([&](Connection& link,
+                     int* err) { return link.readBits(table, startAddress, count, bits.data(), err); },
+                 &error);
         if (result >= 0) {
             extractBits(first, last, startAddress, bits);
             return true;
@@ -240,11 +242,10 @@ bool readRequest(Modbus& plugin, Connection& connection, RequestRunner* runner, 
     if (table == InputRegister || table == HoldingRegister) {
         std::vector<unsigned short> words(std::min(count, kLargestRegisterRead));
         plugin.writeLogDebug(requestText(QLatin1String("Reading words ")));
-        const int result = send(
-            [&](Connection& link, int* err) {
-                return link.readWords(table, startAddress, count, words.data(), err);
-            },
-            &error);
+        const int result =
+            send([&](Connection& link,
+                     int* err) { return link.readWords(table, startAddress, count, words.data(), err); },
+                 &error);
         plugin.writeLogDebug(requestText(QLatin1String("Done reading words ")));
         if (result < 0) {
             plugin.writeLogDebug(

@@ -14,8 +14,9 @@ int unitOf(DeviceInstancePlugin const& device) {
 }
 }  // namespace
 
-RequestRunner::RequestRunner(Modbus& plugin, Modbus::TcpDeviceConnection& endpoint, Modbus::DeviceState& state,
-                             DeviceInstancePlugin& device, DeviceOptions const& options)
+RequestRunner::RequestRunner(Modbus& plugin, Modbus::TcpDeviceConnection& endpoint,
+                             Modbus::DeviceState& state, DeviceInstancePlugin& device,
+                             DeviceOptions const& options)
     : plugin(plugin), endpoint(endpoint), state(state), device(device), options(options) {}
 
 bool RequestRunner::ensureConnected(int* error) {

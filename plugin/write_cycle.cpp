@@ -43,7 +43,6 @@ bool sameItem(DataItem const* a, DataItem const* b) {
     return !a->item.uid.isEmpty() && a->item.uid == b->item.uid && a->item.deviceId == b->item.deviceId;
 }
 
-
 }  // namespace
 
 namespace {
@@ -76,7 +75,8 @@ bool writeItem(Modbus& plugin, Connection& conn, RequestRunner* runner, ItemInst
     // Discrete inputs are written like coils, by design.
     if (table == OutputCoil || table == InputCoil) {
         unsigned char const state = static_cast<unsigned char>(value.toUShort() & kLowByteMask);
-        return send([&](Connection& link, int* e) { return link.writeBit(offset, state, e, multiple); }, &err) > 0;
+        return send([&](Connection& link, int* e) { return link.writeBit(offset, state, e, multiple); },
+                    &err) > 0;
     }
 
     QString const address = item.settings.value(kRegisterKey);
@@ -107,7 +107,8 @@ bool writeItem(Modbus& plugin, Connection& conn, RequestRunner* runner, ItemInst
             codec::encodeString(bytes, count, stringLittleEndian, stringByteSwapped);
         plugin.writeLogDebug(QStringLiteral("Writing string. Offset: %1 Value: %2 Length: %3")
                                  .arg(QString::number(offset), value, QString::number(span)));
-        return send([&](Connection& link, int* e) { return link.writeString(offset, count, words.constData(), e); },
+        return send([&](Connection& link,
+                        int* e) { return link.writeString(offset, count, words.constData(), e); },
                     &err) > 0;
     }
 
@@ -119,7 +120,8 @@ bool writeItem(Modbus& plugin, Connection& conn, RequestRunner* runner, ItemInst
             return false;
         }
         unsigned short word = 0;
-        if (send([&](Connection& link, int* e) { return link.readWords(table, offset, 1, &word, e); }, &err) != 1) {
+        if (send([&](Connection& link, int* e) { return link.readWords(table, offset, 1, &word, e); },
+                 &err) != 1) {
             item.setLastError(QStringLiteral("Could not read value. ") + conn.errToStr(err));
             return false;
         }
@@ -136,8 +138,8 @@ bool writeItem(Modbus& plugin, Connection& conn, RequestRunner* runner, ItemInst
                                  .arg(QString::number(offset), value, QString::number(word)));
         if (multiple) {
             // Only a result of 0 counts as failure here, so a failed FC 16 (-1) passes, as it always has.
-            return send([&](Connection& link, int* e) { return link.writeString(offset, 1, &word, e); }, &err) !=
-                   0;
+            return send([&](Connection& link, int* e) { return link.writeString(offset, 1, &word, e); },
+                        &err) != 0;
         }
         return send([&](Connection& link, int* e) { return link.writeWord(offset, word, e); }, &err) > 0;
     }
@@ -175,7 +177,8 @@ bool writeItem(Modbus& plugin, Connection& conn, RequestRunner* runner, ItemInst
     }
     int result = 0;
     for (int i = 0; i < words.size(); ++i) {
-        result = send([&](Connection& link, int* e) { return link.writeWord(offset + i, words.at(i), e); }, &err);
+        result =
+            send([&](Connection& link, int* e) { return link.writeWord(offset + i, words.at(i), e); }, &err);
         if (result < 0) {
             return false;
         }
@@ -210,7 +213,8 @@ bool Modbus::writeData(LogList* list) {
 
         int connectError = 0;
         if (!runner.ensureConnected(&connectError)) {
-            device.lastError = QStringLiteral("Could not connect. ") + entry->connection.errToStr(connectError);
+            device.lastError =
+                QStringLiteral("Could not connect. ") + entry->connection.errToStr(connectError);
             state->backoff.connectFailed(Backoff::clockMs(), options.backoffMaxMs, device.lastError);
             return false;
         }

@@ -89,21 +89,41 @@ std::vector<ColumnRow> expectedDeviceColumns(const QList<QPair<QString, QString>
          "each slave.",
          kDiscoveryMarking},
         {"response_timeout_ms", 0, 0, "500", "Time to wait for a device's answer, in milliseconds.", {}},
-        {"connect_timeout_ms", 0, 0, "500", "Time to wait for a TCP connection to the device, in milliseconds.", {}},
-        {"request_pause_ms", 0, 0, "0",
+        {"connect_timeout_ms",
+         0,
+         0,
+         "500",
+         "Time to wait for a TCP connection to the device, in milliseconds.",
+         {}},
+        {"request_pause_ms",
+         0,
+         0,
+         "0",
          "Pause before each request after an answer or a new connection, in milliseconds. For devices and "
          "gateways that drop requests sent too soon.",
          {}},
-        {"retries", 0, 0, "0",
-         "How often a request that timed out or was answered busy (exception 5 or 6) is sent again before its "
+        {"retries",
+         0,
+         0,
+         "0",
+         "How often a request that timed out or was answered busy (exception 5 or 6) is sent again before "
+         "its "
          "items fail.",
          {}},
-        {"share_connection", 0, 3, "1",
-         "Devices with the same address and port (units behind one gateway) share one connection, one request "
+        {"share_connection",
+         0,
+         3,
+         "1",
+         "Devices with the same address and port (units behind one gateway) share one connection, one "
+         "request "
          "at a time.",
          {{"No", "0"}, {"Yes", "1"}}},
-        {"backoff_max_ms", 0, 0, "10000",
-         "Longest pause before a device that cannot be reached or stops answering is polled again. 0 tries on "
+        {"backoff_max_ms",
+         0,
+         0,
+         "10000",
+         "Longest pause before a device that cannot be reached or stops answering is polled again. 0 tries "
+         "on "
          "every poll.",
          {}},
     };

@@ -24,6 +24,7 @@ namespace {
 
 using zelt_modbus_test::itemOf;
 using zelt_modbus_test::jsonLines;
+using zelt_modbus_test::pollLines;
 using zelt_modbus_test::runTool;
 using zelt_modbus_test::writeFile;
 
@@ -393,7 +394,7 @@ TEST_F(CommissionTest, TheWrittenConfigurationPollsWithoutAnError) {
     const auto poll = runTool({QStringLiteral("poll"), QStringLiteral("--config"), path,
                                QStringLiteral("--count"), QStringLiteral("1"), QStringLiteral("--json")});
     ASSERT_EQ(poll.exitCode, 0) << poll.out.toStdString() << poll.err.toStdString();
-    const QList<QJsonObject> lines = jsonLines(poll.out);
+    const QList<QJsonObject> lines = pollLines(poll.out);
     ASSERT_EQ(lines.size(), 3);
     EXPECT_EQ(itemOf(lines.at(0), QStringLiteral("holding_1")).value(QStringLiteral("value")).toString(),
               QStringLiteral("12"));

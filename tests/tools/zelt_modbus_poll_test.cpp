@@ -18,6 +18,7 @@ namespace {
 
 using zelt_modbus_test::itemOf;
 using zelt_modbus_test::jsonLines;
+using zelt_modbus_test::pollLines;
 using zelt_modbus_test::runTool;
 using zelt_modbus_test::uidsOf;
 using zelt_modbus_test::writeFile;
@@ -129,7 +130,7 @@ TEST_F(PollCommandTest, PrintsEveryValueOfEveryDeviceAndPollAsJsonLines) {
                               QStringLiteral("--count"), QStringLiteral("2"), QStringLiteral("--interval"),
                               QStringLiteral("50"), QStringLiteral("--json")});
     ASSERT_EQ(run.exitCode, 0) << run.err.toStdString();
-    const QList<QJsonObject> lines = jsonLines(run.out);
+    const QList<QJsonObject> lines = pollLines(run.out);
     ASSERT_EQ(lines.size(), 2 * golden::kOrderCount) << run.out.toStdString();
 
     const auto& vectors = golden::vectors();
@@ -238,7 +239,7 @@ TEST_F(PollCommandTest, ADeviceThatCannotBeReachedFailsThePollWithExitOne) {
     const auto run = runTool({QStringLiteral("poll"), QStringLiteral("--config"), path,
                               QStringLiteral("--count"), QStringLiteral("1"), QStringLiteral("--json")});
     EXPECT_EQ(run.exitCode, 1);
-    const QList<QJsonObject> lines = jsonLines(run.out);
+    const QList<QJsonObject> lines = pollLines(run.out);
     ASSERT_EQ(lines.size(), 2) << run.out.toStdString();
     EXPECT_TRUE(lines.at(0).value("ok").toBool());
     EXPECT_EQ(itemOf(lines.at(0), QStringLiteral("a")).value("value").toString(), QStringLiteral("4660"));
@@ -267,7 +268,7 @@ TEST_F(PollCommandTest, SettingsTheFileLeavesOutTakeTheDeclaredDefaults) {
     const auto run = runTool({QStringLiteral("poll"), QStringLiteral("--config"), path,
                               QStringLiteral("--count"), QStringLiteral("1"), QStringLiteral("--json")});
     ASSERT_EQ(run.exitCode, 0) << run.err.toStdString();
-    const QList<QJsonObject> lines = jsonLines(run.out);
+    const QList<QJsonObject> lines = pollLines(run.out);
     ASSERT_EQ(lines.size(), 1);
     EXPECT_EQ(lines.first().value("name").toString(), QStringLiteral("device 7"));
     EXPECT_EQ(itemOf(lines.first(), QStringLiteral("pi")).value("value").toString(),

@@ -14,6 +14,7 @@ namespace {
 
 using zelt_modbus_test::itemOf;
 using zelt_modbus_test::jsonLines;
+using zelt_modbus_test::pollLines;
 using zelt_modbus_test::runTool;
 using zelt_modbus_test::writeFile;
 
@@ -45,7 +46,7 @@ TEST_F(PymodbusTest, PollReadsWhatTheServerHolds) {
                               QStringLiteral("--count"), QStringLiteral("2"), QStringLiteral("--interval"),
                               QStringLiteral("50"), QStringLiteral("--json")});
     ASSERT_EQ(run.exitCode, 0) << run.err.toStdString();
-    const QList<QJsonObject> lines = jsonLines(run.out);
+    const QList<QJsonObject> lines = pollLines(run.out);
     ASSERT_EQ(lines.size(), 2) << run.out.toStdString();
     struct Row {
         const char* uid;
@@ -104,7 +105,7 @@ TEST_F(PymodbusTest, WriteReachesTheServerAndReadsBack) {
     const auto run = runTool({QStringLiteral("poll"), QStringLiteral("--config"), path,
                               QStringLiteral("--count"), QStringLiteral("1"), QStringLiteral("--json")});
     ASSERT_EQ(run.exitCode, 0) << run.err.toStdString();
-    const QList<QJsonObject> lines = jsonLines(run.out);
+    const QList<QJsonObject> lines = pollLines(run.out);
     ASSERT_EQ(lines.size(), 1);
     EXPECT_EQ(itemOf(lines.first(), QStringLiteral("setpoint")).value("value").toString(),
               QStringLiteral("-12.25"));

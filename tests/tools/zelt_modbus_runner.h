@@ -7,6 +7,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QList>
+#include <QMap>
 #include <QProcess>
 #include <QString>
 #include <QStringList>
@@ -65,6 +66,26 @@ inline QList<QJsonObject> jsonLines(const QString& text) {
     for (const QString& line : text.split(QLatin1Char('\n'), Qt::SkipEmptyParts))
         objects.append(QJsonDocument::fromJson(line.toUtf8()).object());
     return objects;
+}
+
+// The JSON lines of `poll`, which polls each device from a thread of its own: a device's lines must come in
+// its poll order; lines of different devices interleave as they come. Returned sorted by poll, then device.
+inline QList<QJsonObject> pollLines(const QString& text) {
+    QList<QJsonObject> lines = jsonLines(text);
+    QMap<int, int> lastPollOfDevice;
+    for (const QJsonObject& line : lines) {
+        const int device = line.value(QStringLiteral("device")).toInt();
+        const int poll = line.value(QStringLiteral("poll")).toInt();
+        EXPECT_LT(lastPollOfDevice.value(device, 0), poll) << "device " << device << " poll " << poll;
+        lastPollOfDevice[device] = poll;
+    }
+    std::stable_sort(lines.begin(), lines.end(), [](const QJsonObject& a, const QJsonObject& b) {
+        const int pollA = a.value(QStringLiteral("poll")).toInt();
+        const int pollB = b.value(QStringLiteral("poll")).toInt();
+        if (pollA != pollB) return pollA < pollB;
+        return a.value(QStringLiteral("device")).toInt() < b.value(QStringLiteral("device")).toInt();
+    });
+    return lines;
 }
 
 // The item with `uid` in a poll line's "items"; empty when absent.

@@ -1,6 +1,12 @@
 #include <QTextStream>
+#include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cstdio>
+#include <mutex>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "tools/zelt-modbus/batch_output.h"
 #include "tools/zelt-modbus/cli.h"
@@ -50,16 +56,26 @@ int runPoll(const QStringList& arguments) {
     session.setVerbose(command.flag(QStringLiteral("verbose")));
     if (!session.start(command.pluginPath(), config, &error)) return fail(error);
 
+    // Each device is polled from a thread of its own, as the host does: a slow or dead device delays only its
+    // own lines. A device's lines stay in its poll order; lines of different devices interleave as they come.
     QTextStream out(stdout);
     const bool json = command.flag(QStringLiteral("json"));
-    std::string line;  // reused: its capacity stays from one poll to the next
-    bool allOk = true;
-    for (int poll = 1; count == 0 || poll <= count; ++poll) {
-        if (poll > 1 && !sleepUnlessInterrupted(intervalMs)) break;
-        for (const DeviceConfig& device : session.config().devices) {
+    std::mutex outputMutex;
+    std::atomic<bool> allOk{true};
+    const auto started = std::chrono::steady_clock::now();
+    auto pollDevice = [&](const DeviceConfig& device) {
+        std::string line;  // reused: its capacity stays from one poll to the next
+        for (int poll = 1; count == 0 || poll <= count; ++poll) {
+            if (poll > 1) {
+                const auto due = started + std::chrono::milliseconds(qint64(intervalMs) * (poll - 1));
+                const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                    due - std::chrono::steady_clock::now());
+                if (!sleepUnlessInterrupted(static_cast<int>(std::max<qint64>(0, left.count())))) break;
+            }
             if (interrupted()) break;
             const BatchResult result = session.poll(device);
-            allOk = allOk && result.ok;
+            if (!result.ok) allOk = false;
+            std::lock_guard<std::mutex> lock(outputMutex);
             if (json) {
                 line.clear();
                 appendPollJsonLine(line, poll, result);
@@ -67,12 +83,16 @@ int runPoll(const QStringList& arguments) {
                 std::fflush(stdout);
             } else {
                 printPoll(out, poll, result);
+                out.flush();
             }
         }
-        if (interrupted()) break;
-    }
+    };
+    std::vector<std::thread> pollers;
+    pollers.reserve(static_cast<size_t>(session.config().devices.size()));
+    for (const DeviceConfig& device : session.config().devices) pollers.emplace_back(pollDevice, device);
+    for (std::thread& poller : pollers) poller.join();
     session.stop();
-    return allOk ? 0 : 1;
+    return allOk.load() ? 0 : 1;
 }
 
 }  // namespace zelt_cli
