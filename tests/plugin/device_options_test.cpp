@@ -1,0 +1,70 @@
+// The plant-network settings of a device: every text that is not a number in range reads as the default.
+
+#include <gtest/gtest.h>
+
+#include "connection/request_discipline.h"
+#include "plugin/device_options.h"
+
+namespace {
+
+struct OptionRow {
+    const char* key;
+    const char* text;  // nullptr: the setting is missing
+    int expected;
+};
+
+int optionValue(DeviceOptions const& options, QString const& key) {
+    if (key == QLatin1String("response_timeout_ms")) return options.responseTimeoutMs;
+    if (key == QLatin1String("connect_timeout_ms")) return options.connectTimeoutMs;
+    if (key == QLatin1String("request_pause_ms")) return options.requestPauseMs;
+    if (key == QLatin1String("retries")) return options.retries;
+    if (key == QLatin1String("share_connection")) return options.shareConnection ? 1 : 0;
+    if (key == QLatin1String("backoff_max_ms")) return options.backoffMaxMs;
+    ADD_FAILURE() << key.toStdString();
+    return -1;
+}
+
+TEST(DeviceOptionsTest, EachTextReadsAsItsNumberOrTheDefault) {
+    const OptionRow rows[] = {
+        {"response_timeout_ms", nullptr, 500}, {"response_timeout_ms", "", 500},
+        {"response_timeout_ms", "abc", 500},   {"response_timeout_ms", "0", 500},
+        {"response_timeout_ms", "1", 1},       {"response_timeout_ms", "60000", 60000},
+        {"response_timeout_ms", "60001", 500}, {"response_timeout_ms", " 750 ", 750},
+        {"response_timeout_ms", "-5", 500},    {"connect_timeout_ms", nullptr, 500},
+        {"connect_timeout_ms", "2000", 2000},  {"connect_timeout_ms", "1.5", 500},
+        {"request_pause_ms", nullptr, 0},      {"request_pause_ms", "0", 0},
+        {"request_pause_ms", "10", 10},        {"request_pause_ms", "10000", 10000},
+        {"request_pause_ms", "10001", 0},      {"retries", nullptr, 0},
+        {"retries", "5", 5},                   {"retries", "6", 0},
+        {"retries", "-1", 0},                  {"share_connection", nullptr, 1},
+        {"share_connection", "0", 0},          {"share_connection", "1", 1},
+        {"share_connection", "2", 1},          {"share_connection", "yes", 1},
+        {"backoff_max_ms", nullptr, 10000},    {"backoff_max_ms", "0", 0},
+        {"backoff_max_ms", "600000", 600000},  {"backoff_max_ms", "600001", 10000},
+    };
+    for (const OptionRow& row : rows) {
+        SCOPED_TRACE(std::string(row.key) + " = " + (row.text ? row.text : "(missing)"));
+        QMap<QString, QString> settings;
+        if (row.text) settings.insert(QString::fromLatin1(row.key), QString::fromLatin1(row.text));
+        EXPECT_EQ(optionValue(deviceOptions(settings), QString::fromLatin1(row.key)), row.expected);
+    }
+}
+
+TEST(RequestDisciplineTest, TimeOutsAndBusyAnswersAreSentAgainOtherAnswersAreNot) {
+    EXPECT_TRUE(request_discipline::isRetryable(ETIMEDOUT));
+    EXPECT_TRUE(request_discipline::isRetryable(EINPROGRESS));
+    EXPECT_TRUE(request_discipline::isRetryable(EMBXSBUSY));
+    EXPECT_TRUE(request_discipline::isRetryable(EMBXACK));
+    EXPECT_FALSE(request_discipline::isRetryable(EMBXILADD));
+    EXPECT_FALSE(request_discipline::isRetryable(EMBXGTAR));
+    EXPECT_FALSE(request_discipline::isRetryable(ECONNRESET));
+}
+
+TEST(RequestDisciplineTest, OnlyTransportFailuresCloseTheConnection) {
+    for (int code : {ECONNRESET, ECONNABORTED, EPIPE, ENOTCONN, EBADF, ETIMEDOUT, EINPROGRESS, EMBBADDATA})
+        EXPECT_TRUE(request_discipline::isTransportFailure(code)) << code;
+    for (int code : {EMBXILFUN, EMBXILADD, EMBXILVAL, EMBXSFAIL, EMBXACK, EMBXSBUSY, EMBXGPATH, EMBXGTAR})
+        EXPECT_FALSE(request_discipline::isTransportFailure(code)) << code;
+}
+
+}  // namespace
