@@ -561,3 +561,68 @@ TEST_F(ConnectionTest, DisconnectClosesTheSocket) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(ConnectionTest, ALateAnswerToAnEarlierRequestIsDroppedNotTakenForTheNextOne) {
+    FaultRule late;
+    late.kind = FaultKind::Delay;
+    late.function = 3;
+    late.address = 0;
+    late.delayMs = 1200;
+    simulator.addFault(late);
+    Connection::Network net = network();
+    net.responseTimeoutMs = 1000;
+    int err = 0;
+    Connection connection(net, &host, &err);
+    ASSERT_TRUE(connection.isConnected());
+    unsigned short word = 0;
+    EXPECT_EQ(connection.readWords(HoldingRegister, 0, 1, &word, &err), -1);
+    EXPECT_EQ(err, ETIMEDOUT);
+    // The answer to the first request comes while the second waits: it is read and dropped.
+    EXPECT_EQ(connection.readWords(HoldingRegister, 1, 1, &word, &err), 1);
+    EXPECT_EQ(word, 0x2222);
+    EXPECT_TRUE(Host::instance().hasLog(
+        LogLevel::Debug, QStringLiteral("Dropped a late answer to request 1 while waiting for request 2")));
+}
+
+TEST_F(ConnectionTest, AReplyWithAProtocolIdLibmodbusAcceptsIsAccepted) {
+    FaultRule protocol;
+    protocol.kind = FaultKind::WrongProtocolId;
+    protocol.function = 3;
+    simulator.addFault(protocol);
+    int err = 0;
+    Connection connection(network(), &host, &err);
+    unsigned short word = 0;
+    // Protocol id 0x0001: libmodbus 3.1.6 refuses a protocol id only when both of its bytes are set.
+    EXPECT_EQ(connection.readWords(HoldingRegister, 2, 1, &word, &err), 1);
+    EXPECT_EQ(word, 0x3333);
+}
+
+TEST_F(ConnectionTest, AReplyIsSizedByItsFunctionCodeNotByItsLengthField) {
+    FaultRule wrongLength;
+    wrongLength.kind = FaultKind::WrongLength;
+    wrongLength.function = 3;
+    wrongLength.lengthField = 200;
+    simulator.addFault(wrongLength);
+    int err = 0;
+    Connection connection(network(), &host, &err);
+    unsigned short words[2] = {};
+    EXPECT_EQ(connection.readWords(HoldingRegister, 0, 2, words, &err), 2);
+    EXPECT_EQ(words[0], 0x1111);
+    EXPECT_EQ(words[1], 0x2222);
+}
+
+TEST_F(ConnectionTest, ARequestPauseDelaysEachRequestAfterTheLastAnswer) {
+    Connection::Network net = network();
+    net.requestPauseMs = 100;
+    int err = 0;
+    Connection connection(net, &host, &err);
+    unsigned short word = 0;
+    const auto started = std::chrono::steady_clock::now();
+    for (int i = 0; i < 3; ++i) ASSERT_EQ(connection.readWords(HoldingRegister, 0, 1, &word, &err), 1);
+    // A pause after the connect and after each of the first two answers.
+    EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(300));
+}
+
+}  // namespace

@@ -1,8 +1,8 @@
 // The back-off schedule, driven by a clock the test sets.
 
-#include <gtest/gtest.h>
-
 #include "plugin/backoff.h"
+
+#include <gtest/gtest.h>
 
 namespace {
 

@@ -1,9 +1,10 @@
 // The plant-network settings of a device: every text that is not a number in range reads as the default.
 
+#include "plugin/device_options.h"
+
 #include <gtest/gtest.h>
 
 #include "connection/request_discipline.h"
-#include "plugin/device_options.h"
 
 namespace {
 
@@ -26,21 +27,36 @@ int optionValue(DeviceOptions const& options, QString const& key) {
 
 TEST(DeviceOptionsTest, EachTextReadsAsItsNumberOrTheDefault) {
     const OptionRow rows[] = {
-        {"response_timeout_ms", nullptr, 500}, {"response_timeout_ms", "", 500},
-        {"response_timeout_ms", "abc", 500},   {"response_timeout_ms", "0", 500},
-        {"response_timeout_ms", "1", 1},       {"response_timeout_ms", "60000", 60000},
-        {"response_timeout_ms", "60001", 500}, {"response_timeout_ms", " 750 ", 750},
-        {"response_timeout_ms", "-5", 500},    {"connect_timeout_ms", nullptr, 500},
-        {"connect_timeout_ms", "2000", 2000},  {"connect_timeout_ms", "1.5", 500},
-        {"request_pause_ms", nullptr, 0},      {"request_pause_ms", "0", 0},
-        {"request_pause_ms", "10", 10},        {"request_pause_ms", "10000", 10000},
-        {"request_pause_ms", "10001", 0},      {"retries", nullptr, 0},
-        {"retries", "5", 5},                   {"retries", "6", 0},
-        {"retries", "-1", 0},                  {"share_connection", nullptr, 1},
-        {"share_connection", "0", 0},          {"share_connection", "1", 1},
-        {"share_connection", "2", 1},          {"share_connection", "yes", 1},
-        {"backoff_max_ms", nullptr, 10000},    {"backoff_max_ms", "0", 0},
-        {"backoff_max_ms", "600000", 600000},  {"backoff_max_ms", "600001", 10000},
+        {"response_timeout_ms", nullptr, 500},
+        {"response_timeout_ms", "", 500},
+        {"response_timeout_ms", "abc", 500},
+        {"response_timeout_ms", "0", 500},
+        {"response_timeout_ms", "1", 1},
+        {"response_timeout_ms", "60000", 60000},
+        {"response_timeout_ms", "60001", 500},
+        {"response_timeout_ms", " 750 ", 750},
+        {"response_timeout_ms", "-5", 500},
+        {"connect_timeout_ms", nullptr, 500},
+        {"connect_timeout_ms", "2000", 2000},
+        {"connect_timeout_ms", "1.5", 500},
+        {"request_pause_ms", nullptr, 0},
+        {"request_pause_ms", "0", 0},
+        {"request_pause_ms", "10", 10},
+        {"request_pause_ms", "10000", 10000},
+        {"request_pause_ms", "10001", 0},
+        {"retries", nullptr, 0},
+        {"retries", "5", 5},
+        {"retries", "6", 0},
+        {"retries", "-1", 0},
+        {"share_connection", nullptr, 1},
+        {"share_connection", "0", 0},
+        {"share_connection", "1", 1},
+        {"share_connection", "2", 1},
+        {"share_connection", "yes", 1},
+        {"backoff_max_ms", nullptr, 10000},
+        {"backoff_max_ms", "0", 0},
+        {"backoff_max_ms", "600000", 600000},
+        {"backoff_max_ms", "600001", 10000},
     };
     for (const OptionRow& row : rows) {
         SCOPED_TRACE(std::string(row.key) + " = " + (row.text ? row.text : "(missing)"));

@@ -1,0 +1,243 @@
+// The plugin on a plant network, modelled by the simulator: units behind one gateway, busy and silent units,
+// late answers, unreachable devices, and typos in addresses.
+
+#include <gtest/gtest.h>
+
+#include <set>
+
+#include "common/plugin_batch.h"
+#include "common/plugin_fixture.h"
+#include "plugin/modbus.h"
+#include "tools/sim/simulator.h"
+#include "tools/standin/standin_host.h"
+
+using plugin_test::Batch;
+using plugin_test::makeDevice;
+using plugin_test::makeItem;
+using zelt_standin::Host;
+
+namespace {
+
+constexpr int kGatewayUnits = 8;
+
+class PlantNetworkTest : public plugin_test::PluginAndSimulatorTest {
+protected:
+    // A unit behind the simulated gateway, with the host's default of a kept connection; the device id is
+    // the unit id.
+    DeviceInstancePlugin unit(int unitId, QMap<QString, QString> settings = {}) {
+        settings.insert(QStringLiteral("server_id"), QString::number(unitId));
+        if (!settings.contains(QStringLiteral("persistent_connection")))
+            settings.insert(QStringLiteral("persistent_connection"), QStringLiteral("1"));
+        return makeDevice(unitId, sim.port(), settings);
+    }
+
+    // Requests for each unit, by function code 3 only (identity probes left out).
+    std::map<int, int> holdingReadsByUnit() const {
+        std::map<int, int> reads;
+        for (const modbus_sim::RequestRecord& record : sim.requestLog())
+            if (record.function == 3) ++reads[record.unit];
+        return reads;
+    }
+};
+
+TEST_F(PlantNetworkTest, UnitsBehindOneGatewayShareOneConnection) {
+    sim.setHoldingRegisters(0, {1234});
+    for (int round = 0; round < 3; ++round) {
+        for (int unitId = 1; unitId <= kGatewayUnits; ++unitId) {
+            SCOPED_TRACE(unitId);
+            Batch batch(unit(unitId));
+            batch.add(makeItem("value", "40001", "4", "2"));
+            EXPECT_TRUE(plugin.readData(&batch.list)) << batch.list.device.lastError.toStdString();
+            EXPECT_EQ(batch.value("value"), QStringLiteral("1234"));
+        }
+    }
+    EXPECT_EQ(sim.acceptedConnections(), 1);
+    std::map<int, int> expected;
+    for (int unitId = 1; unitId <= kGatewayUnits; ++unitId) expected[unitId] = 3;
+    EXPECT_EQ(holdingReadsByUnit(), expected);
+}
+
+TEST_F(PlantNetworkTest, ADeviceThatAsksForItsOwnConnectionGetsOne) {
+    Batch first(unit(1));
+    Batch second(unit(2, {{"share_connection", "0"}}));
+    first.add(makeItem("value", "40001", "4", "2"));
+    second.add(makeItem("value", "40001", "4", "2"));
+    EXPECT_TRUE(plugin.readData(&first.list));
+    EXPECT_TRUE(plugin.readData(&second.list));
+    EXPECT_EQ(sim.acceptedConnections(), 2);
+}
+
+TEST_F(PlantNetworkTest, ASharedConnectionIsClosedOnlyWhenNoDeviceKeepsIt) {
+    Batch keeps(unit(1));
+    Batch closes(unit(2, {{"persistent_connection", "0"}}));
+    keeps.add(makeItem("value", "40001", "4", "2"));
+    closes.add(makeItem("value", "40001", "4", "2"));
+    EXPECT_TRUE(plugin.readData(&keeps.list));
+    EXPECT_TRUE(plugin.readData(&closes.list));
+    EXPECT_TRUE(plugin.readData(&keeps.list));
+    EXPECT_EQ(sim.acceptedConnections(), 1);
+    EXPECT_EQ(sim.closedConnections(), 0);
+
+    Batch alsoCloses(unit(1, {{"persistent_connection", "0"}}));
+    alsoCloses.add(makeItem("value", "40001", "4", "2"));
+    EXPECT_TRUE(plugin.readData(&alsoCloses.list));
+    EXPECT_TRUE(plugin_test::waitUntil([&] { return sim.closedConnections() == 1; }));
+}
+
+TEST_F(PlantNetworkTest, ADeadUnitBehindTheGatewayFailsAloneAndKeepsTheConnection) {
+    sim.setHoldingRegisters(0, {77});
+    sim.setUnits({1, 2});
+    sim.setUnknownUnitReply(modbus_sim::UnknownUnitReply::GatewayException);
+    Batch live(unit(1));
+    Batch dead(unit(3));
+    Batch neighbour(unit(2));
+    for (Batch* batch : {&live, &dead, &neighbour}) batch->add(makeItem("value", "40001", "4", "2"));
+    EXPECT_TRUE(plugin.readData(&live.list));
+    EXPECT_FALSE(plugin.readData(&dead.list));
+    EXPECT_TRUE(plugin.readData(&neighbour.list));
+    EXPECT_EQ(dead.error("value"), QStringLiteral("Target device failed to respond"));
+    EXPECT_EQ(dead.list.device.lastError, QStringLiteral("Target device failed to respond"));
+    EXPECT_EQ(live.value("value"), QStringLiteral("77"));
+    EXPECT_EQ(neighbour.value("value"), QStringLiteral("77"));
+    EXPECT_EQ(sim.acceptedConnections(), 1);
+}
+
+TEST_F(PlantNetworkTest, ASilentUnitIsPausedAfterThreePollsWithoutAnAnswerAndItsNeighboursGoOn) {
+    sim.setHoldingRegisters(0, {5});
+    sim.setUnits({1});
+    Batch silent(unit(2, {{"response_timeout_ms", "50"}}));
+    silent.add(makeItem("value", "40001", "4", "2"));
+    for (int poll = 1; poll <= 3; ++poll) {
+        SCOPED_TRACE(poll);
+        EXPECT_FALSE(plugin.readData(&silent.list));
+        EXPECT_EQ(silent.list.device.lastError, QStringLiteral("Connection timed out"));
+        EXPECT_EQ(silent.error("value"), QStringLiteral("Connection timed out"));
+    }
+    const qint64 pausedAt = Backoff::clockMs();
+    const int requestsBefore = holdingReadsByUnit()[2];
+    EXPECT_EQ(requestsBefore, 3);
+    EXPECT_FALSE(plugin.readData(&silent.list));
+    // The first pause lasts a second; a machine too loaded to poll again within it cannot check it.
+    if (Backoff::clockMs() - pausedAt < Backoff::kFirstPauseMs) {
+        EXPECT_EQ(silent.list.device.lastError, QStringLiteral("Connection timed out; next attempt in 1 s"));
+        EXPECT_EQ(holdingReadsByUnit()[2], requestsBefore);
+    }
+
+    Batch neighbour(unit(1));
+    neighbour.add(makeItem("value", "40001", "4", "2"));
+    EXPECT_TRUE(plugin.readData(&neighbour.list));
+    EXPECT_EQ(neighbour.value("value"), QStringLiteral("5"));
+}
+
+TEST_F(PlantNetworkTest, ATimedOutRequestIsSentAgainAsOftenAsTheRetriesSay) {
+    modbus_sim::FaultRule silence;
+    silence.kind = modbus_sim::FaultKind::Silence;
+    silence.function = 3;
+    silence.address = 5;
+    sim.addFault(silence);
+    sim.setHoldingRegisters(0, {10, 11});
+    Batch batch(unit(1, {{"retries", "2"}, {"response_timeout_ms", "50"}, {"max_read_registers", "2"}}));
+    batch.add(makeItem("a", "40001", "4", "2"));
+    batch.add(makeItem("b", "40002", "4", "2"));
+    batch.add(makeItem("lost", "40006", "4", "2"));
+    EXPECT_FALSE(plugin.readData(&batch.list));
+    EXPECT_EQ(batch.value("a"), QStringLiteral("10"));
+    EXPECT_EQ(batch.value("b"), QStringLiteral("11"));
+    EXPECT_EQ(batch.error("lost"), QStringLiteral("Connection timed out"));
+    int tries = 0;
+    for (const modbus_sim::RequestRecord& record : sim.requestLog())
+        if (record.function == 3 && record.address == 5) ++tries;
+    EXPECT_EQ(tries, 3);
+    // Each time-out closed the connection: what came after it could not be matched to a request.
+    EXPECT_EQ(sim.acceptedConnections(), 3);
+}
+
+TEST_F(PlantNetworkTest, ALateAnswerFailsOnlyItsRequestAndNoOtherItemTakesItsData) {
+    sim.setHoldingRegisters(0, {1, 2, 3, 4});
+    sim.setInputRegisters(0, {9});
+    modbus_sim::FaultRule late;
+    late.kind = modbus_sim::FaultKind::Delay;
+    late.function = 3;
+    late.address = 0;
+    late.delayMs = 300;
+    sim.addFault(late);
+    Batch batch(unit(1, {{"response_timeout_ms", "100"}, {"max_read_registers", "2"}}));
+    batch.add(makeItem("late1", "40001", "4", "2"));
+    batch.add(makeItem("late2", "40002", "4", "2"));
+    batch.add(makeItem("next1", "40003", "4", "2"));
+    batch.add(makeItem("next2", "40004", "4", "2"));
+    batch.add(makeItem("input", "30001", "4", "2"));
+    for (int poll = 1; poll <= 3; ++poll) {
+        SCOPED_TRACE(poll);
+        EXPECT_FALSE(plugin.readData(&batch.list));
+        EXPECT_EQ(batch.error("late1"), QStringLiteral("Connection timed out"));
+        EXPECT_EQ(batch.error("late2"), QStringLiteral("Connection timed out"));
+        EXPECT_EQ(batch.value("next1"), QStringLiteral("3"));
+        EXPECT_EQ(batch.value("next2"), QStringLiteral("4"));
+        EXPECT_EQ(batch.value("input"), QStringLiteral("9"));
+        EXPECT_EQ(batch.error("next1"), QString());
+        EXPECT_EQ(batch.error("input"), QString());
+    }
+}
+
+TEST_F(PlantNetworkTest, AnUnreachableDeviceIsPausedAndAPollInThePauseSendsNothing) {
+    const quint16 closedPort = sim.port();
+    sim.stop();
+    Batch batch(makeDevice(1, closedPort));
+    batch.add(makeItem("a", "40001", "4", "2"));
+    EXPECT_FALSE(plugin.readData(&batch.list));
+    EXPECT_EQ(batch.list.device.lastError, QStringLiteral("Could not connect. Connection refused"));
+    const qint64 pausedAt = Backoff::clockMs();
+    Host::instance().clearLogs();
+    EXPECT_FALSE(plugin.readData(&batch.list));
+    if (Backoff::clockMs() - pausedAt < Backoff::kFirstPauseMs) {
+        EXPECT_EQ(batch.list.device.lastError,
+                  QStringLiteral("Could not connect. Connection refused; next attempt in 1 s"));
+        EXPECT_FALSE(
+            Host::instance().hasLog(zelt_standin::LogLevel::Debug,
+                                    QStringLiteral("Could not connect to 127.0.0.1. Connection refused")));
+    }
+}
+
+TEST_F(PlantNetworkTest, AWriteIsTriedWhileThePollsArePaused) {
+    const quint16 port = sim.port();
+    sim.stop();
+    Batch poll(makeDevice(1, port));
+    poll.add(makeItem("a", "40001", "4", "2"));
+    EXPECT_FALSE(plugin.readData(&poll.list));
+    ASSERT_TRUE(plugin.readData(&poll.list) == false);
+    modbus_sim::Simulator revived;
+    if (!revived.start(QStringLiteral("127.0.0.1"), port)) GTEST_SKIP() << "the port was taken meanwhile";
+    Batch write(makeDevice(1, port));
+    DataItem* item = write.add(makeItem("a", "40001", "4", "2"));
+    item->values.insert(QStringLiteral("value"), QStringLiteral("42"));
+    EXPECT_TRUE(plugin.writeData(&write.list)) << write.list.device.lastError.toStdString();
+    EXPECT_EQ(revived.holdingRegisters(0, 1), std::vector<uint16_t>{42});
+    // The write reached the device: the pause is over and the next poll goes out.
+    EXPECT_TRUE(plugin.readData(&poll.list));
+    EXPECT_EQ(poll.value("a"), QStringLiteral("42"));
+}
+
+TEST_F(PlantNetworkTest, AnInvalidAddressShowsOnTheItem) {
+    sim.setHoldingRegisters(0, {8});
+    Batch batch(unit(1));
+    batch.add(makeItem("typo", "4000x", "4", "2"));
+    batch.add(makeItem("good", "40001", "4", "2"));
+    EXPECT_TRUE(plugin.readData(&batch.list));
+    EXPECT_EQ(batch.error("typo"), QStringLiteral("Invalid register address"));
+    EXPECT_EQ(batch.value("typo"), QString());
+    EXPECT_EQ(batch.value("good"), QStringLiteral("8"));
+}
+
+TEST_F(PlantNetworkTest, AnExceptionAnswerKeepsTheConnectionForTheNextPoll) {
+    sim.addFault(plugin_test::exceptionFault(3, 2));
+    Batch batch(unit(1));
+    batch.add(makeItem("a", "40001", "4", "2"));
+    for (int poll = 0; poll < 3; ++poll) {
+        EXPECT_TRUE(plugin.readData(&batch.list));
+        EXPECT_EQ(batch.error("a"), QStringLiteral("Illegal data address"));
+    }
+    EXPECT_EQ(sim.acceptedConnections(), 1);
+}
+
+}  // namespace
