@@ -6,6 +6,7 @@
 #include <QObject>
 #include <QSet>
 #include <QString>
+#include <chrono>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -47,6 +48,7 @@ public:
         // The last poll's parsed items by batch position, and the read list's buffer.
         std::vector<ParsedItem> parsedItems;
         std::vector<ReadEntry> readList;
+        std::vector<ReadEntry> diagnosticList;
         // The batch positions of the last sorted read list, in its order, and the batch size they belong to.
         std::vector<unsigned int> sortedSlots;
         size_t sortedBatchSize = 0;
@@ -118,6 +120,12 @@ public:
 
 private:
     bool readBatch(LogList* list);
+    // The poll proper; `used` receives the connection it used, if any.
+    bool pollDevice(LogList* list, DeviceState& state, DeviceOptions const& options, int batchSize,
+                    std::shared_ptr<TcpDeviceConnection>* used);
+    // Writes the device's diagnostic items and keeps its poll's time and outcome.
+    void finishPoll(DeviceState& state, DeviceInstancePlugin const& device, bool ok,
+                    TcpDeviceConnection* used, std::chrono::steady_clock::time_point started);
     // Closes the connection after a batch unless a device using it keeps it open.
     void keepOrClose(TcpDeviceConnection& entry, DeviceInstancePlugin const& device);
 

@@ -6,6 +6,7 @@
 #include <exception>
 
 #include "codec/address_space.h"
+#include "plugin/diagnostics.h"
 #include "plugin/modbus.h"
 #include "plugin/modbus_identity_specs.h"
 #include "plugin/read_entry.h"
@@ -86,6 +87,8 @@ bool Modbus::readBatch(LogList* list) {
     parsedItems.resize(static_cast<size_t>(list->dataItems.size()));
     std::vector<ReadEntry>& readList = state->readList;
     readList.clear();
+    std::vector<ReadEntry>& diagnosticList = state->diagnosticList;
+    diagnosticList.clear();
     bool hasNullEntry = false;
     bool reparsedAny = false;
     for (int i = 0; i < list->dataItems.size(); ++i) {
@@ -97,7 +100,10 @@ bool Modbus::readBatch(LogList* list) {
         ParsedItem& slot = parsedItems[static_cast<size_t>(i)];
         const ReadEntry& parsed = cachedReadEntry(dataItem, slot, &reparsedAny);
         slot.entry.slot = static_cast<unsigned int>(i);
-        if (!parsed.identity) readList.push_back(parsed);
+        if (parsed.diagnostic)
+            diagnosticList.push_back(parsed);
+        else if (!parsed.identity)
+            readList.push_back(parsed);
     }
 
     // While every item of the batch is parsed as it was, sorting the same keys again gives the last order.
@@ -131,6 +137,18 @@ bool Modbus::readBatch(LogList* list) {
                                   }),
                    readList.end());
 
+    const auto started = std::chrono::steady_clock::now();
+    std::shared_ptr<TcpDeviceConnection> used;
+    const bool ok = pollDevice(list, *state, options, batchSize, &used);
+    finishPoll(*state, device, ok, used.get(), started);
+    return ok;
+}
+
+bool Modbus::pollDevice(LogList* list, DeviceState& deviceState, DeviceOptions const& options, int batchSize,
+                        std::shared_ptr<TcpDeviceConnection>* used) {
+    DeviceInstancePlugin& device = list->device;
+    DeviceState* state = &deviceState;
+    std::vector<ReadEntry>& readList = state->readList;
     // A device that cannot be reached is left alone until its pause has passed: a poll then costs nothing.
     const qint64 pollStartMs = Backoff::clockMs();
     if (state->backoff.paused(pollStartMs)) {
@@ -140,6 +158,7 @@ bool Modbus::readBatch(LogList* list) {
 
     std::shared_ptr<TcpDeviceConnection> entry = tcpDeviceConnection(device, options, nullptr);
     if (!entry) return false;
+    *used = entry;
     std::lock_guard<std::mutex> connectionLock(entry->mutex);
     RequestRunner runner(*this, *entry, *state, device, options);
 
@@ -186,6 +205,33 @@ bool Modbus::readBatch(LogList* list) {
                   device.name);
     keepOrClose(*entry, device);
     return true;
+}
+
+void Modbus::finishPoll(DeviceState& state, DeviceInstancePlugin const& device, bool ok,
+                        TcpDeviceConnection* used, std::chrono::steady_clock::time_point started) {
+    DeviceHealth& health = state.health;
+    if (ok) health.lastOk = QDateTime::currentDateTimeUtc();
+    if (!state.diagnosticList.empty()) {
+        diagnostics::DeviceView view;
+        view.health = &health;
+        if (used) {
+            std::lock_guard<std::mutex> lock(used->mutex);
+            view.connected = used->connection.isConnected();
+        }
+        view.backoffSeconds = state.backoff.remainingSeconds(Backoff::clockMs());
+        view.lastError = ok ? QStringLiteral("") : device.lastError;
+        for (const ReadEntry& entry : state.diagnosticList) {
+            ItemInstancePlugin& item = entry.dataItem->item;
+            QString value =
+                diagnostics::valueOf(setting_keys::settingText(item.settings, setting_keys::kRegister), view);
+            if (value.isNull())
+                item.setLastError(diagnostics::kUnknownItem);
+            else
+                entry.dataItem->values[setting_keys::kValue] = std::move(value);
+        }
+    }
+    health.lastPollMs =
+        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started).count();
 }
 
 void Modbus::keepOrClose(TcpDeviceConnection& entry, DeviceInstancePlugin const& device) {

@@ -6,6 +6,7 @@
 #include "codec/number_text.h"
 #include "codec/var_type.h"
 #include "identity/zelt_identity.h"
+#include "plugin/diagnostics.h"
 #include "plugin/setting_keys.h"
 
 namespace {
@@ -52,6 +53,7 @@ ReadEntry makeReadEntry(DataItem* dataItem) {
     ReadEntry entry;
     entry.dataItem = dataItem;
     entry.identity = zelt_identity::isIdentityAddress(registerText);
+    entry.diagnostic = diagnostics::isDiagnosticAddress(registerText);
     entry.table = static_cast<RegisterType>(address.table);
     entry.offset = address.offset;
     entry.span = address.span;

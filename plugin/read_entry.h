@@ -9,7 +9,8 @@
 
 struct ReadEntry {
     DataItem* dataItem = nullptr;
-    bool identity = false;  // an identity item: published, never read
+    bool identity = false;    // an identity item: published, never read
+    bool diagnostic = false;  // a diagnostic item: written from the device's health, never read
     RegisterType table = HoldingRegister;
     int offset = -1;
     unsigned int span = 0;

@@ -12,6 +12,7 @@
 #include "codec/address_space.h"
 #include "codec/value_encoding.h"
 #include "identity/zelt_identity.h"
+#include "plugin/diagnostics.h"
 #include "plugin/modbus.h"
 #include "plugin/request_runner.h"
 
@@ -236,6 +237,10 @@ bool Modbus::writeData(LogList* list) {
             }
             ItemInstancePlugin& item = dataItem->item;
             if (zelt_identity::isIdentityAddress(item.settings.value(kRegisterKey))) {
+                continue;
+            }
+            if (diagnostics::isDiagnosticAddress(item.settings.value(kRegisterKey))) {
+                item.setLastError(diagnostics::kReadOnly);
                 continue;
             }
             bool const failedBefore =
