@@ -196,8 +196,8 @@ int Connection::connectSocket(int* err) const {
             const auto deadline = std::chrono::steady_clock::now() + budget;
             int ready = 0;
             for (;;) {
-                const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                    deadline - std::chrono::steady_clock::now());
+                const auto left =
+                    std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
                 ready = ::poll(&descriptor, 1, left.count() > 0 ? static_cast<int>(left.count()) : 0);
                 if (ready >= 0 || errno != EINTR) break;
             }
@@ -399,8 +399,8 @@ namespace {
 // Waits for the socket until the deadline; false with *err set when it does not become ready.
 bool waitForSocket(int socket, short events, std::chrono::steady_clock::time_point deadline, int* err) {
     for (;;) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
+        const auto left =
+            std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
         pollfd descriptor{socket, events, 0};
         const int ready = ::poll(&descriptor, 1, left.count() > 0 ? static_cast<int>(left.count()) : 0);
         if (ready > 0) return true;
