@@ -4,15 +4,21 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 
+#include <QProcess>
+#include <QRegularExpression>
+#include <QTemporaryDir>
 #include <algorithm>
 #include <chrono>
 #include <thread>
 #include <vector>
 
 #include "tools/sim/blackhole_listener.h"
+#include "tools/sim/sim_fault_names.h"
 #include "tools/sim/simulator.h"
 #include "tools/simulator_raw_client.h"
+#include "tools/zelt_modbus_runner.h"
 
 namespace {
 
@@ -343,6 +349,176 @@ TEST(BlackholeListener, OnlyLoopback) {
     EXPECT_EQ(error, QStringLiteral("not a loopback address: 10.0.0.1"));
     EXPECT_FALSE(blackhole.start(QStringLiteral("localhost"), 0, &error));
     EXPECT_EQ(error, QStringLiteral("not an IPv4 address: localhost"));
+}
+
+TEST(SimulatorPlantNetworkMap, BusyEveryFaultReadsItsCount) {
+    std::vector<FaultRule> faults;
+    QString error;
+    ASSERT_TRUE(
+        modbus_sim::readMapFaults(R"({"faults": [{"kind": "busy_every", "every_requests": 3, "unit": 2},
+                                                         {"kind": "busy_every"}]})",
+                                  &faults, &error))
+        << error.toStdString();
+    ASSERT_EQ(faults.size(), 2u);
+    EXPECT_EQ(faults[0].kind, FaultKind::BusyEvery);
+    EXPECT_EQ(faults[0].everyRequests, 3);
+    EXPECT_EQ(faults[0].unit, 2);
+    EXPECT_EQ(faults[1].everyRequests, 1);
+}
+
+TEST(SimulatorPlantNetworkMap, SettingsTakeEffect) {
+    Simulator simulator;
+    QString error;
+    ASSERT_TRUE(simulator.loadMapJson(R"({"holding_registers": {"0": [258]}, "connection_limit": 1,
+                                          "serial_line_ms": 100, "dead_units": [2, 3],
+                                          "dead_unit_reply": "gateway_exception",
+                                          "faults": [{"kind": "busy_every", "every_requests": 2}]})",
+                                      &error))
+        << error.toStdString();
+    EXPECT_EQ(simulator.deadUnits(), std::set<int>({2, 3}));
+    EXPECT_EQ(simulator.deadUnitReply(), UnknownUnitReply::GatewayException);
+    ASSERT_TRUE(simulator.start());
+    RawClient client;
+    RawClient rejected;
+    ASSERT_TRUE(client.connectTo(simulator.port()));
+    ASSERT_TRUE(waitFor([&] { return simulator.acceptedConnections() == 1; }));
+    ASSERT_TRUE(rejected.connectTo(simulator.port()));
+    EXPECT_TRUE(rejected.readUntilClosed().isEmpty());
+    EXPECT_TRUE(waitFor([&] { return simulator.rejectedConnections() == 1; }));
+    EXPECT_EQ(client.exchange(readRequest(1, 3)).toHex(), exceptionAnswerHex(1, 3, "830b"));
+    EXPECT_EQ(client.exchange(readRequest(2)).toHex(), readAnswerHex(2));
+    EXPECT_EQ(client.exchange(readRequest(3)).toHex(), exceptionAnswerHex(3, 1, "8306"));
+    const std::vector<RequestRecord> log = simulator.requestLog();
+    ASSERT_EQ(log.size(), 3u);
+    for (const RequestRecord& record : log) EXPECT_GE(record.answeredUs - record.receivedUs, 100 * kUsPerMs);
+
+    // A reply on its own keeps the dead units; an empty list revives them.
+    ASSERT_TRUE(simulator.loadMapJson(R"({"dead_unit_reply": "silence"})", &error)) << error.toStdString();
+    EXPECT_EQ(simulator.deadUnits(), std::set<int>({2, 3}));
+    EXPECT_EQ(simulator.deadUnitReply(), UnknownUnitReply::Silence);
+    ASSERT_TRUE(simulator.loadMapJson(R"({"dead_units": []})", &error)) << error.toStdString();
+    EXPECT_EQ(simulator.deadUnits(), std::set<int>());
+}
+
+TEST(SimulatorPlantNetworkMap, MinimumGapFromTheMap) {
+    Simulator simulator;
+    QString error;
+    ASSERT_TRUE(simulator.loadMapJson(R"({"minimum_request_gap_ms": 2000})", &error)) << error.toStdString();
+    ASSERT_TRUE(simulator.start());
+    RawClient client;
+    ASSERT_TRUE(client.connectTo(simulator.port()));
+    ASSERT_TRUE(client.send(readRequest(1)));
+    EXPECT_TRUE(client.readSome(1, kSilenceWaitMs).isEmpty());
+    ASSERT_TRUE(waitFor([&] { return simulator.totalRequests() == 1; }));
+    EXPECT_TRUE(simulator.requestLog().at(0).dropped);
+}
+
+TEST(SimulatorPlantNetworkMap, BadValuesNameTheKey) {
+    struct Row {
+        const char* json;
+        const char* error;
+    };
+    const Row rows[] = {
+        {R"({"connection_limit": -1})", "key \"connection_limit\": value -1 is out of range 0..1024"},
+        {R"({"connection_limit": 1025})", "key \"connection_limit\": value 1025 is out of range 0..1024"},
+        {R"({"connection_limit": true})", "key \"connection_limit\": expected a whole number"},
+        {R"({"serial_line_ms": 60001})", "key \"serial_line_ms\": value 60001 is out of range 0..60000"},
+        {R"({"serial_line_ms": 1.5})", "key \"serial_line_ms\": expected a whole number"},
+        {R"({"minimum_request_gap_ms": "100"})", "key \"minimum_request_gap_ms\": expected a whole number"},
+        {R"({"minimum_request_gap_ms": -5})",
+         "key \"minimum_request_gap_ms\": value -5 is out of range 0..60000"},
+        {R"({"dead_units": 2})", "key \"dead_units\": expected an array of unit ids"},
+        {R"({"dead_units": [1, 256]})", "key \"dead_units[1]\": value 256 is out of range 0..255"},
+        {R"({"dead_unit_reply": "exception"})",
+         "key \"dead_unit_reply\": expected \"silence\" or \"gateway_exception\""},
+        {R"({"faults": [{"kind": "busy_every", "every_requests": 0}]})",
+         "key \"faults[0].every_requests\": value 0 is out of range 1..2147483647"},
+        {R"({"faults": [{"kind": "exception", "every_requests": 2}]})",
+         "key \"faults[0].every_requests\": not used by fault kind \"exception\""},
+        {R"({"faults": [{"kind": "busy_every", "after_requests": 2}]})",
+         "key \"faults[0].after_requests\": not used by fault kind \"busy_every\""},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.json);
+        Simulator simulator;
+        QString error;
+        EXPECT_FALSE(simulator.loadMapJson(row.json, &error));
+        EXPECT_EQ(error.toStdString(), row.error);
+    }
+}
+
+using zelt_modbus_test::runTool;
+
+TEST(SimulatorPlantNetworkCommand, BadOptionsAreUsageErrors) {
+    struct Row {
+        QStringList arguments;
+        const char* message;
+    };
+    const Row rows[] = {
+        {{"simulate", "--connection-limit", "-1"},
+         "zelt-modbus: --connection-limit needs a whole number of at least 0, not \"-1\"\n"},
+        {{"simulate", "--connection-limit", "1025"},
+         "zelt-modbus simulate: --connection-limit must be at most 1024\n"},
+        {{"simulate", "--serial-line", "60001"},
+         "zelt-modbus simulate: --serial-line must be at most 60000\n"},
+        {{"simulate", "--min-request-gap", "soon"},
+         "zelt-modbus: --min-request-gap needs a whole number of at least 0, not \"soon\"\n"},
+        {{"simulate", "--busy-every", "0"},
+         "zelt-modbus: --busy-every needs a whole number of at least 1, not \"0\"\n"},
+        {{"simulate", "--dead-units", "1,300"},
+         "zelt-modbus simulate: --dead-units: \"300\" is not a unit id in 0..255\n"},
+        {{"simulate", "--dead-unit-reply", "loud"},
+         "zelt-modbus simulate: --dead-unit-reply must be silence or gateway_exception, not \"loud\"\n"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.message);
+        const auto run = runTool(row.arguments);
+        EXPECT_EQ(run.exitCode, 2);
+        EXPECT_TRUE(run.err.startsWith(QString::fromUtf8(row.message))) << run.err.toStdString();
+        EXPECT_TRUE(run.err.contains(QStringLiteral("Usage: zelt-modbus simulate")));
+    }
+}
+
+TEST(SimulatorPlantNetworkCommand, OptionsTakeEffect) {
+    QTemporaryDir dir;
+    ASSERT_TRUE(dir.isValid());
+    const QString map = dir.filePath(QStringLiteral("map.json"));
+    // The options override the map's dead units and reply.
+    ASSERT_TRUE(zelt_modbus_test::writeFile(
+        map, R"({"holding_registers": {"0": [258]}, "dead_units": [4], "dead_unit_reply": "silence"})"));
+    QProcess process;
+    zelt_test::startProgram(
+        process, zelt_modbus_test::toolPath(),
+        {QStringLiteral("simulate"), QStringLiteral("--map"), map, QStringLiteral("--connection-limit"),
+         QStringLiteral("1"), QStringLiteral("--serial-line"), QStringLiteral("50"),
+         QStringLiteral("--busy-every"), QStringLiteral("3"), QStringLiteral("--dead-units"),
+         QStringLiteral("2,3"), QStringLiteral("--dead-unit-reply"), QStringLiteral("gateway_exception")});
+    ASSERT_TRUE(process.waitForReadyRead(simulator_test::kAnswerWaitMs))
+        << process.readAllStandardError().toStdString();
+    const QRegularExpressionMatch match =
+        QRegularExpression(QStringLiteral("^listening on 127\\.0\\.0\\.1:(\\d+)\n$"))
+            .match(QString::fromUtf8(process.readLine()));
+    ASSERT_TRUE(match.hasMatch());
+    const uint16_t port = static_cast<uint16_t>(match.captured(1).toInt());
+
+    RawClient client;
+    ASSERT_TRUE(client.connectTo(port));
+    EXPECT_EQ(client.exchange(readRequest(1, 4)).toHex(), readAnswerHex(1, 4));
+    EXPECT_EQ(client.exchange(readRequest(2, 2)).toHex(), exceptionAnswerHex(2, 2, "830b"));
+    // The dead unit's request was not counted by the busy rule: this is the rule's second request.
+    EXPECT_EQ(client.exchange(readRequest(3, 1)).toHex(), readAnswerHex(3, 1));
+    EXPECT_EQ(client.exchange(readRequest(4, 1)).toHex(), exceptionAnswerHex(4, 1, "8306"));
+    RawClient rejected;
+    ASSERT_TRUE(rejected.connectTo(port));
+    EXPECT_TRUE(rejected.readUntilClosed().isEmpty());
+    EXPECT_EQ(rejected.lastError, 0);
+    client.close();
+
+    ::kill(static_cast<pid_t>(process.processId()), SIGTERM);
+    ASSERT_TRUE(process.waitForFinished(simulator_test::kAnswerWaitMs));
+    EXPECT_EQ(process.exitCode(), 0);
+    EXPECT_EQ(QString::fromUtf8(process.readAllStandardOutput()),
+              QStringLiteral("stopped after 4 requests\n"));
 }
 
 }  // namespace

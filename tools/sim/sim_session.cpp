@@ -118,17 +118,21 @@ bool Session::sendAll(const QByteArray& bytes) {
 }
 
 bool Session::sendAnswer(const QByteArray& bytes) {
-    if (!sendAll(bytes)) return false;
+    stampAnswer();
+    return sendAll(bytes);
+}
+
+void Session::stampAnswer() {
     answeredUs = state->elapsedUs();
-    return true;
+    std::lock_guard<std::mutex> lock(state->mutex);
+    if (logGeneration == state->requestLogGeneration && logIndex < state->requestLog.size())
+        state->requestLog[logIndex].answeredUs = answeredUs;
 }
 
 Session::Outcome Session::handleReceived(const QByteArray& request) {
     RequestRecord record = describeRequest(request);
     record.receivedUs = state->elapsedUs();
     record.connection = connection;
-    size_t logIndex = 0;
-    int logGeneration = 0;
     int serialLineMs = 0;
     {
         std::lock_guard<std::mutex> lock(state->mutex);
@@ -154,12 +158,7 @@ Session::Outcome Session::handleReceived(const QByteArray& request) {
     } else {
         outcome = handle(request, record);
     }
-    if (answeredUs >= 0) {
-        lastAnswerUs = answeredUs;
-        std::lock_guard<std::mutex> lock(state->mutex);
-        if (logGeneration == state->requestLogGeneration && logIndex < state->requestLog.size())
-            state->requestLog[logIndex].answeredUs = answeredUs;
-    }
+    if (answeredUs >= 0) lastAnswerUs = answeredUs;
     return outcome;
 }
 
@@ -280,9 +279,9 @@ Session::Outcome Session::deliver(const FaultRule* fault, const QByteArray& answ
         case FaultKind::ByteByByte:
             for (int i = 0; i < answer.size(); ++i) {
                 if (i > 0 && waitForStop(fault->delayMs)) return Outcome::Close;
+                if (i == answer.size() - 1) stampAnswer();
                 if (!sendAll(answer.mid(i, 1))) return Outcome::Close;
             }
-            answeredUs = state->elapsedUs();
             return Outcome::Continue;
         case FaultKind::Reset:
             sendAll(answer.left(answer.size() / 2));

@@ -91,8 +91,11 @@ private:
     bool readExact(char* data, int size);
     bool waitForStop(int ms);
     bool sendAll(const QByteArray& bytes);
-    // sendAll for a whole answer: on success the answer time of the current request is taken.
+    // sendAll for a whole answer, after stampAnswer.
     bool sendAnswer(const QByteArray& bytes);
+    // Takes the answer time of the current request and logs it. It is taken before the (last) bytes are
+    // handed to the socket, so that whoever has read the answer finds its time in the log.
+    void stampAnswer();
     Outcome handleReceived(const QByteArray& request);
     Outcome handle(const QByteArray& request, const RequestRecord& record);
     QByteArray standardAnswer(const QByteArray& request);
@@ -116,6 +119,9 @@ private:
     qint64 lastAnswerUs;
     // When the answer to the request being handled left; -1 while none has.
     qint64 answeredUs = -1;
+    // Where the request being handled sits in the request log.
+    size_t logIndex = 0;
+    int logGeneration = 0;
 };
 
 }  // namespace modbus_sim

@@ -63,7 +63,8 @@ struct RequestRecord {
     int count = -1;    // quantity of requests that have one (FC 1-4, 15, 16, 23 read part), else -1
     QByteArray pdu;    // the whole request PDU, function code first
     // Steady-clock times in microseconds since the simulator was created or last started: when the whole
-    // request had arrived, and when the whole answer had left (-1 when none was sent, or not all of it).
+    // request had arrived, and when the answer (its last byte, for byte_by_byte) was handed to the socket,
+    // which is before the client can read it (-1 when no whole answer was sent: silence, reset, close).
     qint64 receivedUs = 0;
     qint64 answeredUs = -1;
     int connection = 0;     // 1-based, in the order the served connections were accepted
