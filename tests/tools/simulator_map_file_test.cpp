@@ -410,7 +410,7 @@ TEST(SimulatorMapFileFaults, BadFaultsNameTheKey) {
     const QString kinds = QStringLiteral(
         "\"exception\", \"delay\", \"silence\", \"close_after\", \"reset\", \"byte_by_byte\", "
         "\"wrong_transaction_id\", \"wrong_length\", \"wrong_protocol_id\", \"trailing_garbage\", "
-        "\"header_only\"");
+        "\"header_only\", \"busy_every\"");
     struct Row {
         const char* name;
         const char* faults;

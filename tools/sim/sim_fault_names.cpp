@@ -25,6 +25,7 @@ constexpr KindName kKindNames[] = {
     {FaultKind::WrongProtocolId, "wrong_protocol_id"},
     {FaultKind::TrailingGarbage, "trailing_garbage"},
     {FaultKind::HeaderOnly, "header_only"},
+    {FaultKind::BusyEvery, "busy_every"},
 };
 
 }  // namespace

@@ -70,6 +70,7 @@ QByteArray exceptionAnswer(const QByteArray& request, int function, int exceptio
 RequestRecord describeRequest(const QByteArray& request) {
     RequestRecord record;
     if (request.size() > kMbapUnitIdOffset) record.unit = static_cast<uint8_t>(request.at(kMbapUnitIdOffset));
+    if (request.size() >= kMbapTransactionIdLength) record.transactionId = readBigEndian16(request, 0);
     record.pdu = request.mid(kMbapHeaderLength);
     if (record.pdu.isEmpty()) {
         record.function = -1;

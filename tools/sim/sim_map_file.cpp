@@ -28,6 +28,7 @@ constexpr int kMaxExceptionCode = 0xFF;
 constexpr int kMaxFaultDelayMs = 60000;
 constexpr int kMaxAfterRequests = std::numeric_limits<int>::max();
 constexpr int kMaxLengthField = 0xFFFF;
+constexpr int kMaxEveryRequests = std::numeric_limits<int>::max();
 
 // The parameter key each fault kind reads; kinds without one take none.
 const char* faultParameterKey(FaultKind kind) {
@@ -43,6 +44,8 @@ const char* faultParameterKey(FaultKind kind) {
             return "length_field";
         case FaultKind::TrailingGarbage:
             return "garbage";
+        case FaultKind::BusyEvery:
+            return "every_requests";
         default:
             return nullptr;
     }
@@ -51,7 +54,7 @@ const char* faultParameterKey(FaultKind kind) {
 bool isFaultParameterKey(const QString& key) {
     return key == QLatin1String("exception_code") || key == QLatin1String("delay_ms") ||
            key == QLatin1String("after_requests") || key == QLatin1String("length_field") ||
-           key == QLatin1String("garbage");
+           key == QLatin1String("garbage") || key == QLatin1String("every_requests");
 }
 
 template <typename T>
@@ -63,6 +66,11 @@ struct TableBlock {
 struct MapFile {
     std::optional<std::set<int>> units;
     std::optional<UnknownUnitReply> unknownUnitReply;
+    std::optional<std::set<int>> deadUnits;
+    std::optional<UnknownUnitReply> deadUnitReply;
+    std::optional<int> connectionLimit;
+    std::optional<int> serialLineMs;
+    std::optional<int> minimumRequestGapMs;
     std::vector<TableBlock<uint16_t>> holdingRegisters;
     std::vector<TableBlock<uint16_t>> inputRegisters;
     std::vector<TableBlock<uint8_t>> coils;
@@ -83,6 +91,9 @@ private:
         return false;
     }
     bool readInt(const QJsonValue& value, const QString& key, int min, int max, int* out);
+    bool readUnits(const QJsonValue& value, const QString& key, std::set<int>* out);
+    bool readUnitReply(const QJsonValue& value, const QString& key, std::optional<UnknownUnitReply>* out);
+    bool readSetting(const QJsonValue& value, const QString& key, int max, std::optional<int>* out);
     bool readId(const QString& text, const QString& key, int max, int* out);
     bool readBytes(const QJsonValue& value, const QString& key, QByteArray* out);
     template <typename T>
@@ -105,6 +116,37 @@ bool MapReader::readInt(const QJsonValue& value, const QString& key, int min, in
     if (*out < min || *out > max) {
         return fail(key, QStringLiteral("value %1 is out of range %2..%3").arg(*out).arg(min).arg(max));
     }
+    return true;
+}
+
+bool MapReader::readUnits(const QJsonValue& value, const QString& key, std::set<int>* out) {
+    if (!value.isArray()) return fail(key, QStringLiteral("expected an array of unit ids"));
+    const QJsonArray array = value.toArray();
+    for (int i = 0; i < array.size(); ++i) {
+        int unit = 0;
+        if (!readInt(array.at(i), QStringLiteral("%1[%2]").arg(key).arg(i), 0, kMaxUnitId, &unit))
+            return false;
+        out->insert(unit);
+    }
+    return true;
+}
+
+bool MapReader::readUnitReply(const QJsonValue& value, const QString& key,
+                              std::optional<UnknownUnitReply>* out) {
+    if (value.toString() == QLatin1String("silence")) {
+        *out = UnknownUnitReply::Silence;
+    } else if (value.toString() == QLatin1String("gateway_exception")) {
+        *out = UnknownUnitReply::GatewayException;
+    } else {
+        return fail(key, QStringLiteral("expected \"silence\" or \"gateway_exception\""));
+    }
+    return true;
+}
+
+bool MapReader::readSetting(const QJsonValue& value, const QString& key, int max, std::optional<int>* out) {
+    int number = 0;
+    if (!readNumber(value, key, 0, max, &number)) return false;
+    *out = number;
     return true;
 }
 
@@ -249,6 +291,8 @@ bool MapReader::readFault(const QJsonValue& value, const QString& key, FaultRule
             if (!readNumber(it.value(), subKey, 0, kMaxLengthField, &rule.lengthField)) return false;
         } else if (it.key() == QLatin1String("garbage")) {
             if (!readBytes(it.value(), subKey, &rule.garbage)) return false;
+        } else if (it.key() == QLatin1String("every_requests")) {
+            if (!readNumber(it.value(), subKey, 1, kMaxEveryRequests, &rule.everyRequests)) return false;
         } else {
             return fail(subKey, QStringLiteral("unknown key"));
         }
@@ -273,24 +317,23 @@ bool MapReader::read(const QJsonObject& root, MapFile* map) {
         const QString key = it.key();
         const QJsonValue value = it.value();
         if (key == QLatin1String("units")) {
-            if (!value.isArray()) return fail(key, QStringLiteral("expected an array of unit ids"));
             std::set<int> units;
-            const QJsonArray array = value.toArray();
-            for (int i = 0; i < array.size(); ++i) {
-                int unit = 0;
-                if (!readInt(array.at(i), QStringLiteral("units[%1]").arg(i), 0, kMaxUnitId, &unit))
-                    return false;
-                units.insert(unit);
-            }
+            if (!readUnits(value, key, &units)) return false;
             map->units = units;
         } else if (key == QLatin1String("unknown_unit_reply")) {
-            if (value.toString() == QLatin1String("silence")) {
-                map->unknownUnitReply = UnknownUnitReply::Silence;
-            } else if (value.toString() == QLatin1String("gateway_exception")) {
-                map->unknownUnitReply = UnknownUnitReply::GatewayException;
-            } else {
-                return fail(key, QStringLiteral("expected \"silence\" or \"gateway_exception\""));
-            }
+            if (!readUnitReply(value, key, &map->unknownUnitReply)) return false;
+        } else if (key == QLatin1String("dead_units")) {
+            std::set<int> units;
+            if (!readUnits(value, key, &units)) return false;
+            map->deadUnits = units;
+        } else if (key == QLatin1String("dead_unit_reply")) {
+            if (!readUnitReply(value, key, &map->deadUnitReply)) return false;
+        } else if (key == QLatin1String("connection_limit")) {
+            if (!readSetting(value, key, kMaxConnectionLimit, &map->connectionLimit)) return false;
+        } else if (key == QLatin1String("serial_line_ms")) {
+            if (!readSetting(value, key, kMaxSettingMs, &map->serialLineMs)) return false;
+        } else if (key == QLatin1String("minimum_request_gap_ms")) {
+            if (!readSetting(value, key, kMaxSettingMs, &map->minimumRequestGapMs)) return false;
         } else if (key == QLatin1String("holding_registers")) {
             if (!readTable(value, key, kMaxRegisterValue, &map->holdingRegisters)) return false;
         } else if (key == QLatin1String("input_registers")) {
@@ -354,6 +397,13 @@ bool Simulator::loadMapJson(const QByteArray& json, QString* error) {
     if (!parseMap(json, &map, error)) return false;
     if (map.units) setUnits(*map.units);
     if (map.unknownUnitReply) setUnknownUnitReply(*map.unknownUnitReply);
+    // A reply without units changes how the dead units already set answer, and units without a reply keep it.
+    if (map.deadUnits || map.deadUnitReply) {
+        setDeadUnits(map.deadUnits.value_or(deadUnits()), map.deadUnitReply.value_or(deadUnitReply()));
+    }
+    if (map.connectionLimit) setConnectionLimit(*map.connectionLimit);
+    if (map.serialLineMs) setSerialLine(*map.serialLineMs);
+    if (map.minimumRequestGapMs) setMinimumRequestGap(*map.minimumRequestGapMs);
     for (const auto& block : map.holdingRegisters) setHoldingRegisters(block.address, block.values);
     for (const auto& block : map.inputRegisters) setInputRegisters(block.address, block.values);
     for (const auto& block : map.coils) setCoils(block.address, block.values);

@@ -12,6 +12,7 @@ namespace modbus_sim {
 // MBAP header: transaction id (2), protocol id (2), length (2), unit id (1). The length field counts the unit
 // id and the PDU.
 constexpr int kMbapHeaderLength = 7;
+constexpr int kMbapTransactionIdLength = 2;
 constexpr int kMbapLengthFieldOffset = 4;
 constexpr int kMbapUnitIdOffset = 6;
 // Modbus Application Protocol 1.1b3, 4.1: a PDU is at most 253 bytes (256-byte serial ADU minus address and
@@ -38,6 +39,7 @@ constexpr int kExceptionFlag = 0x80;
 constexpr int kExceptionIllegalFunction = 0x01;
 constexpr int kExceptionIllegalDataAddress = 0x02;
 constexpr int kExceptionIllegalDataValue = 0x03;
+constexpr int kExceptionServerDeviceBusy = 0x06;
 constexpr int kExceptionGatewayTargetFailed = 0x0B;
 
 uint16_t readBigEndian16(const QByteArray& bytes, int offset);

@@ -23,7 +23,8 @@ constexpr uint32_t kReplyFlushTimeoutUs = 1;
 
 }  // namespace
 
-Session::Session(Simulator::State* state, int fd, int stopFd) : state(state), fd(fd), stopFd(stopFd) {
+Session::Session(Simulator::State* state, int fd, int stopFd, int connection, qint64 acceptedUs)
+    : state(state), fd(fd), stopFd(stopFd), connection(connection), lastAnswerUs(acceptedUs) {
     context = modbus_new_tcp(kContextAddress, 0);
     if (context) modbus_set_response_timeout(context, 0, kReplyFlushTimeoutUs);
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, capture) != 0) {
@@ -63,7 +64,7 @@ void Session::run() {
         if (length < 1) break;
         request.resize(kMbapHeaderLength - 1 + length);
         if (length > 1 && !readExact(request.data() + kMbapHeaderLength, length - 1)) break;
-        const Outcome outcome = handle(request);
+        const Outcome outcome = handleReceived(request);
         if (outcome == Outcome::Closed) alreadyClosed = true;
         if (outcome != Outcome::Continue) break;
     }
@@ -116,25 +117,66 @@ bool Session::sendAll(const QByteArray& bytes) {
     return true;
 }
 
-Session::Outcome Session::handle(const QByteArray& request) {
-    const RequestRecord record = describeRequest(request);
+bool Session::sendAnswer(const QByteArray& bytes) {
+    stampAnswer();
+    return sendAll(bytes);
+}
+
+void Session::stampAnswer() {
+    answeredUs = state->elapsedUs();
+    std::lock_guard<std::mutex> lock(state->mutex);
+    if (logGeneration == state->requestLogGeneration && logIndex < state->requestLog.size())
+        state->requestLog[logIndex].answeredUs = answeredUs;
+}
+
+Session::Outcome Session::handleReceived(const QByteArray& request) {
+    RequestRecord record = describeRequest(request);
+    record.receivedUs = state->elapsedUs();
+    record.connection = connection;
+    int serialLineMs = 0;
+    {
+        std::lock_guard<std::mutex> lock(state->mutex);
+        const qint64 gapUs = static_cast<qint64>(state->minimumRequestGapMs) * 1000;
+        record.dropped = gapUs > 0 && record.receivedUs - lastAnswerUs < gapUs;
+        ++state->functionCounts[record.function];
+        ++state->totalRequests;
+        state->requestLog.push_back(record);
+        logIndex = state->requestLog.size() - 1;
+        logGeneration = state->requestLogGeneration;
+        serialLineMs = state->serialLineMs;
+    }
+    if (record.dropped || record.function < 0) return Outcome::Continue;
+
+    answeredUs = -1;
+    Outcome outcome = Outcome::Continue;
+    if (serialLineMs > 0) {
+        // The line is taken before the wait: a gateway forwards one request at a time and waits for its
+        // answer (or its timeout) before the next.
+        std::lock_guard<std::mutex> line(state->serialLine);
+        if (waitForStop(serialLineMs)) return Outcome::Close;
+        outcome = handle(request, record);
+    } else {
+        outcome = handle(request, record);
+    }
+    if (answeredUs >= 0) lastAnswerUs = answeredUs;
+    return outcome;
+}
+
+Session::Outcome Session::handle(const QByteArray& request, const RequestRecord& record) {
     bool served = true;
-    UnknownUnitReply unknownUnitReply;
+    UnknownUnitReply unservedReply;
     FaultRule fault;
     const FaultRule* rule = nullptr;
     bool closeNow = false;
     {
         std::lock_guard<std::mutex> lock(state->mutex);
-        ++state->functionCounts[record.function];
-        ++state->totalRequests;
-        state->requestLog.push_back(record);
-        served = state->units.empty() || state->units.count(record.unit) > 0;
-        unknownUnitReply = state->unknownUnitReply;
+        const bool dead = state->deadUnits.count(record.unit) > 0;
+        served = !dead && (state->units.empty() || state->units.count(record.unit) > 0);
+        unservedReply = dead ? state->deadUnitReply : state->unknownUnitReply;
     }
-    if (record.function < 0) return Outcome::Continue;
     if (!served) {
-        if (unknownUnitReply == UnknownUnitReply::GatewayException) {
-            return sendAll(exceptionAnswer(request, record.function, kExceptionGatewayTargetFailed))
+        if (unservedReply == UnknownUnitReply::GatewayException) {
+            return sendAnswer(exceptionAnswer(request, record.function, kExceptionGatewayTargetFailed))
                        ? Outcome::Continue
                        : Outcome::Close;
         }
@@ -143,9 +185,11 @@ Session::Outcome Session::handle(const QByteArray& request) {
     rule = selectFault(record, &fault, &closeNow);
     if (closeNow) return Outcome::Close;
     if (rule && rule->kind == FaultKind::Silence) return Outcome::Continue;
-    if (rule && rule->kind == FaultKind::Exception) {
-        return sendAll(exceptionAnswer(request, record.function, rule->exceptionCode)) ? Outcome::Continue
-                                                                                       : Outcome::Close;
+    if (rule && (rule->kind == FaultKind::Exception || rule->kind == FaultKind::BusyEvery)) {
+        const int code =
+            rule->kind == FaultKind::Exception ? rule->exceptionCode : kExceptionServerDeviceBusy;
+        return sendAnswer(exceptionAnswer(request, record.function, code)) ? Outcome::Continue
+                                                                           : Outcome::Close;
     }
 
     QByteArray answer;
@@ -215,6 +259,11 @@ const FaultRule* Session::selectFault(const RequestRecord& record, FaultRule* st
             ++seen;
             continue;
         }
+        if (rule.kind == FaultKind::BusyEvery) {
+            int& seen = state->busyEveryCounts[i];
+            if (++seen < rule.everyRequests) continue;
+            seen = 0;
+        }
         *storage = rule;
         return storage;
     }
@@ -222,14 +271,15 @@ const FaultRule* Session::selectFault(const RequestRecord& record, FaultRule* st
 }
 
 Session::Outcome Session::deliver(const FaultRule* fault, const QByteArray& answer) {
-    if (!fault) return sendAll(answer) ? Outcome::Continue : Outcome::Close;
+    if (!fault) return sendAnswer(answer) ? Outcome::Continue : Outcome::Close;
     switch (fault->kind) {
         case FaultKind::Delay:
             if (waitForStop(fault->delayMs)) return Outcome::Close;
-            return sendAll(answer) ? Outcome::Continue : Outcome::Close;
+            return sendAnswer(answer) ? Outcome::Continue : Outcome::Close;
         case FaultKind::ByteByByte:
             for (int i = 0; i < answer.size(); ++i) {
                 if (i > 0 && waitForStop(fault->delayMs)) return Outcome::Close;
+                if (i == answer.size() - 1) stampAnswer();
                 if (!sendAll(answer.mid(i, 1))) return Outcome::Close;
             }
             return Outcome::Continue;
@@ -238,7 +288,7 @@ Session::Outcome Session::deliver(const FaultRule* fault, const QByteArray& answ
             resetConnection();
             return Outcome::Closed;
         default:
-            return sendAll(alterAnswer(*fault, answer)) ? Outcome::Continue : Outcome::Close;
+            return sendAnswer(alterAnswer(*fault, answer)) ? Outcome::Continue : Outcome::Close;
     }
 }
 

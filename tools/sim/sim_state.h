@@ -4,6 +4,7 @@
 #include <modbus.h>
 
 #include <atomic>
+#include <chrono>
 #include <list>
 #include <map>
 #include <memory>
@@ -26,16 +27,26 @@ struct Simulator::State {
     modbus_mapping_t* mapping = nullptr;
     std::set<int> units;
     UnknownUnitReply unknownUnitReply = UnknownUnitReply::Silence;
+    std::set<int> deadUnits;
+    UnknownUnitReply deadUnitReply = UnknownUnitReply::Silence;
+    int connectionLimit = 0;
+    int serialLineMs = 0;
+    int minimumRequestGapMs = 0;
     DeviceIdentification identification;
     bool hasReportSlaveId = false;
     QByteArray reportSlaveId;
     std::vector<FaultRule> faults;
     // Bumped by clearFaults so sessions forget their per-rule request counts.
     int faultGeneration = 0;
+    // Matching requests counted per busy-every rule (by index), over all connections.
+    std::map<size_t, int> busyEveryCounts;
     std::map<int, int> functionCounts;
     int totalRequests = 0;
     std::vector<RequestRecord> requestLog;
+    // Bumped by clearRequestLog, so that a session does not stamp its answer time on someone else's record.
+    int requestLogGeneration = 0;
     int acceptedConnections = 0;
+    int rejectedConnections = 0;
     int openConnections = 0;
     int closedConnections = 0;
 
@@ -50,6 +61,12 @@ struct Simulator::State {
     QString address;
     std::mutex sessionsMutex;
     std::list<std::unique_ptr<Session>> sessions;
+    // Held by the session whose request is on the simulated serial line.
+    std::mutex serialLine;
+    // Zero of the request log's times; set before any session thread exists.
+    std::chrono::steady_clock::time_point epoch = std::chrono::steady_clock::now();
+
+    qint64 elapsedUs() const;
 
     void acceptLoop();
     void reapFinishedSessions(bool all);
@@ -58,7 +75,7 @@ struct Simulator::State {
 // One client connection: its socket, its thread and its libmodbus server context.
 class Session {
 public:
-    Session(Simulator::State* state, int fd, int stopFd);
+    Session(Simulator::State* state, int fd, int stopFd, int connection, qint64 acceptedUs);
     ~Session();
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
@@ -74,7 +91,13 @@ private:
     bool readExact(char* data, int size);
     bool waitForStop(int ms);
     bool sendAll(const QByteArray& bytes);
-    Outcome handle(const QByteArray& request);
+    // sendAll for a whole answer, after stampAnswer.
+    bool sendAnswer(const QByteArray& bytes);
+    // Takes the answer time of the current request and logs it. It is taken before the (last) bytes are
+    // handed to the socket, so that whoever has read the answer finds its time in the log.
+    void stampAnswer();
+    Outcome handleReceived(const QByteArray& request);
+    Outcome handle(const QByteArray& request, const RequestRecord& record);
     QByteArray standardAnswer(const QByteArray& request);
     const FaultRule* selectFault(const RequestRecord& record, FaultRule* storage, bool* closeNow);
     Outcome deliver(const FaultRule* fault, const QByteArray& answer);
@@ -91,6 +114,14 @@ private:
     // Matching requests counted per close-after rule (by index) on this connection.
     std::map<size_t, int> closeAfterCounts;
     int faultGeneration = 0;
+    int connection;
+    // When the last answer left on this connection (at first: when it was accepted), for the minimum gap.
+    qint64 lastAnswerUs;
+    // When the answer to the request being handled left; -1 while none has.
+    qint64 answeredUs = -1;
+    // Where the request being handled sits in the request log.
+    size_t logIndex = 0;
+    int logGeneration = 0;
 };
 
 }  // namespace modbus_sim

@@ -76,14 +76,25 @@ void Simulator::State::acceptLoop() {
         // Answers sent a byte at a time must leave as separate segments.
         const int one = 1;
         ::setsockopt(client, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
+        const qint64 acceptedUs = elapsedUs();
+        int connection = 0;
         {
             std::lock_guard<std::mutex> lock(mutex);
-            ++acceptedConnections;
-            ++openConnections;
+            if (connectionLimit > 0 && openConnections >= connectionLimit) {
+                ++rejectedConnections;
+            } else {
+                connection = ++acceptedConnections;
+                ++openConnections;
+            }
+        }
+        if (connection == 0) {
+            // A gateway out of connection slots takes the connection and drops it before reading anything.
+            ::close(client);
+            continue;
         }
         reapFinishedSessions(false);
         std::lock_guard<std::mutex> lock(sessionsMutex);
-        sessions.push_back(std::make_unique<Session>(this, client, stopPipe[0]));
+        sessions.push_back(std::make_unique<Session>(this, client, stopPipe[0], connection, acceptedUs));
         sessions.back()->start();
     }
 }
@@ -102,6 +113,11 @@ void Simulator::State::reapFinishedSessions(bool all) {
         }
     }
     for (auto& session : finished) session->join();
+}
+
+qint64 Simulator::State::elapsedUs() const {
+    return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - epoch)
+        .count();
 }
 
 Simulator::Simulator() : state(std::make_unique<State>()) {}
@@ -148,6 +164,8 @@ bool Simulator::start(const QString& address, uint16_t port, QString* error) {
     ::getsockname(state->listenFd, reinterpret_cast<sockaddr*>(&bound), &boundLength);
     state->port = ntohs(bound.sin_port);
     state->address = address;
+    // No session runs while stopped, so the log's zero can move without a lock.
+    state->epoch = std::chrono::steady_clock::now();
     state->running = true;
     state->acceptThread = std::thread([this] { state->acceptLoop(); });
     return true;
@@ -190,6 +208,37 @@ void Simulator::setUnits(const std::set<int>& units) {
 void Simulator::setUnknownUnitReply(UnknownUnitReply reply) {
     std::lock_guard<std::mutex> lock(state->mutex);
     state->unknownUnitReply = reply;
+}
+
+void Simulator::setDeadUnits(const std::set<int>& units, UnknownUnitReply reply) {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    state->deadUnits = units;
+    state->deadUnitReply = reply;
+}
+
+std::set<int> Simulator::deadUnits() const {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    return state->deadUnits;
+}
+
+UnknownUnitReply Simulator::deadUnitReply() const {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    return state->deadUnitReply;
+}
+
+void Simulator::setConnectionLimit(int limit) {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    state->connectionLimit = std::max(limit, 0);
+}
+
+void Simulator::setSerialLine(int msPerRequest) {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    state->serialLineMs = std::max(msPerRequest, 0);
+}
+
+void Simulator::setMinimumRequestGap(int ms) {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    state->minimumRequestGapMs = std::max(ms, 0);
 }
 
 void Simulator::setHoldingRegisters(int address, const std::vector<uint16_t>& values) {
@@ -261,6 +310,7 @@ void Simulator::addFault(const FaultRule& rule) {
 void Simulator::clearFaults() {
     std::lock_guard<std::mutex> lock(state->mutex);
     state->faults.clear();
+    state->busyEveryCounts.clear();
     ++state->faultGeneration;
 }
 
@@ -283,6 +333,7 @@ std::vector<RequestRecord> Simulator::requestLog() const {
 void Simulator::clearRequestLog() {
     std::lock_guard<std::mutex> lock(state->mutex);
     state->requestLog.clear();
+    ++state->requestLogGeneration;
     state->functionCounts.clear();
     state->totalRequests = 0;
 }
@@ -290,6 +341,11 @@ void Simulator::clearRequestLog() {
 int Simulator::acceptedConnections() const {
     std::lock_guard<std::mutex> lock(state->mutex);
     return state->acceptedConnections;
+}
+
+int Simulator::rejectedConnections() const {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    return state->rejectedConnections;
 }
 
 int Simulator::openConnections() const {

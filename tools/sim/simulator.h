@@ -5,6 +5,7 @@
 
 #include <QByteArray>
 #include <QString>
+#include <QtGlobal>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -30,6 +31,7 @@ enum class FaultKind {
     WrongProtocolId,     // answer with protocol id 1
     TrailingGarbage,     // append `garbage` after the answer
     HeaderOnly,          // answer with only the 7-byte MBAP header (length 1)
+    BusyEvery,           // every `everyRequests`th matching request: exception 6 (server device busy)
 };
 
 // A fault applies to a request when every given selector matches (-1 = any). `address` matches when the
@@ -38,6 +40,9 @@ enum class FaultKind {
 // units. Exception and Silence leave the tables untouched (a write is not carried out); the other kinds carry
 // the request out and then alter or hold back the answer. CloseAfter counts per connection: the first
 // `afterRequests` matching requests are answered (later rules still apply to them), the next one closes it.
+// BusyEvery counts alike, but over the whole simulator (every connection): each `everyRequests`th matching
+// request that reaches the rule is answered with exception 6 and not carried out; the others pass on to the
+// later rules. Values of `everyRequests` below 1 act as 1.
 struct FaultRule {
     FaultKind kind = FaultKind::Exception;
     int unit = -1;
@@ -47,6 +52,7 @@ struct FaultRule {
     int delayMs = 0;
     int afterRequests = 0;
     int lengthField = 0;
+    int everyRequests = 1;
     QByteArray garbage = QByteArray::fromHex("deadbeef");
 };
 
@@ -56,6 +62,14 @@ struct RequestRecord {
     int address = -1;  // start address of requests that have one (FC 1-6, 15, 16, 22, 23 read part), else -1
     int count = -1;    // quantity of requests that have one (FC 1-4, 15, 16, 23 read part), else -1
     QByteArray pdu;    // the whole request PDU, function code first
+    // Steady-clock times in microseconds since the simulator was created or last started: when the whole
+    // request had arrived, and when the answer (its last byte, for byte_by_byte) was handed to the socket,
+    // which is before the client can read it (-1 when no whole answer was sent: silence, reset, close).
+    qint64 receivedUs = 0;
+    qint64 answeredUs = -1;
+    int connection = 0;     // 1-based, in the order the served connections were accepted
+    int transactionId = 0;  // from the request's MBAP header
+    bool dropped = false;   // arrived within the minimum request gap, so never looked at nor answered
 };
 
 struct DeviceIdentification {
@@ -64,6 +78,12 @@ struct DeviceIdentification {
     bool enabled = true;         // false: FC 43 is answered with exception 1 (illegal function)
     int conformityLevel = 0;     // 0: derived from the objects present (0x81, 0x82 or 0x83)
 };
+
+// The largest plant-network settings the map file and the command line accept: far more connections than a
+// gateway offers (it stays below the open-files limit), and waits far beyond any client timeout worth
+// testing.
+constexpr int kMaxConnectionLimit = 1024;
+constexpr int kMaxSettingMs = 60000;
 
 class Session;
 
@@ -85,6 +105,23 @@ public:
     // Unit ids served; empty set (the default) serves every unit id.
     void setUnits(const std::set<int>& units);
     void setUnknownUnitReply(UnknownUnitReply reply);
+    // Units that do not answer although the simulator does (a dead device behind a live gateway): a request
+    // for one gets `reply`, whatever setUnits says, and no fault applies to it. An empty set revives them.
+    void setDeadUnits(const std::set<int>& units, UnknownUnitReply reply = UnknownUnitReply::Silence);
+    std::set<int> deadUnits() const;
+    UnknownUnitReply deadUnitReply() const;
+
+    // Plant-network behaviour; 0 turns each off (the default).
+    // At most `limit` open connections: one accepted while `limit` are open is closed at once (FIN) without
+    // being served. A connection counts as open until its session notices its close.
+    void setConnectionLimit(int limit);
+    // One serial line behind a TCP gateway: the requests of all connections are served one at a time, each
+    // holding the line `msPerRequest` before its answer (or its silence) goes out. Dropped requests (see
+    // below) never reach the line.
+    void setSerialLine(int msPerRequest);
+    // A device that needs a pause: a request arriving less than `ms` after the last answer sent on its
+    // connection (or after the connection was accepted) is dropped: logged and counted, never answered.
+    void setMinimumRequestGap(int ms);
 
     // Register tables, shared by every served unit. Each table holds 65536 entries, all 0 at start.
     void setHoldingRegisters(int address, const std::vector<uint16_t>& values);
@@ -115,7 +152,10 @@ public:
     int totalRequests() const;
     std::vector<RequestRecord> requestLog() const;
     void clearRequestLog();
+    // acceptedConnections counts the served connections only; those closed at once by the connection limit
+    // count as rejectedConnections instead (and never as open or closed).
     int acceptedConnections() const;
+    int rejectedConnections() const;
     int openConnections() const;
     int closedConnections() const;
 

@@ -2,6 +2,7 @@
 #include <signal.h>
 
 #include <QTextStream>
+#include <set>
 
 #include "tools/sim/simulator.h"
 #include "tools/zelt-modbus/cli.h"
@@ -11,6 +12,53 @@ namespace zelt_cli {
 namespace {
 
 constexpr int kMaxPort = 65535;
+constexpr int kMaxUnitId = 255;
+
+// A whole-number option in minimum..maximum; false after printing the problem and the usage.
+bool readBoundedOption(const CommandLine& command, const QString& name, int minimum, int maximum, int* out) {
+    if (!readNumberOption(command, name, minimum, 0, out)) return false;
+    if (*out <= maximum) return true;
+    QTextStream(stderr) << "zelt-modbus simulate: --" << name << " must be at most " << maximum << "\n"
+                        << command.usage();
+    return false;
+}
+
+// The dead units and their reply, each from its option when given; false after printing the problem.
+bool readDeadUnits(const CommandLine& command, const modbus_sim::Simulator& simulator, std::set<int>* units,
+                   modbus_sim::UnknownUnitReply* reply) {
+    *units = simulator.deadUnits();
+    *reply = simulator.deadUnitReply();
+    if (command.has(QStringLiteral("dead-units"))) {
+        units->clear();
+        const QString list = command.value(QStringLiteral("dead-units"));
+        for (const QString& text : list.split(QLatin1Char(','), Qt::SkipEmptyParts)) {
+            bool ok = false;
+            const int unit = text.trimmed().toInt(&ok);
+            if (!ok || unit < 0 || unit > kMaxUnitId) {
+                QTextStream(stderr) << "zelt-modbus simulate: --dead-units: \"" << text
+                                    << "\" is not a unit id in 0.." << kMaxUnitId << "\n"
+                                    << command.usage();
+                return false;
+            }
+            units->insert(unit);
+        }
+    }
+    if (command.has(QStringLiteral("dead-unit-reply"))) {
+        const QString text = command.value(QStringLiteral("dead-unit-reply"));
+        if (text == QLatin1String("silence")) {
+            *reply = modbus_sim::UnknownUnitReply::Silence;
+        } else if (text == QLatin1String("gateway_exception")) {
+            *reply = modbus_sim::UnknownUnitReply::GatewayException;
+        } else {
+            QTextStream(stderr) << "zelt-modbus simulate: --dead-unit-reply must be silence or "
+                                   "gateway_exception, not \""
+                                << text << "\"\n"
+                                << command.usage();
+            return false;
+        }
+    }
+    return true;
+}
 
 }  // namespace
 
@@ -25,6 +73,18 @@ int runSimulate(const QStringList& arguments) {
                       QStringLiteral("TCP port; 0 picks a free one (default 0)"));
     command.addOption(QStringLiteral("map"), QStringLiteral("FILE"),
                       QStringLiteral("JSON map of units, register tables, identification and faults"));
+    command.addOption(QStringLiteral("connection-limit"), QStringLiteral("N"),
+                      QStringLiteral("close connections beyond N open ones at once (0: no limit)"));
+    command.addOption(QStringLiteral("serial-line"), QStringLiteral("MS"),
+                      QStringLiteral("serve requests one at a time, MS each, like a gateway's serial line"));
+    command.addOption(QStringLiteral("min-request-gap"), QStringLiteral("MS"),
+                      QStringLiteral("drop requests sent within MS of the last answer on their connection"));
+    command.addOption(QStringLiteral("busy-every"), QStringLiteral("N"),
+                      QStringLiteral("answer every Nth request with exception 6, ahead of the map's faults"));
+    command.addOption(QStringLiteral("dead-units"), QStringLiteral("LIST"),
+                      QStringLiteral("comma-separated unit ids that never answer"));
+    command.addOption(QStringLiteral("dead-unit-reply"), QStringLiteral("REPLY"),
+                      QStringLiteral("what dead units give: silence (default) or gateway_exception"));
     if (int exitCode = 0; !command.parse(arguments, &exitCode)) return exitCode;
     int port = 0;
     if (!readNumberOption(command, QStringLiteral("port"), 0, 0, &port)) return kExitUsage;
@@ -33,6 +93,18 @@ int runSimulate(const QStringList& arguments) {
                             << command.usage();
         return kExitUsage;
     }
+    int connectionLimit = 0;
+    int serialLineMs = 0;
+    int minimumRequestGapMs = 0;
+    int busyEvery = 0;
+    if (!readBoundedOption(command, QStringLiteral("connection-limit"), 0, modbus_sim::kMaxConnectionLimit,
+                           &connectionLimit) ||
+        !readBoundedOption(command, QStringLiteral("serial-line"), 0, modbus_sim::kMaxSettingMs,
+                           &serialLineMs) ||
+        !readBoundedOption(command, QStringLiteral("min-request-gap"), 0, modbus_sim::kMaxSettingMs,
+                           &minimumRequestGapMs) ||
+        !readNumberOption(command, QStringLiteral("busy-every"), 1, 0, &busyEvery))
+        return kExitUsage;
 
     // The stopSignals are taken by sigwait below; blocking them before the simulator starts its threads keeps
     // those threads from receiving them.
@@ -43,10 +115,25 @@ int runSimulate(const QStringList& arguments) {
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
     modbus_sim::Simulator simulator;
+    if (busyEvery > 0) {
+        // Ahead of the map's rules, so that it counts every request.
+        modbus_sim::FaultRule busy;
+        busy.kind = modbus_sim::FaultKind::BusyEvery;
+        busy.everyRequests = busyEvery;
+        simulator.addFault(busy);
+    }
     QString error;
     if (command.has(QStringLiteral("map")) &&
         !simulator.loadMapFile(command.value(QStringLiteral("map")), &error))
         return fail(QStringLiteral("%1: %2").arg(command.value(QStringLiteral("map")), error));
+    // The options override the map file.
+    std::set<int> deadUnits;
+    modbus_sim::UnknownUnitReply deadUnitReply;
+    if (!readDeadUnits(command, simulator, &deadUnits, &deadUnitReply)) return kExitUsage;
+    simulator.setDeadUnits(deadUnits, deadUnitReply);
+    if (command.has(QStringLiteral("connection-limit"))) simulator.setConnectionLimit(connectionLimit);
+    if (command.has(QStringLiteral("serial-line"))) simulator.setSerialLine(serialLineMs);
+    if (command.has(QStringLiteral("min-request-gap"))) simulator.setMinimumRequestGap(minimumRequestGapMs);
     if (!simulator.start(command.value(QStringLiteral("listen"), QStringLiteral("127.0.0.1")),
                          static_cast<uint16_t>(port), &error))
         return fail(error);
