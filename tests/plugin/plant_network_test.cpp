@@ -8,6 +8,7 @@
 #include "common/plugin_batch.h"
 #include "common/plugin_fixture.h"
 #include "plugin/modbus.h"
+#include "tools/sim/blackhole_listener.h"
 #include "tools/sim/simulator.h"
 #include "tools/standin/standin_host.h"
 
@@ -238,6 +239,125 @@ TEST_F(PlantNetworkTest, AnExceptionAnswerKeepsTheConnectionForTheNextPoll) {
         EXPECT_EQ(batch.error("a"), QStringLiteral("Illegal data address"));
     }
     EXPECT_EQ(sim.acceptedConnections(), 1);
+}
+
+// Items in every register of 0..count-1, each holding its own address as value.
+void addCountingItems(Batch& batch, int count) {
+    for (int address = 0; address < count; ++address)
+        batch.add(makeItem(QStringLiteral("h%1").arg(address), QString::number(40001 + address), "4", "2"));
+}
+
+bool everyItemValued(const Batch& batch, int count) {
+    for (int address = 0; address < count; ++address) {
+        const QString uid = QStringLiteral("h%1").arg(address);
+        if (batch.value(uid) != QString::number(address) || !batch.error(uid).isEmpty()) return false;
+    }
+    return true;
+}
+
+std::vector<uint16_t> countingRegisters(int count) {
+    std::vector<uint16_t> values(static_cast<size_t>(count));
+    for (int address = 0; address < count; ++address)
+        values[static_cast<size_t>(address)] = uint16_t(address);
+    return values;
+}
+
+TEST_F(PlantNetworkTest, AGatewayThatAllowsTwoConnectionsServesAllEightUnits) {
+    sim.setConnectionLimit(2);
+    sim.setHoldingRegisters(0, countingRegisters(10));
+    for (int round = 0; round < 5; ++round) {
+        for (int unitId = 1; unitId <= kGatewayUnits; ++unitId) {
+            SCOPED_TRACE(QStringLiteral("round %1 unit %2").arg(round).arg(unitId).toStdString());
+            Batch batch(unit(unitId));
+            addCountingItems(batch, 10);
+            EXPECT_TRUE(plugin.readData(&batch.list)) << batch.list.device.lastError.toStdString();
+            EXPECT_TRUE(everyItemValued(batch, 10));
+        }
+    }
+    EXPECT_EQ(sim.acceptedConnections(), 1);
+    EXPECT_EQ(sim.rejectedConnections(), 0);
+}
+
+TEST_F(PlantNetworkTest, ADeviceThatDropsHastyRequestsIsServedWithARequestPause) {
+    constexpr int kGapMs = 10;
+    sim.setMinimumRequestGap(kGapMs);
+    sim.setHoldingRegisters(0, countingRegisters(30));
+    Batch batch(unit(1, {{"request_pause_ms", QString::number(kGapMs)}, {"max_read_registers", "10"}}));
+    addCountingItems(batch, 30);
+    for (int poll = 0; poll < 5; ++poll) {
+        SCOPED_TRACE(poll);
+        EXPECT_TRUE(plugin.readData(&batch.list)) << batch.list.device.lastError.toStdString();
+        EXPECT_TRUE(everyItemValued(batch, 30));
+    }
+    // Measured on the device's side: no request came sooner than the pause after the answer before it.
+    const std::vector<modbus_sim::RequestRecord> log = sim.requestLog();
+    int dropped = 0;
+    for (size_t i = 1; i < log.size(); ++i) {
+        if (log[i].dropped) ++dropped;
+        if (log[i - 1].answeredUs >= 0 && log[i].connection == log[i - 1].connection)
+            EXPECT_GE(log[i].receivedUs - log[i - 1].answeredUs, kGapMs * 1000) << i;
+    }
+    EXPECT_EQ(dropped, 0);
+    EXPECT_EQ(sim.acceptedConnections(), 1);
+}
+
+TEST_F(PlantNetworkTest, ABusyDeviceIsAskedAgainAndEveryPollCompletesOnOneConnection) {
+    modbus_sim::FaultRule busy;
+    busy.kind = modbus_sim::FaultKind::BusyEvery;
+    busy.everyRequests = 3;
+    busy.function = 3;
+    sim.addFault(busy);
+    sim.setHoldingRegisters(0, countingRegisters(200));
+    Batch batch(unit(1, {{"retries", "1"}, {"max_read_registers", "50"}}));
+    addCountingItems(batch, 200);
+    for (int poll = 0; poll < 6; ++poll) {
+        SCOPED_TRACE(poll);
+        EXPECT_TRUE(plugin.readData(&batch.list)) << batch.list.device.lastError.toStdString();
+        EXPECT_TRUE(everyItemValued(batch, 200));
+    }
+    EXPECT_EQ(sim.acceptedConnections(), 1);
+}
+
+TEST_F(PlantNetworkTest, WithoutRetriesABusyAnswerFailsOnlyItsItemsAndTheRestIsRead) {
+    modbus_sim::FaultRule busy;
+    busy.kind = modbus_sim::FaultKind::BusyEvery;
+    busy.everyRequests = 3;
+    busy.function = 3;
+    sim.addFault(busy);
+    sim.setHoldingRegisters(0, countingRegisters(200));
+    Batch batch(unit(1, {{"max_read_registers", "50"}}));
+    addCountingItems(batch, 200);
+    // Four requests of 50: the third is answered busy.
+    EXPECT_FALSE(plugin.readData(&batch.list));
+    for (int address = 0; address < 200; ++address) {
+        const QString uid = QStringLiteral("h%1").arg(address);
+        SCOPED_TRACE(uid.toStdString());
+        if (address >= 100 && address < 150) {
+            EXPECT_EQ(batch.error(uid), QStringLiteral("Slave device or server is busy"));
+        } else {
+            EXPECT_EQ(batch.value(uid), QString::number(address));
+            EXPECT_EQ(batch.error(uid), QString());
+        }
+    }
+    EXPECT_EQ(batch.list.device.lastError, QStringLiteral("Slave device or server is busy"));
+    EXPECT_EQ(sim.acceptedConnections(), 1);
+}
+
+TEST_F(PlantNetworkTest, ADeadDeviceCostsOneConnectTimeOutAndIsThenPaused) {
+    modbus_sim::BlackholeListener dead;
+    QString reason;
+    ASSERT_TRUE(dead.start(QStringLiteral("127.0.0.1"), 0, &reason)) << reason.toStdString();
+    Batch batch(makeDevice(1, dead.port(), {{"connect_timeout_ms", "200"}}));
+    batch.add(makeItem("a", "40001", "4", "2"));
+    const auto started = std::chrono::steady_clock::now();
+    EXPECT_FALSE(plugin.readData(&batch.list));
+    EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(200));
+    EXPECT_EQ(batch.list.device.lastError, QStringLiteral("Could not connect. Timeout"));
+    const qint64 pausedAt = Backoff::clockMs();
+    EXPECT_FALSE(plugin.readData(&batch.list));
+    if (Backoff::clockMs() - pausedAt < Backoff::kFirstPauseMs)
+        EXPECT_EQ(batch.list.device.lastError,
+                  QStringLiteral("Could not connect. Timeout; next attempt in 1 s"));
 }
 
 }  // namespace
