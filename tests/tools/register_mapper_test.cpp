@@ -3,6 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <QSet>
+#include <algorithm>
+#include <functional>
+#include <random>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -72,18 +76,20 @@ std::vector<std::pair<int, int>> runsOf(const TableMap& map) {
     return runs;
 }
 
-TEST(RegisterMapper, SplitsARefusedBlockInHalvesUntilTheRunsAreKnown) {
+TEST(RegisterMapper, HalvesARefusedBlockToItsFirstHoleThenReadsHolesAloneAndGrowsTheNextRun) {
     ModelDevice device;
     device.readable = addresses(0, 9) + addresses(15, 19);
     RegisterMapper mapper = mapperFor(device, 0, 19);
     TableMap map;
     EXPECT_TRUE(mapper.mapTable(RegisterTable::HoldingRegisters, &map));
-    const std::vector<Request> expected{{0, 20}, {0, 10}, {10, 10}, {10, 5}, {10, 2}, {10, 1}, {11, 1},
-                                        {12, 3}, {12, 1}, {13, 2},  {13, 1}, {14, 1}, {15, 5}};
+    // The block of 20 is halved to its first hole at 10; 11 to 14 are read alone; the run from 15 is read on
+    // as far as the previous run was long (10), here to the end of the range.
+    const std::vector<Request> expected{{0, 20}, {0, 10}, {10, 5}, {10, 2}, {10, 1}, {11, 1},
+                                        {12, 1}, {13, 1}, {14, 1}, {15, 1}, {16, 4}};
     EXPECT_EQ(device.requests, expected);
     EXPECT_EQ(runsOf(map), (std::vector<std::pair<int, int>>{{0, 9}, {15, 19}}));
-    EXPECT_EQ(map.requests, 13);
-    EXPECT_EQ(mapper.totalRequests(), 13);
+    EXPECT_EQ(map.requests, 11);
+    EXPECT_EQ(mapper.totalRequests(), 11);
     EXPECT_EQ(map.stopped, QString());
     EXPECT_FALSE(map.unsupported);
 }
@@ -113,7 +119,7 @@ TEST(RegisterMapper, ExceptionThreeSplitsLikeExceptionTwo) {
     RegisterMapper mapper = mapperFor(device, 0, 3);
     TableMap map;
     EXPECT_TRUE(mapper.mapTable(RegisterTable::HoldingRegisters, &map));
-    EXPECT_EQ(device.requests, (std::vector<Request>{{0, 4}, {0, 2}, {0, 1}, {1, 1}, {2, 2}}));
+    EXPECT_EQ(device.requests, (std::vector<Request>{{0, 4}, {0, 2}, {0, 1}, {1, 1}, {2, 1}, {3, 1}}));
     EXPECT_EQ(runsOf(map), (std::vector<std::pair<int, int>>{{2, 3}}));
 }
 
@@ -123,7 +129,7 @@ TEST(RegisterMapper, TheRequestLimitEndsTheWholeMapWithWhatWasFound) {
     RegisterMapper mapper = mapperFor(device, 0, 19, 3);
     TableMap map;
     EXPECT_FALSE(mapper.mapTable(RegisterTable::HoldingRegisters, &map));
-    EXPECT_EQ(device.requests, (std::vector<Request>{{0, 20}, {0, 10}, {10, 10}}));
+    EXPECT_EQ(device.requests, (std::vector<Request>{{0, 20}, {0, 10}, {10, 5}}));
     EXPECT_EQ(runsOf(map), (std::vector<std::pair<int, int>>{{0, 9}}));
     EXPECT_EQ(mapper.endReason(), QStringLiteral("request limit of 3 reached"));
     // The limit counts over every table: the next table sends nothing.
@@ -165,6 +171,118 @@ TEST(RegisterMapper, AnotherExceptionOrSilenceStopsTheTableAndSaysWhere) {
     EXPECT_TRUE(silentMapper.mapTable(RegisterTable::InputRegisters, &silentMap));
     EXPECT_EQ(silentMap.stopped, QStringLiteral("no answer at 30126-30250: Connection timed out"));
     EXPECT_EQ(runsOf(silentMap), (std::vector<std::pair<int, int>>{{0, 124}}));
+}
+
+// The fewest requests any walk needs: a read alone for each unreadable address, and for each readable run
+// one read per largest block it takes.
+int floorOf(const QSet<int>& readable, int first, int last, int largestBlock) {
+    int requests = 0;
+    int run = 0;
+    for (int address = first; address <= last + 1; ++address) {
+        if (address <= last && readable.contains(address)) {
+            ++run;
+            continue;
+        }
+        requests += (run + largestBlock - 1) / largestBlock;
+        run = 0;
+        if (address <= last) ++requests;
+    }
+    return requests;
+}
+
+constexpr int kMapLast = 1999;
+constexpr int kWalkBudget = 100000;
+
+// Readable runs and stretches of holes taking turns, their lengths drawn from [least, most] (raw generator
+// output, so that every standard library draws the same maps).
+QSet<int> turns(unsigned seed, int readableLeast, int readableMost, int holesLeast, int holesMost) {
+    std::mt19937 random(seed);
+    auto between = [&random](int least, int most) {
+        return least + static_cast<int>(random() % static_cast<unsigned>(most - least + 1));
+    };
+    QSet<int> readable;
+    int address = between(0, holesMost);
+    while (address <= kMapLast) {
+        const int run = between(readableLeast, readableMost);
+        readable += addresses(address, std::min(kMapLast, address + run - 1));
+        address += run + between(holesLeast, holesMost);
+    }
+    return readable;
+}
+
+QSet<int> periodic(int readableRun, int holes) {
+    QSet<int> readable;
+    for (int address = 0; address <= kMapLast; ++address)
+        if (address % (readableRun + holes) < readableRun) readable.insert(address);
+    return readable;
+}
+
+// A sparse device: readable runs of 1 to 40 addresses, 50 to 400 apart.
+QSet<int> sparse(unsigned seed) {
+    return turns(seed, 1, 40, 50, 400);
+}
+
+struct WalkCase {
+    const char* name;
+    std::function<QSet<int>()> readable;
+    double ceiling;  // requests over the floor
+};
+
+constexpr double kNearFloor = 1.10;
+
+const WalkCase kWalkCases[] = {
+    {"dense readable", [] { return addresses(0, kMapLast); }, kNearFloor},
+    {"dense unreadable", [] { return QSet<int>(); }, kNearFloor},
+    {"alternating", [] { return periodic(1, 1); }, kNearFloor},
+    {"3 readable, 2 holes", [] { return periodic(3, 2); }, kNearFloor},
+    {"16 readable, 100 holes", [] { return periodic(16, 100); }, kNearFloor},
+    {"random runs and holes of 1 to 300", [] { return turns(7, 1, 300, 1, 300); }, kNearFloor},
+    {"sparse", [] { return sparse(7); }, kNearFloor},
+    // Short random runs cannot be walked near the floor by any walk: each answer is one bit, and where a run
+    // of up to 20 ends is about four bits more than the floor's one read per run.
+    {"random runs and holes of 1 to 20", [] { return turns(7, 1, 20, 1, 20); }, 1.60},
+};
+
+TEST(RegisterMapperFloor, WalksEachModelMapNearTheFewestRequestsAnyWalkNeeds) {
+    for (const WalkCase& row : kWalkCases) {
+        for (const RegisterTable table : {RegisterTable::HoldingRegisters, RegisterTable::Coils}) {
+            SCOPED_TRACE(std::string(row.name) + (table == RegisterTable::Coils ? ", coils" : ", registers"));
+            ModelDevice device;
+            device.readable = row.readable();
+            RegisterMapper mapper = mapperFor(device, 0, kMapLast, kWalkBudget);
+            TableMap map;
+            EXPECT_TRUE(mapper.mapTable(table, &map));
+            QSet<int> found;
+            for (const AddressRun& run : map.runs) found += addresses(run.first, run.last);
+            EXPECT_EQ(found, device.readable);
+            const int largest =
+                table == RegisterTable::Coils ? zelt_cli::kMaxBitsPerRead : zelt_cli::kMaxRegistersPerRead;
+            const int floor = floorOf(device.readable, 0, kMapLast, largest);
+            EXPECT_LE(map.requests, row.ceiling * floor) << map.requests << " requests, floor " << floor;
+        }
+    }
+}
+
+TEST(RegisterMapperFloor, ASparseDeviceOfFourTablesTakesAtMostATenthMoreThanTheFloor) {
+    ModelDevice device;
+    int requests = 0;
+    int floor = 0;
+    unsigned seed = 1;
+    for (const RegisterTable table : {RegisterTable::Coils, RegisterTable::DiscreteInputs,
+                                      RegisterTable::InputRegisters, RegisterTable::HoldingRegisters}) {
+        device.readable = sparse(seed++);
+        RegisterMapper mapper = mapperFor(device, 0, kMapLast, kWalkBudget);
+        TableMap map;
+        EXPECT_TRUE(mapper.mapTable(table, &map));
+        requests += map.requests;
+        floor +=
+            floorOf(device.readable, 0, kMapLast,
+                    zelt_cli::isBitTable(table) ? zelt_cli::kMaxBitsPerRead : zelt_cli::kMaxRegistersPerRead);
+    }
+    // Halving refused blocks, the walk before this one, took 15,132 requests for these tables.
+    EXPECT_EQ(floor, 7494);
+    EXPECT_EQ(requests, 7724);
+    EXPECT_LE(requests, kNearFloor * floor);
 }
 
 }  // namespace

@@ -1,10 +1,10 @@
 #include "tools/zelt-modbus/register_map.h"
 
 #include <QElapsedTimer>
-#include <algorithm>
 #include <chrono>
 
 #include "tools/zelt-modbus/interrupt.h"
+#include "tools/zelt-modbus/map_walk.h"
 
 namespace zelt_cli {
 
@@ -45,7 +45,8 @@ bool RegisterMapper::pace() {
     return true;
 }
 
-RegisterMapper::Step RegisterMapper::explore(RegisterTable table, int first, int count, TableMap* map) {
+RegisterMapper::Step RegisterMapper::request(RegisterTable table, int first, int count, TableMap* map,
+                                             bool* readable) {
     if (requests >= limits.maxRequests) {
         ending = QStringLiteral("request limit of %1 reached").arg(limits.maxRequests);
         return Step::StopAll;
@@ -62,13 +63,12 @@ RegisterMapper::Step RegisterMapper::explore(RegisterTable table, int first, int
     switch (outcome.kind) {
         case ReadOutcome::Ok:
             addRun(map, first, first + count - 1);
+            *readable = true;
             return Step::Continue;
         case ReadOutcome::Exception:
             if (outcome.exceptionCode == kIllegalDataAddress || outcome.exceptionCode == kIllegalDataValue) {
-                if (count == 1) return Step::Continue;
-                const int half = count / 2;
-                const Step step = explore(table, first, half, map);
-                return step == Step::Continue ? explore(table, first + half, count - half, map) : step;
+                *readable = false;
+                return Step::Continue;
             }
             if (outcome.exceptionCode == kIllegalFunction && map->runs.isEmpty()) {
                 map->unsupported = true;
@@ -91,13 +91,14 @@ bool RegisterMapper::mapTable(RegisterTable table, TableMap* map) {
     map->table = table;
     QElapsedTimer timer;
     timer.start();
-    const int block = isBitTable(table) ? kMaxBitsPerRead : kMaxRegistersPerRead;
+    MapWalk walk(limits.first, limits.last, isBitTable(table) ? kMaxBitsPerRead : kMaxRegistersPerRead);
     bool goOn = true;
-    for (int first = limits.first; first <= limits.last; first += block) {
-        const int count = std::min(block, limits.last - first + 1);
-        const Step step = explore(table, first, count, map);
+    while (!walk.done()) {
+        bool readable = false;
+        const Step step = request(table, walk.position(), walk.count(), map, &readable);
         if (step == Step::StopAll) goOn = false;
         if (step != Step::Continue) break;
+        walk.answered(readable);
     }
     map->elapsedMs = timer.elapsed();
     return goOn;

@@ -1,7 +1,7 @@
 #pragma once
-// Finds the addresses of each table that a device answers: reads blocks of the largest size the protocol
-// allows and splits a block the device refuses as "illegal data address" (or "value") in halves until the
-// readable runs are known. Paced and bounded, because it runs against devices in service.
+// Finds the addresses of each table that a device answers: reads the blocks MapWalk chooses, which a device
+// answers or refuses as "illegal data address" (or "value"), until the readable runs are known. Paced and
+// bounded, because it runs against devices in service.
 
 #include <QList>
 #include <QString>
@@ -47,7 +47,8 @@ public:
 
 private:
     enum class Step { Continue, StopTable, StopAll };
-    Step explore(RegisterTable table, int first, int count, TableMap* map);
+    // One read of [first, first + count); `*readable` is set when it was answered or refused.
+    Step request(RegisterTable table, int first, int count, TableMap* map, bool* readable);
     bool pace();
 
     ReadFn read;
