@@ -9,6 +9,7 @@ constexpr int kMaxTimeoutMs = 60000;
 constexpr int kMaxRequestPauseMs = 10000;
 constexpr int kMaxRetries = 5;
 constexpr int kMaxBackoffMs = 600000;
+constexpr int kMostOutstandingRequests = 16;
 
 int boundedNumber(QMap<QString, QString> const& settings, QString const& key, int low, int high,
                   int fallback) {
@@ -33,5 +34,9 @@ DeviceOptions deviceOptions(QMap<QString, QString> const& settings) {
         boundedNumber(settings, kShareConnection, 0, 1, DeviceOptions::kDefaultShareConnection ? 1 : 0) == 1;
     options.backoffMaxMs =
         boundedNumber(settings, kBackoffMaxMs, 0, kMaxBackoffMs, DeviceOptions::kDefaultBackoffMaxMs);
+    options.readGaps = boundedNumber(settings, kReadGaps, 0, 1, DeviceOptions::kDefaultReadGaps ? 1 : 0) == 1;
+    options.maxOutstandingRequests =
+        boundedNumber(settings, kMaxOutstandingRequests, 1, kMostOutstandingRequests,
+                      DeviceOptions::kDefaultMaxOutstandingRequests);
     return options;
 }

@@ -12,6 +12,8 @@ struct DeviceOptions {
     static constexpr int kDefaultRetries = 0;
     static constexpr bool kDefaultShareConnection = true;
     static constexpr int kDefaultBackoffMaxMs = 10000;
+    static constexpr bool kDefaultReadGaps = true;
+    static constexpr int kDefaultMaxOutstandingRequests = 1;
 
     int responseTimeoutMs = kDefaultResponseTimeoutMs;
     int connectTimeoutMs = kDefaultConnectTimeoutMs;
@@ -19,6 +21,8 @@ struct DeviceOptions {
     int retries = kDefaultRetries;
     bool shareConnection = kDefaultShareConnection;
     int backoffMaxMs = kDefaultBackoffMaxMs;
+    bool readGaps = kDefaultReadGaps;
+    int maxOutstandingRequests = kDefaultMaxOutstandingRequests;
 };
 
 DeviceOptions deviceOptions(QMap<QString, QString> const& settings);

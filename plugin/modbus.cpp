@@ -130,6 +130,17 @@ QList<DatabaseColumnStructure> deviceColumns(const QList<NetworkInterfaceInstanc
     columns.append(column("backoff_max_ms", kTypeText, 0, "10000",
                           "Longest pause before a device that cannot be reached or stops answering is polled "
                           "again. 0 tries on every poll."));
+    DatabaseColumnStructure readGaps = column(
+        "read_gaps", kTypeText, 3, "1",
+        "Read the registers between items along with them, so that fewer requests are needed. Set to no "
+        "for devices that refuse or react to reads of registers nobody asked for.");
+    readGaps.insertSelectionValues(QStringLiteral("No"), QStringLiteral("0"));
+    readGaps.insertSelectionValues(QStringLiteral("Yes"), QStringLiteral("1"));
+    columns.append(readGaps);
+    columns.append(
+        column("max_outstanding_requests", kTypeText, 0, "1",
+               "Requests sent before waiting for their answers. Only for devices that allow several "
+               "requests in flight; 1 sends one at a time."));
     return columns;
 }
 

@@ -22,6 +22,7 @@
 #include "plugin/device_health.h"
 #include "plugin/device_options.h"
 #include "plugin/read_entry.h"
+#include "plugin/request_plan.h"
 
 class Modbus : public QObject, public ZeltInterface {
     Q_OBJECT
@@ -53,6 +54,19 @@ public:
         std::vector<unsigned int> sortedSlots;
         size_t sortedBatchSize = 0;
         bool sortedSlotsValid = false;
+        // The requests planned for the read list, and what they are planned with; the addresses the device
+        // refused, learned by its answers.
+        std::vector<request_plan::PlannedRequest> plan;
+        std::vector<int> unreadable;
+        bool planValid = false;
+        bool itemsChanged = false;
+        unsigned char planLimit = 0;
+        bool planReadGaps = true;
+        size_t planHoleCount = 0;
+        size_t planItemCount = 0;
+        request_plan::Holes holes;
+        qint64 holesLearnedAtMs = 0;
+        QMap<QString, QString> plannedSettings;
         Backoff backoff;
         DeviceHealth health;
         // The connection generation this device last used.
@@ -126,6 +140,10 @@ private:
     // Writes the device's diagnostic items and keeps its poll's time and outcome.
     void finishPoll(DeviceState& state, DeviceInstancePlugin const& device, bool ok,
                     TcpDeviceConnection* used, std::chrono::steady_clock::time_point started);
+    // Plans the requests of the device's read list, again only when the list, the limit, the settings or the
+    // learned holes changed.
+    void planReads(DeviceState& state, DeviceOptions const& options, unsigned char limit,
+                   DeviceInstancePlugin const& device);
     // Closes the connection after a batch unless a device using it keeps it open.
     void keepOrClose(TcpDeviceConnection& entry, DeviceInstancePlugin const& device);
 

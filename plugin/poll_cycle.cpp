@@ -4,12 +4,14 @@
 #include <chrono>
 #include <climits>
 #include <exception>
+#include <numeric>
 
 #include "codec/address_space.h"
 #include "plugin/diagnostics.h"
 #include "plugin/modbus.h"
 #include "plugin/modbus_identity_specs.h"
 #include "plugin/read_entry.h"
+#include "plugin/request_plan.h"
 #include "plugin/request_runner.h"
 #include "plugin/setting_keys.h"
 
@@ -47,10 +49,30 @@ struct ByteOrders {
     bool stringByteSwapped;
 };
 
-// Reads [first, last) of one table; `runner` is null when a caller drives the connection itself. True when
-// every request was answered.
-bool readEntries(Modbus& plugin, Connection& connection, RequestRunner* runner, ReadEntryIterator first,
-                 ReadEntryIterator last, ByteOrders const& orders, unsigned char maxReadRegisters);
+const QString kIllegalDataAddress = QStringLiteral("Illegal data address");
+// What a device once refused may have become readable: a firmware update, a reconfigured gateway.
+constexpr qint64 kForgetHolesAfterMs = 60LL * 60 * 1000;
+
+// What every request of a poll needs besides its own items. `runner` is null when a caller drives the
+// connection itself; `holes` is null when nothing is to be learned.
+struct ReadContext {
+    Modbus& plugin;
+    Connection& connection;
+    RequestRunner* runner;
+    ByteOrders orders;
+    unsigned char limit;
+    request_plan::Holes* holes;
+};
+
+request_plan::PlanItem planItem(const ReadEntry& entry) {
+    return request_plan::PlanItem{static_cast<int>(entry.table), entry.offset, readFootprint(entry)};
+}
+
+// Reads one planned request of `entries`; a request refused for an illegal address is split at its items to
+// find what is readable, and what is not is remembered in the context's holes. True when every item of it got
+// a value.
+bool readPlanned(ReadContext& context, std::vector<ReadEntry>& entries,
+                 const request_plan::PlannedRequest& request);
 
 QString flagText(bool flag) {
     return flag ? QStringLiteral("1") : QStringLiteral("0");
@@ -118,6 +140,8 @@ bool Modbus::readBatch(LogList* list) {
         for (const ReadEntry& sorted : readList) sortedSlots.push_back(sorted.slot);
         state->sortedBatchSize = parsedItems.size();
         state->sortedSlotsValid = !hasNullEntry;
+        // New items or a new order: the plan is made again, and what was learned of the old items is dropped.
+        state->itemsChanged = true;
     }
     // A typo in an address must show on the item, not leave it silently unread.
     readList.erase(std::remove_if(readList.begin(), readList.end(),
@@ -179,13 +203,12 @@ bool Modbus::pollDevice(LogList* list, DeviceState& deviceState, DeviceOptions c
         setting_keys::settingText(device.settings, setting_keys::kMaxReadRegisters).toInt());
     const ByteOrders orders{isLittleEndian(device), isByteSwapped(device), isStringLittleEndian(device),
                             isStringByteSwapped(device)};
-    for (auto runStart = readList.begin(); runStart != readList.end();) {
-        const RegisterType table = runStart->table;
-        auto runEnd = std::find_if(runStart, readList.end(),
-                                   [table](const ReadEntry& entry) { return entry.table != table; });
-        readEntries(*this, entry->connection, &runner, runStart, runEnd, orders, maxRead);
-        runStart = runEnd;
-    }
+    const unsigned char limit = readLimit(maxRead);
+    planReads(*state, options, limit, device);
+    ReadContext context{*this, entry->connection, &runner, orders, limit, &state->holes};
+    for (const request_plan::PlannedRequest& request : state->plan) readPlanned(context, readList, request);
+    for (int unreadable : state->unreadable)
+        readList[static_cast<size_t>(unreadable)].dataItem->item.setLastError(kIllegalDataAddress);
 
     const int deviceError = runner.deviceError();
     if (runner.connectFailed()) {
@@ -245,11 +268,13 @@ void Modbus::keepOrClose(TcpDeviceConnection& entry, DeviceInstancePlugin const&
 
 namespace {
 
-// One request: the block from `startAddress` covering [first, last). A failed request fails only its own
-// items.
-bool readRequest(Modbus& plugin, Connection& connection, RequestRunner* runner, ReadEntryIterator first,
-                 ReadEntryIterator last, int startAddress, int count, ByteOrders const& orders,
-                 unsigned char limit) {
+// One request: the block from `startAddress` of `count` registers (or coils) covering [first, last). Returns
+// 0 when it was answered (the items got their values), else the error code; the items are left as they were.
+int readRequest(ReadContext& context, ReadEntryIterator first, ReadEntryIterator last, int startAddress,
+                int count) {
+    Modbus& plugin = context.plugin;
+    Connection& connection = context.connection;
+    const ByteOrders& orders = context.orders;
     const ReadEntry& firstEntry = *first;
     const RegisterType table = firstEntry.table;
     const int lastAddress = (last - 1)->offset;
@@ -258,16 +283,12 @@ bool readRequest(Modbus& plugin, Connection& connection, RequestRunner* runner, 
         QStringLiteral("%1 registers of type %2 from %3 to %4. Max read registers: %5")
             .arg(QString::number(count), QString::number(static_cast<int>(table)),
                  QString::number(startAddress), QString::number(lastAddress),
-                 QString::number(static_cast<int>(limit)));
+                 QString::number(static_cast<int>(context.limit)));
     auto requestText = [&requestTail](QLatin1String head) { return head + requestTail; };
     plugin.writeLogDebug(requestText(QLatin1String("Getting ready to read ")));
 
     auto send = [&](RequestRunner::Request const& request, int* error) {
-        return runner ? runner->run(request, error) : request(connection, error);
-    };
-    auto failItems = [&](int error) {
-        const QString errorText = connection.errToStr(error);
-        for (ReadEntryIterator it = first; it != last; ++it) it->dataItem->item.setLastError(errorText);
+        return context.runner ? context.runner->run(request, error) : request(connection, error);
     };
 
     int error = 0;
@@ -279,11 +300,10 @@ bool readRequest(Modbus& plugin, Connection& connection, RequestRunner* runner, 
                  &error);
         if (result >= 0) {
             extractBits(first, last, startAddress, bits);
-            return true;
+            return 0;
         }
         plugin.writeLogDebug(QStringLiteral("Could not read coil. ") + connection.errToStr(error));
-        failItems(error);
-        return false;
+        return error;
     }
     if (table == InputRegister || table == HoldingRegister) {
         std::vector<unsigned short> words(std::min(count, kLargestRegisterRead));
@@ -297,8 +317,7 @@ bool readRequest(Modbus& plugin, Connection& connection, RequestRunner* runner, 
             plugin.writeLogDebug(
                 QStringLiteral("Failed to read elements of type %1.").arg(static_cast<int>(table)) +
                 connection.errToStr(error));
-            failItems(error);
-            return false;
+            return error;
         }
         plugin.writeLogDebug(QStringLiteral("Holding/Input register data for ") +
                              firstEntry.dataItem->item.name + QStringLiteral(" to be extracted. Length: ") +
@@ -307,44 +326,117 @@ bool readRequest(Modbus& plugin, Connection& connection, RequestRunner* runner, 
         extractWords(first, last, startAddress, words, orders.littleEndian, orders.byteSwapped,
                      orders.stringLittleEndian, orders.stringByteSwapped);
         plugin.writeLogDebug(QStringLiteral("Holding/Input register data extracted!"));
-        return true;
+        return 0;
     }
+    return EINVAL;
+}
+
+void markHoles(request_plan::Holes& holes, int table, qint64 first, qint64 last) {
+    std::set<int>& tableHoles = holes[static_cast<size_t>(table)];
+    for (qint64 address = first; address <= last; ++address) tableHoles.insert(static_cast<int>(address));
+}
+
+bool readPlanned(ReadContext& context, std::vector<ReadEntry>& entries,
+                 const request_plan::PlannedRequest& request) {
+    if (request.items.empty()) return true;
+    // The items of a request are neighbours in the sorted list unless an unreadable one lies between them.
+    const size_t firstIndex = static_cast<size_t>(request.items.front());
+    const bool contiguous =
+        static_cast<size_t>(request.items.back()) - firstIndex + 1 == request.items.size();
+    std::vector<ReadEntry> gathered;
+    ReadEntryIterator first = entries.begin() + static_cast<std::ptrdiff_t>(firstIndex);
+    ReadEntryIterator last = first + static_cast<std::ptrdiff_t>(request.items.size());
+    if (!contiguous) {
+        gathered.reserve(request.items.size());
+        for (int index : request.items) gathered.push_back(entries[static_cast<size_t>(index)]);
+        first = gathered.begin();
+        last = gathered.end();
+    }
+    const int error = readRequest(context, first, last, request.start, request.count);
+    if (error == 0) return true;
+
+    if (error == EMBXILADD && context.holes) {
+        if (request.items.size() > 1) {
+            // Somewhere in the request lies an address the device does not have: its halves show where.
+            std::vector<request_plan::PlanItem> items;
+            items.reserve(entries.size());
+            for (const ReadEntry& entry : entries) items.push_back(planItem(entry));
+            const auto halves = request_plan::splitRequest(request, items);
+            const bool firstRead = readPlanned(context, entries, halves.first);
+            const bool secondRead = readPlanned(context, entries, halves.second);
+            // Both halves readable: the refused address lies in the gap between them.
+            const qint64 gapFirst = qint64(halves.first.start) + halves.first.count;
+            const qint64 gapLast = qint64(halves.second.start) - 1;
+            if (firstRead && secondRead && gapFirst <= gapLast)
+                markHoles(*context.holes, request.table, gapFirst, gapLast);
+            return false;
+        }
+        markHoles(*context.holes, request.table, request.start, qint64(request.start) + request.count - 1);
+    }
+    const QString errorText = context.connection.errToStr(error);
+    for (ReadEntryIterator it = first; it != last; ++it) it->dataItem->item.setLastError(errorText);
     return false;
 }
 
-bool readEntries(Modbus& plugin, Connection& connection, RequestRunner* runner, ReadEntryIterator first,
-                 ReadEntryIterator last, ByteOrders const& orders, unsigned char maxReadRegisters) {
-    if (first == last) return true;
-    const unsigned char limit = readLimit(maxReadRegisters);
-
-    const ReadEntry& lastEntry = *(last - 1);
-    const int startAddress = first->offset;
-    // In 64 bits: a range text may name a span of billions of registers.
-    const qint64 endAddress = qint64(lastEntry.offset) + lastEntry.span + lastEntry.requestLength - 1;
-    const int count = static_cast<int>(qBound<qint64>(0, endAddress - startAddress + 1, INT_MAX));
-
-    if (count > limit) {
-        const ReadEntryIterator mid = first + (last - first) / 2;
-        if (mid != first) {
-            // Each half is read whatever became of the other: a failed request fails only its own items.
-            const bool firstHalf = readEntries(plugin, connection, runner, first, mid, orders, limit);
-            const bool secondHalf = readEntries(plugin, connection, runner, mid, last, orders, limit);
-            return firstHalf && secondHalf;
-        }
-    }
-    return readRequest(plugin, connection, runner, first, last, startAddress, count, orders, limit);
+// Reads [first, last) of one table in the fewest requests the limit allows; true when every request was
+// answered.
+bool readEntries(ReadContext& context, ReadEntryIterator first, ReadEntryIterator last) {
+    std::vector<request_plan::PlanItem> items;
+    items.reserve(static_cast<size_t>(last - first));
+    for (ReadEntryIterator it = first; it != last; ++it) items.push_back(planItem(*it));
+    std::vector<ReadEntry> entries(first, last);
+    bool all = true;
+    for (const request_plan::PlannedRequest& request :
+         request_plan::planRequests(items, context.limit, true, request_plan::Holes{}, nullptr))
+        all = readPlanned(context, entries, request) && all;
+    return all;
 }
 
 }  // namespace
+
+void Modbus::planReads(DeviceState& state, DeviceOptions const& options, unsigned char limit,
+                       DeviceInstancePlugin const& device) {
+    // What was learned of the device is forgotten when its settings change, and after an hour.
+    const qint64 now = Backoff::clockMs();
+    const bool settingsChanged =
+        !state.plannedSettings.isSharedWith(device.settings) && state.plannedSettings != device.settings;
+    const bool itemsChanged = state.itemsChanged || !state.sortedSlotsValid;
+    state.itemsChanged = false;
+    if (settingsChanged || itemsChanged || now - state.holesLearnedAtMs > kForgetHolesAfterMs) {
+        for (std::set<int>& tableHoles : state.holes) tableHoles.clear();
+        state.holesLearnedAtMs = now;
+        state.planValid = false;
+    }
+    if (settingsChanged) state.plannedSettings = device.settings;
+    const size_t holeCount =
+        std::accumulate(state.holes.cbegin(), state.holes.cend(), size_t(0),
+                        [](size_t sum, const std::set<int>& table) { return sum + table.size(); });
+    if (state.planValid && state.planLimit == limit && state.planReadGaps == options.readGaps &&
+        state.planHoleCount == holeCount && state.planItemCount == state.readList.size())
+        return;
+    std::vector<request_plan::PlanItem> items;
+    items.reserve(state.readList.size());
+    for (const ReadEntry& entry : state.readList) items.push_back(planItem(entry));
+    state.unreadable.clear();
+    state.plan = request_plan::planRequests(items, limit, options.readGaps, state.holes, &state.unreadable);
+    state.planValid = state.sortedSlotsValid;
+    state.planLimit = limit;
+    state.planReadGaps = options.readGaps;
+    state.planHoleCount = holeCount;
+    state.planItemCount = state.readList.size();
+}
 
 Modbus::DataItemIterator Modbus::readItems(Connection& connection, DataItemIterator first,
                                            DataItemIterator last, bool littleEndian, bool byteSwapped,
                                            bool stringLittleEndian, bool stringByteSwapped,
                                            unsigned char maxReadRegisters) {
     std::vector<ReadEntry> entries = makeReadEntries(first, last);
-    const ByteOrders orders{littleEndian, byteSwapped, stringLittleEndian, stringByteSwapped};
+    ReadContext context{*this,
+                        connection,
+                        nullptr,
+                        ByteOrders{littleEndian, byteSwapped, stringLittleEndian, stringByteSwapped},
+                        readLimit(maxReadRegisters),
+                        nullptr};
     // Every item of the range is asked for; those of a failed request carry its error text.
-    return readEntries(*this, connection, nullptr, entries.begin(), entries.end(), orders, maxReadRegisters)
-               ? last
-               : first;
+    return readEntries(context, entries.begin(), entries.end()) ? last : first;
 }

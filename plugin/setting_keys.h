@@ -26,6 +26,8 @@ inline const QString kRequestPauseMs = QStringLiteral("request_pause_ms");
 inline const QString kRetries = QStringLiteral("retries");
 inline const QString kShareConnection = QStringLiteral("share_connection");
 inline const QString kBackoffMaxMs = QStringLiteral("backoff_max_ms");
+inline const QString kReadGaps = QStringLiteral("read_gaps");
+inline const QString kMaxOutstandingRequests = QStringLiteral("max_outstanding_requests");
 
 // The entry of DataItem::values that holds the value text.
 inline const QString kValue = QStringLiteral("value");

@@ -21,6 +21,8 @@ int optionValue(DeviceOptions const& options, QString const& key) {
     if (key == QLatin1String("retries")) return options.retries;
     if (key == QLatin1String("share_connection")) return options.shareConnection ? 1 : 0;
     if (key == QLatin1String("backoff_max_ms")) return options.backoffMaxMs;
+    if (key == QLatin1String("read_gaps")) return options.readGaps ? 1 : 0;
+    if (key == QLatin1String("max_outstanding_requests")) return options.maxOutstandingRequests;
     ADD_FAILURE() << key.toStdString();
     return -1;
 }

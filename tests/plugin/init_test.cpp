@@ -126,6 +126,20 @@ std::vector<ColumnRow> expectedDeviceColumns(const QList<QPair<QString, QString>
          "on "
          "every poll.",
          {}},
+        {"read_gaps",
+         0,
+         3,
+         "1",
+         "Read the registers between items along with them, so that fewer requests are needed. Set to no for "
+         "devices that refuse or react to reads of registers nobody asked for.",
+         {{"No", "0"}, {"Yes", "1"}}},
+        {"max_outstanding_requests",
+         0,
+         0,
+         "1",
+         "Requests sent before waiting for their answers. Only for devices that allow several requests in "
+         "flight; 1 sends one at a time.",
+         {}},
     };
 }
 

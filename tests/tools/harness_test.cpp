@@ -38,15 +38,16 @@ TEST(Harness, WritesThenReadsAndPrintsTheFirstValueAndTheBatchError) {
         if (record.function == 3 || record.function == 6)
             requests.emplace_back(record.function, record.address, record.count);
     // The whole batch is written with single-register writes (no "write_preset"); the items without a value
-    // write 0. Then the four items are read in two requests of at most 20 registers.
+    // write 0. Then the four items are read in the fewest requests of at most 20 registers: the first takes
+    // every item that ends within 20 registers of its start, the second the rest.
     EXPECT_EQ(requests, (std::vector<std::tuple<int, int, int>>{{6, 0, -1},
                                                                 {6, 1, -1},
                                                                 {6, 2, -1},
                                                                 {6, 3, -1},
                                                                 {6, 18, -1},
                                                                 {6, 24, -1},
-                                                                {3, 0, 4},
-                                                                {3, 18, 7}}));
+                                                                {3, 0, 19},
+                                                                {3, 24, 1}}));
 }
 
 }  // namespace
