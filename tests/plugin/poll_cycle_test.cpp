@@ -463,3 +463,19 @@ TEST_F(PollCycleTest, TheSameItemsInAnotherOrderAreSortedAgain) {
     EXPECT_EQ(backward.value("high"), QStringLiteral("8"));
     EXPECT_EQ(dataReads(sim), (std::vector<Request>{{3, 0, 1}, {3, 200, 1}, {3, 0, 1}, {3, 200, 1}}));
 }
+
+TEST_F(PollCycleTest, ASettingWrittenThroughAReferenceTakenBeforeThePollIsReadAgain) {
+    sim.setHoldingRegisters(0, {5, 6});
+    Batch batch(device());
+    DataItem* item = batch.add(makeItem("moving", "40001", "4", "2"));
+    // The host keeps a reference into its own map from before the plugin first saw it; writing through it
+    // later changes the map's data in place, without detaching it from any copy.
+    QString& registerText = item->item.settings[QStringLiteral("register")];
+    ASSERT_TRUE(plugin.readData(&batch.list));
+    EXPECT_EQ(batch.value("moving"), QStringLiteral("5"));
+
+    registerText = QStringLiteral("40002");
+    ASSERT_TRUE(plugin.readData(&batch.list));
+    EXPECT_EQ(batch.value("moving"), QStringLiteral("6"));
+    EXPECT_EQ(dataReads(sim), (std::vector<Request>{{3, 0, 1}, {3, 1, 1}}));
+}
