@@ -24,9 +24,9 @@ unsigned char readLimit(unsigned char maxReadRegisters) {
 
 const QString kAddressOutOfRange = QStringLiteral("Address out of range");
 
-// Registers (or coils) a read of the item covers, as the request for it is sized.
+// Registers (or coils) a read of the item covers, as the request for it is sized: span + type length in every
+// table, coils and discrete inputs included.
 qint64 readFootprint(const ReadEntry& entry) {
-    if (entry.table == OutputCoil || entry.table == InputCoil) return 1;
     return std::max<qint64>(1, qint64(entry.span) + entry.requestLength);
 }
 

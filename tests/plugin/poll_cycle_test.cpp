@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <stdexcept>
 #include <tuple>
 
 #include "common/plugin_batch.h"
@@ -478,4 +480,22 @@ TEST_F(PollCycleTest, ASettingWrittenThroughAReferenceTakenBeforeThePollIsReadAg
     ASSERT_TRUE(plugin.readData(&batch.list));
     EXPECT_EQ(batch.value("moving"), QStringLiteral("6"));
     EXPECT_EQ(dataReads(sim), (std::vector<Request>{{3, 0, 1}, {3, 1, 1}}));
+}
+
+TEST_F(PollCycleTest, CoilAndDiscreteInputReadsPastTheLastAddressAreOutOfRange) {
+    Batch batch(device());
+    // Bits are requested span + type length wide, like registers: quantity 2 and 10 here.
+    batch.add(makeItem("coil", "65535", "0", "3"));
+    batch.add(makeItem("inputs", "65530-10", "1", "7"));
+    EXPECT_TRUE(plugin.readData(&batch.list));
+    EXPECT_EQ(batch.error("coil"), QStringLiteral("Address out of range"));
+    EXPECT_EQ(batch.error("inputs"), QStringLiteral("Address out of range"));
+    EXPECT_TRUE(dataReads(sim).empty());
+
+    // The last coil and the last six discrete inputs themselves are still read.
+    Batch edge(device());
+    edge.add(makeItem("coil", "65535", "0", "2"));
+    edge.add(makeItem("inputs", "65530-6", "1", "7"));
+    plugin.readData(&edge.list);
+    EXPECT_EQ(dataReads(sim), (std::vector<Request>{{1, 65535, 1}, {2, 65530, 6}}));
 }
