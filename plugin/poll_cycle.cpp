@@ -47,14 +47,21 @@ QString flagText(bool flag) {
 
 bool Modbus::readData(LogList* list) {
     if (!list) return false;
+    // Nothing may escape into the host, whatever was thrown; the batch keeps what was read before.
+    QString reason;
     try {
         return readBatch(list);
     } catch (const std::exception& error) {
-        // Nothing may escape into the host; the batch keeps what was read before.
-        writeLogError(QStringLiteral("Reading from %1 failed: %2")
-                          .arg(list->device.name, QString::fromLocal8Bit(error.what())));
-        return false;
+        reason = QString::fromLocal8Bit(error.what());
+    } catch (...) {
+        reason = QStringLiteral("unknown exception");
     }
+    try {
+        writeLogDebug(QStringLiteral("Reading from %1 failed: %2").arg(list->device.name, reason));
+    } catch (...) {
+        // The host's own log threw: there is nowhere left to tell.
+    }
+    return false;
 }
 
 bool Modbus::readBatch(LogList* list) {

@@ -499,3 +499,57 @@ TEST_F(PollCycleTest, CoilAndDiscreteInputReadsPastTheLastAddressAreOutOfRange) 
     plugin.readData(&edge.list);
     EXPECT_EQ(dataReads(sim), (std::vector<Request>{{1, 65535, 1}, {2, 65530, 6}}));
 }
+
+namespace {
+
+// Throws `thrown` from the host's log call at the first line equal to `line`, once.
+class ThrowingLogLine {
+public:
+    ThrowingLogLine(const QString& line, std::function<void()> thrown) {
+        Host::instance().setLogSink([this, line, thrown](LogLevel, const QString& text) {
+            if (fired || text != line) return;
+            fired = true;
+            thrown();
+        });
+    }
+    ~ThrowingLogLine() { Host::instance().setLogSink(nullptr); }
+    ThrowingLogLine(const ThrowingLogLine&) = delete;
+    ThrowingLogLine& operator=(const ThrowingLogLine&) = delete;
+
+private:
+    bool fired = false;
+};
+
+}  // namespace
+
+TEST_F(PollCycleTest, NoExceptionOfAnyTypeEscapesIntoTheHost) {
+    const struct {
+        const char* name;
+        std::function<void()> thrown;
+        const char* logged;
+    } kRows[] = {
+        {"std::exception", [] { throw std::runtime_error("host log full"); },
+         "Reading from device1 failed: host log full"},
+        {"int", [] { throw 7; }, "Reading from device1 failed: unknown exception"},
+    };
+    for (const auto& row : kRows) {
+        SCOPED_TRACE(row.name);
+        Host::instance().clearLogs();
+        Batch batch(device());
+        batch.add(makeItem("a", "40001", "4", "2"));
+        {
+            ThrowingLogLine throwing(QStringLiteral("Going to read 1 from device1"), row.thrown);
+            EXPECT_FALSE(plugin.readData(&batch.list));
+        }
+        EXPECT_TRUE(Host::instance().hasLog(LogLevel::Debug, QString::fromLatin1(row.logged)));
+        EXPECT_TRUE(Host::instance().logTexts(LogLevel::Error).isEmpty());
+    }
+    EXPECT_TRUE(dataReads(sim).empty());
+
+    // The write boundary too.
+    Batch write(device());
+    DataItem* item = write.add(makeItem("a", "40001", "4", "2"));
+    item->values.insert(QStringLiteral("value"), QStringLiteral("3"));
+    ThrowingLogLine throwing(QStringLiteral("Writing value 3 to a in device1"), [] { throw 7; });
+    EXPECT_FALSE(plugin.writeData(&write.list));
+}
