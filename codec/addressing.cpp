@@ -4,6 +4,7 @@
 #include "codec/addressing.h"
 
 #include <QStringRef>
+#include <climits>
 
 #include "codec/number_text.h"
 
@@ -100,7 +101,8 @@ int offsetFrom(QString const& registerText, QString const& registerTypeText, Sep
         return -1;
     }
     int const oneBased = textToInt(address.mid(1), &ok);
-    if (!ok) {
+    if (!ok || oneBased == INT_MIN) {
+        // The rest may read as the smallest int, whose 0-based address no int holds.
         return -1;
     }
     return oneBased - 1;

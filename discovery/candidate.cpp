@@ -21,6 +21,21 @@ void fillIfEmpty(QString* target, const QString& value) {
     }
 }
 
+QString withoutUnpairedSurrogates(const QString& text) {
+    QString valid;
+    valid.reserve(text.size());
+    for (int i = 0; i < text.size(); ++i) {
+        const QChar character = text.at(i);
+        if (!character.isSurrogate()) {
+            valid.append(character);
+        } else if (character.isHighSurrogate() && i + 1 < text.size() && text.at(i + 1).isLowSurrogate()) {
+            valid.append(character);
+            valid.append(text.at(++i));
+        }
+    }
+    return valid;
+}
+
 }  // namespace
 
 void applyIdentify(Candidate* candidate, const IdentifyResult& result) {
@@ -40,6 +55,9 @@ void applyIdentify(Candidate* candidate, const IdentifyResult& result) {
 QString sanitizeUidPart(QString text) {
     static const QRegularExpression kSeparators(QStringLiteral("[.:/]"));
     static const QRegularExpression kDisallowed(QStringLiteral("[^A-Za-z0-9_]+"));
+    // A regular expression matches nothing in a text that is no valid UTF-16, which would leave it
+    // unsanitized.
+    text = withoutUnpairedSurrogates(text);
     text.replace(kSeparators, QStringLiteral("_"));
     text.remove(kDisallowed);
     while (text.contains(QLatin1String("__"))) {
@@ -49,10 +67,10 @@ QString sanitizeUidPart(QString text) {
 }
 
 QString uidFor(const Candidate& candidate) {
+    // One multi-argument arg(): a chained one would replace a "%1" left in an earlier argument.
     return QStringLiteral("modbus_%1_%2_%3")
-        .arg(sanitizeUidPart(candidate.address))
-        .arg(static_cast<uint>(effectivePort(candidate)))
-        .arg(static_cast<uint>(candidate.unitId));
+        .arg(sanitizeUidPart(candidate.address), QString::number(effectivePort(candidate)),
+             QString::number(candidate.unitId));
 }
 
 QString identityLabel(const Candidate& candidate) {

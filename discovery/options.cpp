@@ -163,12 +163,18 @@ void addExistingDevices(const QJsonObject& request, QStringList* existingUids) {
         if (!uid.isEmpty()) {
             existingUids->append(uid);
         }
-        // The uid a scan would compute for this device also marks it as known.
+        // The uid a scan would compute for this device also marks it as known. A unit id no scan can reach
+        // marks nothing: narrowed to 8 bits it would hide the real device at the unit it wraps to.
+        bool unitIsNumber = false;
+        const qlonglong unit =
+            getField(device, QStringLiteral("server_id"), QString()).toLongLong(&unitIsNumber);
+        if (unitIsNumber && (unit < kMinUnitId || unit > kMaxUnitId)) {
+            continue;
+        }
         Candidate candidate;
         candidate.address = getField(device, QStringLiteral("address"), QString());
         candidate.port = getField(device, QStringLiteral("port"), QString()).toUShort();
-        candidate.unitId =
-            static_cast<quint8>(getField(device, QStringLiteral("server_id"), QString()).toUShort());
+        candidate.unitId = unitIsNumber ? static_cast<quint8>(unit) : 0;
         candidate.deviceInterface = getField(device, QStringLiteral("device_interface"), QString());
         const QString computed = uidFor(candidate);
         if (!computed.isEmpty() && !existingUids->contains(computed)) {

@@ -29,9 +29,9 @@ unsigned char readLimit(unsigned char maxReadRegisters) {
 
 const QString kAddressOutOfRange = QStringLiteral("Address out of range");
 
-// Registers (or coils) a read of the item covers, as the request for it is sized.
+// Registers (or coils) a read of the item covers, as the request for it is sized: span + type length in every
+// table, coils and discrete inputs included.
 qint64 readFootprint(const ReadEntry& entry) {
-    if (entry.table == OutputCoil || entry.table == InputCoil) return 1;
     return std::max<qint64>(1, qint64(entry.span) + entry.requestLength);
 }
 
@@ -81,14 +81,21 @@ QString flagText(bool flag) {
 
 bool Modbus::readData(LogList* list) {
     if (!list) return false;
+    // Nothing may escape into the host, whatever was thrown; the batch keeps what was read before.
+    QString reason;
     try {
         return readBatch(list);
     } catch (const std::exception& error) {
-        // Nothing may escape into the host; the batch keeps what was read before.
-        writeLogError(QStringLiteral("Reading from %1 failed: %2")
-                          .arg(list->device.name, QString::fromLocal8Bit(error.what())));
-        return false;
+        reason = QString::fromLocal8Bit(error.what());
+    } catch (...) {
+        reason = QStringLiteral("unknown exception");
     }
+    try {
+        writeLogDebug(QStringLiteral("Reading from %1 failed: %2").arg(list->device.name, reason));
+    } catch (...) {
+        // The host's own log threw: there is nowhere left to tell.
+    }
+    return false;
 }
 
 bool Modbus::readBatch(LogList* list) {

@@ -21,15 +21,18 @@ struct ReadEntry {
     unsigned int slot = 0;           // the item's position in its batch
 };
 
-// A parsed entry kept from one poll to the next, with a shared copy of the settings it was parsed from: while
-// the item still holds that very map (shared, so the host cannot have changed it without detaching), the
-// entry is still right and the texts are not parsed again.
+// A parsed entry kept from one poll to the next, with the four texts it was parsed from. The texts are
+// compared, not the maps' sharing: a host that writes through a reference it took into its map before the
+// plugin copied it changes the shared data in place, so a map still shared may hold other texts.
 struct ParsedItem {
-    QMap<QString, QString> settings;
+    QString registerText;
+    QString registerTypeText;
+    QString typeText;
+    QString precisionText;
     ReadEntry entry;
 };
 
-// The entry of `dataItem`, from `slot` when its settings are still the ones parsed there, else parsed anew
+// The entry of `dataItem`, from `slot` when its four texts are still the ones parsed there, else parsed anew
 // into it (and `*reparsed` set, when given).
 ReadEntry const& cachedReadEntry(DataItem* dataItem, ParsedItem& slot, bool* reparsed = nullptr);
 

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <climits>
+
 #include "codec_fixtures.h"
 #include "plugin/modbus.h"
 
@@ -44,6 +46,9 @@ const AddressRow kAddressRows[] = {
     {"4", ".3", HoldingRegister, -1, 3, 0},
     {"4", "x0001", HoldingRegister, -1, 0, 0},
     {"4", "4abc", HoldingRegister, -1, 0, 0},
+    {"4", "4-5.0", HoldingRegister, -6, 0, 0},  // the rest "-5" is taken as it is, minus 1
+    {"4", "4-2147483647.0", HoldingRegister, INT_MIN, 0, 0},
+    {"4", "4-2147483648.1", HoldingRegister, -1, 1, 0},  // one below the smallest int: no offset at all
     // Explicit tables: the number is the protocol address itself.
     {"3", "40001", HoldingRegister, 40001, 0, 0},
     {"2", "100.4", InputRegister, 100, 4, 0},

@@ -179,6 +179,19 @@ TEST_F(WritePathTest, FloatThatIsNoNumberWritesZeroWithoutError) {
     EXPECT_EQ(sim.requestCount(kWriteMultipleRegisters), 1);
 }
 
+TEST_F(WritePathTest, ValueBeyondTheDoubleRangeWritesZeroNotInfinity) {
+    for (const char* value : {"1e400", "-1e400"}) {
+        SCOPED_TRACE(value);
+        sim.setHoldingRegisters(4, {0x1111, 0x2222, 0x3333, 0x4444});
+        QString error;
+        EXPECT_TRUE(writeOne(makeItem(QStringLiteral("40005"), QStringLiteral("4"), QString::number(DOUBLE)),
+                             QString::fromLatin1(value), {QStringLiteral("1")}, &error));
+        EXPECT_EQ(error, QString());
+        EXPECT_EQ(sim.holdingRegisters(4, 4), (std::vector<uint16_t>{0x0000, 0x0000, 0x0000, 0x0000}));
+    }
+    EXPECT_EQ(sim.requestCount(kWriteMultipleRegisters), 2);
+}
+
 TEST_F(WritePathTest, StringTooLongAndShortStringPadded) {
     const ItemInstancePlugin item =
         makeItem(QStringLiteral("40001-40002"), QStringLiteral("4"), QString::number(STRING));

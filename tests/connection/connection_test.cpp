@@ -2,9 +2,14 @@
 
 #include "connection/connection.h"
 
+#include <arpa/inet.h>
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <modbus.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <functional>
@@ -421,6 +426,69 @@ TEST_F(ConnectionTest, ExchangePduOnAResetConnection) {
     EXPECT_EQ(connection->exchangePdu(QByteArray::fromHex("0300000001"), &reply, &err), -1);
     EXPECT_TRUE(err == EPIPE || err == ECONNRESET) << err;
     EXPECT_EQ(reply, QByteArray("unchanged"));
+}
+
+namespace {
+
+// The descriptor of this process whose local address is `local`; -1 when there is none.
+int descriptorBoundTo(const sockaddr_in& local) {
+    constexpr int kDescriptorsSearched = 4096;
+    for (int fd = 0; fd < kDescriptorsSearched; ++fd) {
+        sockaddr_in address{};
+        socklen_t length = sizeof address;
+        if (::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0 &&
+            address.sin_family == AF_INET && address.sin_port == local.sin_port &&
+            address.sin_addr.s_addr == local.sin_addr.s_addr)
+            return fd;
+    }
+    return -1;
+}
+
+}  // namespace
+
+TEST_F(ConnectionTest, ExchangePduOnAConnectionResetBeforeItFlushesWhatHadArrived) {
+    // A bare listener: the test accepts, sends one stray byte and resets the connection itself.
+    const int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_GE(listener, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(::listen(listener, 1), 0);
+    ASSERT_EQ(::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length), 0);
+    Connection::Network net = network();
+    net.port = ntohs(address.sin_port);
+    int err = 0;
+    Connection connection(net, &host, &err);
+    ASSERT_TRUE(connection.isConnected()) << err;
+
+    sockaddr_in client{};
+    length = sizeof client;
+    const int served = ::accept4(listener, reinterpret_cast<sockaddr*>(&client), &length, SOCK_CLOEXEC);
+    ::close(listener);
+    ASSERT_GE(served, 0);
+    const int socket = descriptorBoundTo(client);
+    ASSERT_GE(socket, 0);
+    ASSERT_EQ(::send(served, "\x5a", 1, MSG_NOSIGNAL), 1);
+    const linger reset = {1, 0};  // close() sends RST instead of FIN
+    ::setsockopt(served, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+    ::close(served);
+    pollfd closed{socket, POLLIN, 0};
+    ASSERT_EQ(::poll(&closed, 1, kWaitMs), 1);
+    ASSERT_TRUE(closed.revents & (POLLHUP | POLLERR)) << closed.revents;
+    char peeked = 0;
+    ASSERT_EQ(::recv(socket, &peeked, 1, MSG_PEEK | MSG_DONTWAIT), 1);
+    EXPECT_EQ(peeked, '\x5a');
+
+    QByteArray reply = "unchanged";
+    EXPECT_EQ(connection.exchangePdu(QByteArray::fromHex("0300000001"), &reply, &err), -1);
+    EXPECT_EQ(err, ECONNRESET);
+    EXPECT_FALSE(connection.isConnected());
+    EXPECT_TRUE(static_cast<bool>(connection));
+    EXPECT_EQ(reply, QByteArray("unchanged"));
+    // The stray byte is gone: what is left to read is the end of the stream.
+    EXPECT_EQ(::recv(socket, &peeked, 1, MSG_PEEK | MSG_DONTWAIT), 0);
 }
 
 TEST_F(ConnectionTest, ExchangePduFlushesWhatIsLeftOfARefusedReply) {

@@ -87,6 +87,17 @@ TEST(SanitizeUidPart, KeepsLettersDigitsAndSingleUnderscores) {
     EXPECT_EQ(sanitizeUidPart(QStringLiteral("caf\u00e9.1")), QStringLiteral("caf_1"));
 }
 
+TEST(SanitizeUidPart, DropsUnpairedSurrogatesBeforeSanitizing) {
+    const QChar high(0xD800);
+    const QChar low(0xDC00);
+    EXPECT_EQ(sanitizeUidPart(QString(high) + QStringLiteral("%1.x")), QStringLiteral("1_x"));
+    EXPECT_EQ(sanitizeUidPart(QStringLiteral("a") + low + QStringLiteral(".b")), QStringLiteral("a_b"));
+    EXPECT_EQ(sanitizeUidPart(QStringLiteral("a.b") + high), QStringLiteral("a_b"));
+    EXPECT_EQ(sanitizeUidPart(QString(low) + high + QStringLiteral("c")), QStringLiteral("c"));
+    // A valid pair is one character outside the allowed set, removed like any other.
+    EXPECT_EQ(sanitizeUidPart(QString(high) + low + QStringLiteral("x.1")), QStringLiteral("x_1"));
+}
+
 TEST(UidFor, CombinesAddressPortAndUnit) {
     struct Row {
         const char* address;
@@ -106,6 +117,11 @@ TEST(UidFor, CombinesAddressPortAndUnit) {
         EXPECT_EQ(uidFor(candidateAt(QString::fromLatin1(row.address), row.port, row.unitId)),
                   QString::fromLatin1(row.expected));
     }
+}
+
+TEST(UidFor, AnAddressThatIsNoValidTextTakesNoPlaceholderOfTheOthers) {
+    const QString address = QString(QChar(0xD800)) + QStringLiteral("%1.x");
+    EXPECT_EQ(uidFor(candidateAt(address, 1502, 7)), QStringLiteral("modbus_1_x_1502_7"));
 }
 
 TEST(IdentityLabel, PrefersModelThenProductNameThenCode) {

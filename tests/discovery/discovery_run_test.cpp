@@ -240,6 +240,29 @@ TEST(DiscoveryRunTest, OnlyLoopbackAndAnyAddressGiveNoHostsAndNoCalls) {
                              "Modbus TCP TCP subnet scan hosts=0 ports=502\n"));
 }
 
+TEST(DiscoveryRunTest, OnlyLoopbackAndAnyAddressStartNoWorker) {
+    FakeTransport transport;
+    int starts = 0;
+    const ModbusDiscovery::WorkerStarter starter = [&starts](std::function<void()> work) {
+        ++starts;
+        return std::thread(std::move(work));
+    };
+    const Options options = optionsFor(
+        {QStringLiteral("127.0.0.1"), QStringLiteral("0.0.0.0"), QString(), QStringLiteral("127.10.20.30")});
+    QStringList log;
+    const QList<Candidate> result =
+        ModbusDiscovery::discoverDevices(options, transport, &log, nullptr, starter);
+    EXPECT_TRUE(result.isEmpty());
+    EXPECT_EQ(starts, 0);
+    EXPECT_EQ(log, QStringList{kProbesLine502});
+
+    // The same starter counts the workers of a run that has a host to probe.
+    const QList<Candidate> probed = ModbusDiscovery::discoverDevices(optionsFor({QStringLiteral("10.1.0.7")}),
+                                                                     transport, nullptr, nullptr, starter);
+    EXPECT_TRUE(probed.isEmpty());
+    EXPECT_EQ(starts, 1);
+}
+
 TEST(DiscoveryRunTest, FilteringKeepsOtherHostsInOrder) {
     DebugVariable debug("1");
     FakeTransport transport;

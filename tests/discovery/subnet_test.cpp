@@ -151,6 +151,18 @@ TEST(Ipv4HostsFromInterfaces, EnumeratesSubnets) {
     }
 }
 
+TEST(Ipv4HostsFromInterfaces, TheLimitLineNamesTheSystemNameWhateverNameWasAskedFor) {
+    InterfaceInfo named = iface("eth0", {{"10.0.0.5", 16}});
+    named.humanName = QStringLiteral("Plant network");
+    for (const char* wanted : {"eth0", "Plant network"}) {
+        SCOPED_TRACE(wanted);
+        QStringList log;
+        const QStringList hosts = ipv4HostsFromInterfaces({named}, QString::fromLatin1(wanted), &log);
+        EXPECT_EQ(hosts, hostRange("10.0.0.1", "10.0.1.1", {QStringLiteral("10.0.0.5")}));
+        EXPECT_EQ(log, QStringList{QStringLiteral("TCP subnet scan is limited to 256 hosts on eth0")});
+    }
+}
+
 TEST(Ipv4HostsFromInterfaces, NamesTheInterfaceInTheLimitLine) {
     QStringList log;
     const QStringList hosts =

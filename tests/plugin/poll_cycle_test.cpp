@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <stdexcept>
 #include <tuple>
 
 #include "common/plugin_batch.h"
@@ -466,4 +468,92 @@ TEST_F(PollCycleTest, TheSameItemsInAnotherOrderAreSortedAgain) {
     EXPECT_EQ(backward.value("low"), QStringLiteral("7"));
     EXPECT_EQ(backward.value("high"), QStringLiteral("8"));
     EXPECT_EQ(dataReads(sim), (std::vector<Request>{{3, 0, 1}, {3, 200, 1}, {3, 0, 1}, {3, 200, 1}}));
+}
+
+TEST_F(PollCycleTest, ASettingWrittenThroughAReferenceTakenBeforeThePollIsReadAgain) {
+    sim.setHoldingRegisters(0, {5, 6});
+    Batch batch(device());
+    DataItem* item = batch.add(makeItem("moving", "40001", "4", "2"));
+    // The host keeps a reference into its own map from before the plugin first saw it; writing through it
+    // later changes the map's data in place, without detaching it from any copy.
+    QString& registerText = item->item.settings[QStringLiteral("register")];
+    ASSERT_TRUE(plugin.readData(&batch.list));
+    EXPECT_EQ(batch.value("moving"), QStringLiteral("5"));
+
+    registerText = QStringLiteral("40002");
+    ASSERT_TRUE(plugin.readData(&batch.list));
+    EXPECT_EQ(batch.value("moving"), QStringLiteral("6"));
+    EXPECT_EQ(dataReads(sim), (std::vector<Request>{{3, 0, 1}, {3, 1, 1}}));
+}
+
+TEST_F(PollCycleTest, CoilAndDiscreteInputReadsPastTheLastAddressAreOutOfRange) {
+    Batch batch(device());
+    // Bits are requested span + type length wide, like registers: quantity 2 and 10 here.
+    batch.add(makeItem("coil", "65535", "0", "3"));
+    batch.add(makeItem("inputs", "65530-10", "1", "7"));
+    EXPECT_TRUE(plugin.readData(&batch.list));
+    EXPECT_EQ(batch.error("coil"), QStringLiteral("Address out of range"));
+    EXPECT_EQ(batch.error("inputs"), QStringLiteral("Address out of range"));
+    EXPECT_TRUE(dataReads(sim).empty());
+
+    // The last coil and the last six discrete inputs themselves are still read.
+    Batch edge(device());
+    edge.add(makeItem("coil", "65535", "0", "2"));
+    edge.add(makeItem("inputs", "65530-6", "1", "7"));
+    plugin.readData(&edge.list);
+    EXPECT_EQ(dataReads(sim), (std::vector<Request>{{1, 65535, 1}, {2, 65530, 6}}));
+}
+
+namespace {
+
+// Throws `thrown` from the host's log call at the first line equal to `line`, once.
+class ThrowingLogLine {
+public:
+    ThrowingLogLine(const QString& line, std::function<void()> thrown) {
+        Host::instance().setLogSink([this, line, thrown](LogLevel, const QString& text) {
+            if (fired || text != line) return;
+            fired = true;
+            thrown();
+        });
+    }
+    ~ThrowingLogLine() { Host::instance().setLogSink(nullptr); }
+    ThrowingLogLine(const ThrowingLogLine&) = delete;
+    ThrowingLogLine& operator=(const ThrowingLogLine&) = delete;
+
+private:
+    bool fired = false;
+};
+
+}  // namespace
+
+TEST_F(PollCycleTest, NoExceptionOfAnyTypeEscapesIntoTheHost) {
+    const struct {
+        const char* name;
+        std::function<void()> thrown;
+        const char* logged;
+    } kRows[] = {
+        {"std::exception", [] { throw std::runtime_error("host log full"); },
+         "Reading from device1 failed: host log full"},
+        {"int", [] { throw 7; }, "Reading from device1 failed: unknown exception"},
+    };
+    for (const auto& row : kRows) {
+        SCOPED_TRACE(row.name);
+        Host::instance().clearLogs();
+        Batch batch(device());
+        batch.add(makeItem("a", "40001", "4", "2"));
+        {
+            ThrowingLogLine throwing(QStringLiteral("Going to read 1 from device1"), row.thrown);
+            EXPECT_FALSE(plugin.readData(&batch.list));
+        }
+        EXPECT_TRUE(Host::instance().hasLog(LogLevel::Debug, QString::fromLatin1(row.logged)));
+        EXPECT_TRUE(Host::instance().logTexts(LogLevel::Error).isEmpty());
+    }
+    EXPECT_TRUE(dataReads(sim).empty());
+
+    // The write boundary too.
+    Batch write(device());
+    DataItem* item = write.add(makeItem("a", "40001", "4", "2"));
+    item->values.insert(QStringLiteral("value"), QStringLiteral("3"));
+    ThrowingLogLine throwing(QStringLiteral("Writing value 3 to a in device1"), [] { throw 7; });
+    EXPECT_FALSE(plugin.writeData(&write.list));
 }
