@@ -294,8 +294,9 @@ TEST_F(PlantNetworkTest, ADeviceThatDropsHastyRequestsIsServedWithARequestPause)
     int dropped = 0;
     for (size_t i = 1; i < log.size(); ++i) {
         if (log[i].dropped) ++dropped;
-        if (log[i - 1].answeredUs >= 0 && log[i].connection == log[i - 1].connection)
+        if (log[i - 1].answeredUs >= 0 && log[i].connection == log[i - 1].connection) {
             EXPECT_GE(log[i].receivedUs - log[i - 1].answeredUs, kGapMs * 1000) << i;
+        }
     }
     EXPECT_EQ(dropped, 0);
     EXPECT_EQ(sim.acceptedConnections(), 1);
@@ -355,9 +356,10 @@ TEST_F(PlantNetworkTest, ADeadDeviceCostsOneConnectTimeOutAndIsThenPaused) {
     EXPECT_EQ(batch.list.device.lastError, QStringLiteral("Could not connect. Timeout"));
     const qint64 pausedAt = Backoff::clockMs();
     EXPECT_FALSE(plugin.readData(&batch.list));
-    if (Backoff::clockMs() - pausedAt < Backoff::kFirstPauseMs)
+    if (Backoff::clockMs() - pausedAt < Backoff::kFirstPauseMs) {
         EXPECT_EQ(batch.list.device.lastError,
                   QStringLiteral("Could not connect. Timeout; next attempt in 1 s"));
+    }
 }
 
 }  // namespace
