@@ -17,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "common/scripted_server.h"
 #include "host/plugin_interface.h"
 #include "tools/sim/simulator.h"
 #include "tools/standin/standin_host.h"
@@ -691,6 +692,113 @@ TEST_F(ConnectionTest, ARequestPauseDelaysEachRequestAfterTheLastAnswer) {
     for (int i = 0; i < 3; ++i) ASSERT_EQ(connection.readWords(HoldingRegister, 0, 1, &word, &err), 1);
     // A pause after the connect and after each of the first two answers.
     EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(300));
+}
+
+}  // namespace
+
+namespace {
+
+// A read answer for `request` (FC 3) whose registers hold their own addresses.
+QByteArray countingAnswer(const test_support::Request& request) {
+    const int address =
+        (static_cast<quint8>(request.pdu.at(1)) << 8) | static_cast<quint8>(request.pdu.at(2));
+    const int count = (static_cast<quint8>(request.pdu.at(3)) << 8) | static_cast<quint8>(request.pdu.at(4));
+    QByteArray pdu;
+    pdu.append(char(3));
+    pdu.append(char(2 * count));
+    for (int i = 0; i < count; ++i) {
+        pdu.append(char(((address + i) >> 8) & 0xFF));
+        pdu.append(char((address + i) & 0xFF));
+    }
+    QByteArray frame;
+    frame.append(char(request.transactionId >> 8));
+    frame.append(char(request.transactionId & 0xFF));
+    frame.append(char(0));
+    frame.append(char(0));
+    frame.append(char((pdu.size() + 1) >> 8));
+    frame.append(char((pdu.size() + 1) & 0xFF));
+    frame.append(char(request.unit));
+    return frame + pdu;
+}
+
+// A server that answers only once it holds `batch` requests, all at once, in the order given by `reversed`.
+test_support::ScriptedServer::Handler batchedAnswers(int batch, bool reversed) {
+    auto pending = std::make_shared<std::vector<test_support::Request>>();
+    return [pending, batch, reversed](const test_support::Request& request) {
+        pending->push_back(request);
+        if (static_cast<int>(pending->size()) < batch) return QByteArray();
+        QByteArray answers;
+        for (int i = 0; i < batch; ++i)
+            answers += countingAnswer(pending->at(static_cast<size_t>(reversed ? batch - 1 - i : i)));
+        pending->clear();
+        return answers;
+    };
+}
+
+std::vector<Connection::PipelinedRead> fourReads(std::vector<std::vector<unsigned short>>* words) {
+    words->assign(4, std::vector<unsigned short>(2));
+    std::vector<Connection::PipelinedRead> reads(4);
+    for (size_t i = 0; i < reads.size(); ++i) {
+        reads[i].table = HoldingRegister;
+        reads[i].address = static_cast<int>(10 * i);
+        reads[i].count = 2;
+        reads[i].words = (*words)[i].data();
+    }
+    return reads;
+}
+
+Connection::Network scriptedNetwork(quint16 port, int responseTimeoutMs) {
+    Connection::Network net;
+    net.host = QStringLiteral("127.0.0.1");
+    net.port = port;
+    net.responseTimeoutMs = responseTimeoutMs;
+    return net;
+}
+
+TEST(ConnectionPipelineTest, ReadPipelinedSendsTheWholeWindowBeforeItWaits) {
+    test_support::ScriptedServer server(batchedAnswers(4, false));
+    int err = 0;
+    Connection connection(scriptedNetwork(server.port(), 2000), nullptr, &err);
+    ASSERT_TRUE(connection.isConnected());
+    std::vector<std::vector<unsigned short>> words;
+    std::vector<Connection::PipelinedRead> reads = fourReads(&words);
+    EXPECT_EQ(connection.readPipelined(reads, 4), Connection::Pipeline::Kept);
+    for (size_t i = 0; i < reads.size(); ++i) {
+        SCOPED_TRACE(i);
+        EXPECT_EQ(reads[i].result, 2);
+        EXPECT_TRUE(reads[i].answered);
+        EXPECT_EQ(words[i], (std::vector<unsigned short>{static_cast<unsigned short>(10 * i),
+                                                         static_cast<unsigned short>(10 * i + 1)}));
+    }
+}
+
+TEST(ConnectionPipelineTest, AnswersOutOfOrderAreMatchedButTheDeviceIsToldApart) {
+    test_support::ScriptedServer server(batchedAnswers(4, true));
+    int err = 0;
+    Connection connection(scriptedNetwork(server.port(), 2000), nullptr, &err);
+    std::vector<std::vector<unsigned short>> words;
+    std::vector<Connection::PipelinedRead> reads = fourReads(&words);
+    EXPECT_EQ(connection.readPipelined(reads, 4), Connection::Pipeline::Refused);
+    for (size_t i = 0; i < reads.size(); ++i) {
+        SCOPED_TRACE(i);
+        EXPECT_EQ(reads[i].result, 2);
+        EXPECT_EQ(words[i].front(), 10 * i);
+    }
+}
+
+TEST(ConnectionPipelineTest, AnAnswerMissingPastTheTimeOutRefusesThePipeline) {
+    // Only two requests are ever in flight, and the server waits for four: nothing comes.
+    test_support::ScriptedServer server(batchedAnswers(4, false));
+    int err = 0;
+    Connection connection(scriptedNetwork(server.port(), 200), nullptr, &err);
+    std::vector<std::vector<unsigned short>> words;
+    std::vector<Connection::PipelinedRead> reads = fourReads(&words);
+    EXPECT_EQ(connection.readPipelined(reads, 2), Connection::Pipeline::Refused);
+    EXPECT_EQ(reads[0].error, ETIMEDOUT);
+    EXPECT_EQ(reads[1].error, ETIMEDOUT);
+    EXPECT_TRUE(reads[1].sent);
+    EXPECT_FALSE(reads[2].sent);
+    EXPECT_EQ(reads[2].result, -1);
 }
 
 }  // namespace

@@ -363,3 +363,74 @@ TEST_F(PlantNetworkTest, ADeadDeviceCostsOneConnectTimeOutAndIsThenPaused) {
 }
 
 }  // namespace
+
+namespace {
+
+class PipeliningTest : public PlantNetworkTest {};
+
+// Whether a request of the log was received before the answer to the one before it went out: two in flight.
+bool anyOverlap(const std::vector<modbus_sim::RequestRecord>& log) {
+    for (size_t i = 1; i < log.size(); ++i)
+        if (log[i - 1].answeredUs >= 0 && log[i].receivedUs < log[i - 1].answeredUs) return true;
+    return false;
+}
+
+std::vector<modbus_sim::RequestRecord> holdingReads(const modbus_sim::Simulator& simulator) {
+    std::vector<modbus_sim::RequestRecord> reads;
+    for (const modbus_sim::RequestRecord& record : simulator.requestLog())
+        if (record.function == 3) reads.push_back(record);
+    return reads;
+}
+
+TEST_F(PipeliningTest, APlanSentWithRequestsInFlightValuesEveryItem) {
+    sim.setSerialLine(5);
+    sim.setHoldingRegisters(0, countingRegisters(200));
+    Batch batch(unit(1, {{"max_outstanding_requests", "4"}, {"max_read_registers", "20"}}));
+    addCountingItems(batch, 200);
+    EXPECT_TRUE(plugin.readData(&batch.list)) << batch.list.device.lastError.toStdString();
+    EXPECT_TRUE(everyItemValued(batch, 200));
+    // That they were in flight together shows at the connection (ConnectionTest.ReadPipelined*); the
+    // simulator reads one request after the other.
+    EXPECT_EQ(holdingReads(sim).size(), 10u);
+    EXPECT_FALSE(Host::instance().hasLog(
+        zelt_standin::LogLevel::Warning,
+        QStringLiteral("device1 does not answer requests sent before the previous "
+                       "answer came; it is asked one request at a time from now on")));
+}
+
+TEST_F(PipeliningTest, ADeviceThatLeavesARequestInFlightUnansweredIsAskedOneAtATimeFromThenOn) {
+    modbus_sim::FaultRule silence;
+    silence.kind = modbus_sim::FaultKind::Silence;
+    silence.function = 3;
+    silence.address = 20;
+    sim.addFault(silence);
+    sim.setHoldingRegisters(0, countingRegisters(60));
+    Batch batch(unit(1, {{"max_outstanding_requests", "4"},
+                         {"max_read_registers", "20"},
+                         {"response_timeout_ms", "200"},
+                         {"backoff_max_ms", "0"}}));
+    addCountingItems(batch, 60);
+    EXPECT_FALSE(plugin.readData(&batch.list));
+    for (int address = 0; address < 60; ++address) {
+        const QString uid = QStringLiteral("h%1").arg(address);
+        SCOPED_TRACE(uid.toStdString());
+        if (address >= 20 && address < 40) {
+            EXPECT_EQ(batch.error(uid), QStringLiteral("Connection timed out"));
+        } else {
+            EXPECT_EQ(batch.value(uid), QString::number(address));
+        }
+    }
+    const QString warning = QStringLiteral(
+        "device1 does not answer requests sent before the previous answer came; it is asked one request at a "
+        "time "
+        "from now on");
+    EXPECT_EQ(Host::instance().logTexts(zelt_standin::LogLevel::Warning).count(warning), 1);
+
+    sim.clearRequestLog();
+    EXPECT_FALSE(plugin.readData(&batch.list));
+    EXPECT_FALSE(anyOverlap(holdingReads(sim)));
+    EXPECT_EQ(holdingReads(sim).size(), 3u);
+    EXPECT_EQ(Host::instance().logTexts(zelt_standin::LogLevel::Warning).count(warning), 1);
+}
+
+}  // namespace
