@@ -421,6 +421,32 @@ struct GatewayRun {
     int itemCount = kGatewayItems;
 };
 
+// --verbose: the simulator's log of the requests `select` picks, each with the time since the answer before
+// it on its connection (or that it was the first on its connection).
+template <typename Select>
+void printRequests(const modbus_sim::Simulator& simulator, const char* title, Select select) {
+    std::printf("%s:\n", title);
+    std::map<int, qint64> lastAnswerUs;
+    for (const modbus_sim::RequestRecord& record : simulator.requestLog()) {
+        const auto previous = lastAnswerUs.find(record.connection);
+        if (select(record)) {
+            const std::string since = previous == lastAnswerUs.end()
+                                          ? std::string("first on its connection")
+                                          : format("%.2f ms after the last answer on it",
+                                                   (record.receivedUs - previous->second) / 1e3);
+            std::printf(
+                "  at %9.2f ms: unit %d function %d address %d, connection %d, transaction %d%s, %s%s\n",
+                record.receivedUs / 1e3, record.unit, record.function, record.address, record.connection,
+                record.transactionId, record.dropped ? ", DROPPED" : "", since.c_str(),
+                record.answeredUs < 0 ? ", unanswered" : "");
+        }
+        if (record.answeredUs >= 0)
+            lastAnswerUs[record.connection] = record.answeredUs;
+        else if (previous == lastAnswerUs.end())
+            lastAnswerUs[record.connection] = record.receivedUs;
+    }
+}
+
 GatewayRun runGateway(const Options& options, const std::vector<int>& units, bool unitDead, int rounds,
                       int roundIntervalMs) {
     GatewayRun run;
@@ -464,6 +490,9 @@ GatewayRun runGateway(const Options& options, const std::vector<int>& units, boo
     control.finish();
     for (std::thread& thread : threads) thread.join();
     plugin.stopPlugin();
+    if (options.verbose && unitDead)
+        printRequests(simulator, "Requests for the dead unit",
+                      [](const modbus_sim::RequestRecord& record) { return record.unit == kDeadUnit; });
     run.connections = simulator.acceptedConnections();
     run.rejected = simulator.rejectedConnections();
     simulator.stop();
@@ -613,7 +642,7 @@ void collect(modbus_sim::Simulator& simulator, SingleResult* result) {
     }
 }
 
-SingleResult runPauseDevice(int pauseMs, int polls) {
+SingleResult runPauseDevice(const Options& options, int pauseMs, int polls) {
     SingleResult result;
     modbus_sim::Simulator simulator;
     if (!startSimulator(&simulator, "pause")) return result;
@@ -625,6 +654,9 @@ SingleResult runPauseDevice(int pauseMs, int polls) {
         1, simulator.port(), deviceSettings({{"request_pause_ms", QString::number(pauseMs)}}));
     result.polls = pollDevice(device, items, polls, 0);
     collect(simulator, &result);
+    if (options.verbose)
+        printRequests(simulator, format("Dropped requests, request_pause_ms %d", pauseMs).c_str(),
+                      [](const modbus_sim::RequestRecord& record) { return record.dropped; });
     simulator.stop();
     return result;
 }
@@ -643,9 +675,9 @@ Row singleRow(const SingleResult& result, int itemCount, const std::string& id, 
 
 void scenarioPause(const Options& options) {
     const int itemCount = 2 * kPauseItemsPerTable;
-    const SingleResult paced = runPauseDevice(kPauseMs, options.pausePolls);
+    const SingleResult paced = runPauseDevice(options, kPauseMs, options.pausePolls);
     if (setupFailed) return;
-    const SingleResult unpaced = runPauseDevice(0, options.contrastPolls);
+    const SingleResult unpaced = runPauseDevice(options, 0, options.contrastPolls);
     if (setupFailed) return;
     const std::string cmd =
         command(options, 3,
