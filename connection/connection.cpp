@@ -47,6 +47,8 @@ constexpr int kLateAnswerWindow = 1024;
 constexpr int kTransactionIdSpace = 65536;
 constexpr int kMicrosecondsPerMs = 1000;
 constexpr int kMsPerSecond = 1000;
+// Added to the request pause before the first request of a connection.
+constexpr int kConnectPauseMarginMs = 5;
 
 void putWord(unsigned char* at, int value) {
     at[0] = static_cast<unsigned char>((value >> 8) & 0xFF);
@@ -150,7 +152,8 @@ int Connection::connect(int slave, int* err) {
         return -1;
     }
     connected = true;
-    lastExchange = std::chrono::steady_clock::now();
+    // The device counts from the moment the connection reached it, a little after connect() returned here.
+    lastExchange = std::chrono::steady_clock::now() + std::chrono::milliseconds(kConnectPauseMarginMs);
     return 0;
 }
 
@@ -167,12 +170,13 @@ int Connection::connectSocket(int* err) const {
     hints.ai_flags = AI_ADDRCONFIG;
     hints.ai_family = AF_UNSPEC;
     hints.ai_socktype = SOCK_STREAM;
+    // The time-out covers the whole attempt, name resolution included.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(connectTimeoutMs);
     addrinfo* addresses = nullptr;
     if (::getaddrinfo(host.constData(), service.constData(), &hints, &addresses) != 0) {
         setBoth(err, ECONNREFUSED);
         return -1;
     }
-    const auto budget = std::chrono::milliseconds(connectTimeoutMs);
     int error = ECONNREFUSED;
     int connectedSocket = -1;
     for (addrinfo* address = addresses; address && connectedSocket < 0; address = address->ai_next) {
@@ -195,7 +199,6 @@ int Connection::connectSocket(int* err) const {
         error = errno;
         if (error == EINPROGRESS) {
             pollfd descriptor{socket, POLLOUT, 0};
-            const auto deadline = std::chrono::steady_clock::now() + budget;
             int ready = 0;
             for (;;) {
                 const auto left =

@@ -22,6 +22,8 @@ public:
     void succeeded();
 
     bool paused(qint64 nowMs) const { return nowMs < resumeAtMs; }
+    // The last poll got no answer at all: the next one need not wait out a time-out for every request.
+    bool lastPollTimedOut() const { return timedOutPolls > 0; }
     qint64 remainingMs(qint64 nowMs) const { return paused(nowMs) ? resumeAtMs - nowMs : 0; }
     // Whole seconds until the next attempt, rounded up, so that a pause never reads as 0 while it lasts.
     qint64 remainingSeconds(qint64 nowMs) const;

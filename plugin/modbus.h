@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <unordered_map>
 #include <vector>
 
@@ -42,6 +43,10 @@ public:
         // how often it was opened (so that each device counts the connections it used).
         std::map<int, bool> keepOpen;
         quint64 generation = 0;
+        // Guarded by the mutex: the devices that used the connection, and the time-outs since its last
+        // answer.
+        std::set<int> users;
+        int consecutiveTimeouts = 0;
     };
     // What the plugin keeps of one device between its polls; its mutex is held for a whole poll or write.
     struct DeviceState {

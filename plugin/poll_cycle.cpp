@@ -198,6 +198,7 @@ bool Modbus::pollDevice(LogList* list, DeviceState& deviceState, DeviceOptions c
     *used = entry;
     std::lock_guard<std::mutex> connectionLock(entry->mutex);
     RequestRunner runner(*this, *entry, *state, device, options);
+    runner.giveUpAfterTimeout(state->backoff.lastPollTimedOut());
 
     int error = 0;
     if (!runner.ensureConnected(&error)) {

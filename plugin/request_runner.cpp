@@ -7,6 +7,7 @@
 namespace {
 constexpr int kFirstUnitId = 1;  // unit 0 is the broadcast id; polling never addresses it
 constexpr double kMsPerSecond = 1000.0;
+constexpr int kSharedTimeoutsBeforeClose = 2;
 
 int unitOf(DeviceInstancePlugin const& device) {
     const int unit = device.settings.value(QStringLiteral("server_id")).toInt();
@@ -31,7 +32,9 @@ bool RequestRunner::ensureConnected(int* error) {
             return false;
         }
         ++endpoint.generation;
+        endpoint.consecutiveTimeouts = 0;
     }
+    endpoint.users.insert(device.id);
     if (state.seenGeneration != endpoint.generation) {
         state.seenGeneration = endpoint.generation;
         ++state.health.connects;
@@ -47,6 +50,11 @@ bool RequestRunner::ensureConnected(int* error) {
 }
 
 int RequestRunner::run(Request const& request, int* err, int firstAttempt) {
+    if (stopAtTimeout && timedOut > 0) {
+        ++failed;
+        *err = lastTimeoutError;
+        return -1;
+    }
     int error = 0;
     for (int attempt = firstAttempt;; ++attempt) {
         // One failed attempt to connect is enough for a batch: a dead device must not cost a connect
@@ -67,26 +75,43 @@ int RequestRunner::run(Request const& request, int* err, int firstAttempt) {
         const double elapsedMs =
             std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count() * kMsPerSecond;
         if (result >= 0) {
+            endpoint.consecutiveTimeouts = 0;
             state.health.recordResponse(elapsedMs);
             return result;
         }
-        if (request_discipline::isTimeout(error)) ++state.health.timeouts;
         if (request_discipline::isExceptionAnswer(error)) {
+            endpoint.consecutiveTimeouts = 0;
             ++state.health.exceptions;
             state.health.recordResponse(elapsedMs);
         }
-        // Whatever arrives after a lost answer cannot be matched to a request: the next one connects anew.
-        if (request_discipline::isTransportFailure(error)) endpoint.connection.disconnect();
+        if (request_discipline::isTimeout(error)) {
+            ++state.health.timeouts;
+            ++endpoint.consecutiveTimeouts;
+        }
+        if (closesConnection(error)) endpoint.connection.disconnect();
         if (!request_discipline::isRetryable(error) || attempt >= options.retries) break;
         plugin.writeLogDebug(QStringLiteral("Sending the request to %1 again after: %2")
                                  .arg(device.name, endpoint.connection.errToStr(error)));
     }
     ++failed;
     ++state.health.failedRequests;
-    if (request_discipline::isTimeout(error)) ++timedOut;
+    if (request_discipline::isTimeout(error)) {
+        ++timedOut;
+        lastTimeoutError = error;
+    }
     if (!firstDeviceError && request_discipline::isDeviceLevel(error)) firstDeviceError = error;
     *err = error;
     return -1;
+}
+
+bool RequestRunner::closesConnection(int error) const {
+    if (!request_discipline::isTransportFailure(error)) return false;
+    // A time-out on a connection that other units share is most likely one dead unit behind a live gateway:
+    // closing it would cost every neighbour a reconnect, and a late answer is dropped by its transaction id
+    // anyway. A second time-out in a row means the gateway itself no longer answers.
+    if (request_discipline::isTimeout(error) && endpoint.users.size() > 1)
+        return endpoint.consecutiveTimeouts >= kSharedTimeoutsBeforeClose;
+    return true;
 }
 
 Connection::Pipeline RequestRunner::runPipelined(std::vector<Connection::PipelinedRead>& reads, int window) {

@@ -31,6 +31,10 @@ public:
 
     Connection& connection() { return endpoint.connection; }
 
+    // After the first time-out of the batch, fail the remaining requests unsent with it: for a device that
+    // did not answer its last poll at all, one time-out per poll is enough to know it still does not.
+    void giveUpAfterTimeout(bool giveUp) { stopAtTimeout = giveUp; }
+
     // What this batch met: requests that failed after their retries (and the first device-level error among
     // them), and whether every request that was sent timed out.
     int sentRequests() const { return sent; }
@@ -41,6 +45,9 @@ public:
     int lastConnectError() const { return connectError; }
 
 private:
+    // Whether a request that failed with `error` leaves the connection unusable.
+    bool closesConnection(int error) const;
+
     Modbus& plugin;
     Modbus::TcpDeviceConnection& endpoint;
     Modbus::DeviceState& state;
@@ -52,4 +59,6 @@ private:
     int firstDeviceError = 0;
     bool connectFailure = false;
     int connectError = 0;
+    bool stopAtTimeout = false;
+    int lastTimeoutError = 0;
 };
