@@ -10,8 +10,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <deque>
 #include <thread>
 
 #include "connection/request_discipline.h"
@@ -582,26 +584,31 @@ int Connection::transact(const unsigned char* pdu, int length, int expectedReply
         setBoth(err, error);
         return -1;
     }
-    // The checks of a libmodbus confirmation, with the same error codes.
     // libmodbus 3.1.6 refuses a protocol id only when both of its bytes are set; so does this.
     if (wordAt(reply) != sentId || (reply[2] != 0 && reply[3] != 0)) {
         setBoth(err, EMBBADDATA);
         return -1;
     }
+    const int refusal = checkConfirmation(pdu, expectedReplyPdu, reply, received);
+    if (refusal != 0) {
+        setBoth(err, refusal);
+        return -1;
+    }
+    return received;
+}
+
+int Connection::checkConfirmation(const unsigned char* pdu, int expectedReplyPdu, const unsigned char* reply,
+                                  int received) {
+    // The checks of a libmodbus confirmation, with the same error codes.
     const int function = reply[kFunctionOffset];
     if (function >= kExceptionFlag) {
         if (received == kFunctionOffset + kExceptionReplyPdu && function - kExceptionFlag == pdu[0]) {
             const int code = reply[kFunctionOffset + 1];
-            setBoth(err, code < MODBUS_EXCEPTION_MAX ? MODBUS_ENOBASE + code : EMBBADEXC);
-        } else {
-            setBoth(err, EMBBADEXC);
+            return code < MODBUS_EXCEPTION_MAX ? MODBUS_ENOBASE + code : EMBBADEXC;
         }
-        return -1;
+        return EMBBADEXC;
     }
-    if (received != kFunctionOffset + expectedReplyPdu || function != pdu[0]) {
-        setBoth(err, EMBBADDATA);
-        return -1;
-    }
+    if (received != kFunctionOffset + expectedReplyPdu || function != pdu[0]) return EMBBADDATA;
     int asked = 1;
     int answered = 1;
     if (function == MODBUS_FC_READ_COILS || function == MODBUS_FC_READ_DISCRETE_INPUTS) {
@@ -614,11 +621,114 @@ int Connection::transact(const unsigned char* pdu, int length, int expectedReply
         asked = wordAt(pdu + 3);
         answered = wordAt(reply + kFunctionOffset + 3);
     }
-    if (asked != answered) {
-        setBoth(err, EMBBADDATA);
-        return -1;
+    return asked == answered ? 0 : EMBBADDATA;
+}
+
+Connection::Pipeline Connection::readPipelined(std::vector<PipelinedRead>& reads, int window) {
+    using Clock = std::chrono::steady_clock;
+    struct InFlight {
+        size_t index;
+        unsigned short transactionId;
+        Clock::time_point sentAt;
+        unsigned char pdu[kReadRequestPdu];
+    };
+    std::deque<InFlight> inFlight;
+    Pipeline outcome = Pipeline::Kept;
+    const unsigned short firstId = static_cast<unsigned short>(transactionId + 1);
+    uint32_t sec = 0;
+    uint32_t usec = 0;
+    modbus_get_response_timeout(ctx, &sec, &usec);
+    const auto responseTimeout = std::chrono::seconds(sec) + std::chrono::microseconds(usec);
+
+    // Everything still in flight, and everything not sent, ends with `error`.
+    auto failRest = [&](int error) {
+        for (const InFlight& pending : inFlight) {
+            reads[pending.index].result = -1;
+            reads[pending.index].error = error;
+            reads[pending.index].sent = true;
+        }
+        inFlight.clear();
+    };
+
+    size_t next = 0;
+    while (next < reads.size() || !inFlight.empty()) {
+        while (next < reads.size() && static_cast<int>(inFlight.size()) < window) {
+            PipelinedRead& read = reads[next];
+            const bool bits = read.table == OutputCoil || read.table == InputCoil;
+            const int function = read.table == OutputCoil        ? MODBUS_FC_READ_COILS
+                                 : read.table == InputCoil       ? MODBUS_FC_READ_DISCRETE_INPUTS
+                                 : read.table == HoldingRegister ? MODBUS_FC_READ_HOLDING_REGISTERS
+                                                                 : MODBUS_FC_READ_INPUT_REGISTERS;
+            if (read.count > (bits ? MODBUS_MAX_READ_BITS : MODBUS_MAX_READ_REGISTERS)) {
+                read.error = EMBMDATA;
+                read.answered = true;
+                ++next;
+                continue;
+            }
+            InFlight pending{next, 0, Clock::now(), {static_cast<unsigned char>(function)}};
+            putWord(pending.pdu + 1, read.address);
+            putWord(pending.pdu + 3, read.count);
+            unsigned char adu[kReadRequestPdu + 1];
+            adu[0] = static_cast<unsigned char>(slaveId);
+            std::memcpy(adu + 1, pending.pdu, kReadRequestPdu);
+            int error = 0;
+            if (sendFrame(adu, sizeof adu, &error) < 0) {
+                read.sent = true;
+                read.error = error;
+                failRest(error);
+                if (isBrokenSocket(error)) connected = false;
+                return Pipeline::Broken;
+            }
+            read.sent = true;
+            pending.transactionId = transactionId;
+            pending.sentAt = Clock::now();
+            inFlight.push_back(pending);
+            ++next;
+        }
+        if (inFlight.empty()) break;
+
+        unsigned char reply[MODBUS_TCP_MAX_ADU_LENGTH];
+        int error = 0;
+        const int received = receiveFrame(reply, sizeof reply, inFlight.front().sentAt + responseTimeout,
+                                          FrameSize::ByFunction, &error);
+        if (received < 0) {
+            failRest(error);
+            if (isBrokenSocket(error)) connected = false;
+            // No answer in time while requests were in flight: the device may not take them.
+            return error == ETIMEDOUT ? Pipeline::Refused : Pipeline::Broken;
+        }
+        const unsigned short id = static_cast<unsigned short>(wordAt(reply));
+        const auto answered = std::find_if(inFlight.begin(), inFlight.end(), [id](const InFlight& pending) {
+            return pending.transactionId == id;
+        });
+        if (answered == inFlight.end()) {
+            const int behind = (firstId - id + kTransactionIdSpace) % kTransactionIdSpace;
+            if (behind > 0 && behind <= kLateAnswerWindow) continue;  // late answer to an earlier request
+            failRest(EMBBADDATA);
+            return Pipeline::Refused;
+        }
+        if (answered != inFlight.begin()) outcome = Pipeline::Refused;  // answered out of order
+        PipelinedRead& read = reads[answered->index];
+        read.answered = true;
+        read.responseMs = std::chrono::duration<double, std::milli>(Clock::now() - answered->sentAt).count();
+        const bool bits = read.table == OutputCoil || read.table == InputCoil;
+        const int expected = 2 + (bits ? bytesForBits(read.count) : 2 * read.count);
+        read.error = (reply[2] != 0 && reply[3] != 0)
+                         ? EMBBADDATA
+                         : checkConfirmation(answered->pdu, expected, reply, received);
+        if (read.error == 0) {
+            read.result = read.count;
+            for (int i = 0; i < read.count; ++i) {
+                if (bits)
+                    read.bits[i] = (reply[kFunctionOffset + 2 + i / kBitsPerByte] >> (i % kBitsPerByte)) & 1;
+                else
+                    read.words[i] = static_cast<unsigned short>(wordAt(reply + kFunctionOffset + 2 + 2 * i));
+            }
+        }
+        inFlight.erase(answered);
+        lastExchange = Clock::now();
     }
-    return received;
+    return outcome;
 }
 
 QString Connection::errToStr(int code) const {

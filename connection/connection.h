@@ -7,6 +7,7 @@
 #include <QByteArray>
 #include <QString>
 #include <chrono>
+#include <vector>
 
 #include "connection/register_type.h"
 
@@ -66,6 +67,29 @@ public:
     int writeWord(int addr, unsigned short value, int* err) const;
     int writeString(int addr, int count, unsigned short const* words, int* err) const;
 
+    // One read of a pipelined batch: what to read and where its values go (words for registers, bits for
+    // coils, room for `count` of them), and what came of it.
+    struct PipelinedRead {
+        RegisterType table = HoldingRegister;
+        int address = 0;
+        int count = 0;
+        unsigned short* words = nullptr;
+        unsigned char* bits = nullptr;
+        int result = -1;        // the count read, or -1
+        int error = 0;          // the error code when result is -1 and the read was sent or refused locally
+        bool sent = false;      // the request went out
+        bool answered = false;  // the device answered it (with values or an exception)
+        double responseMs = 0;  // from sending to the answer
+    };
+    enum class Pipeline {
+        Kept,     // the device answered every request in flight, in order
+        Refused,  // an answer missing past the time-out, an unknown transaction id or answers out of order
+        Broken,   // the connection failed
+    };
+    // Sends up to `window` of `reads` before reading their answers, matched by transaction id. Reads that got
+    // no answer keep result -1 (with the error when they were sent).
+    Pipeline readPipelined(std::vector<PipelinedRead>& reads, int window);
+
     // Sends one request PDU (function code first) and returns the reply PDU's length, or -1.
     int exchangePdu(QByteArray const& request, QByteArray* response, int* err);
 
@@ -86,6 +110,10 @@ private:
     int receiveAnswer(unsigned short sentId, unsigned char* frame, int capacity, FrameSize size,
                       int* err) const;
     void waitForRequestPause() const;
+    // 0 when `reply` (of `received` bytes) answers the standard request `pdu` as libmodbus would accept it,
+    // else the error code libmodbus gives.
+    static int checkConfirmation(const unsigned char* pdu, int expectedReplyPdu, const unsigned char* reply,
+                                 int received);
     // Sends a standard request PDU and checks the reply the way libmodbus checks a confirmation; returns the
     // reply's frame length with the reply in `reply`, or -1 with *err set.
     int transact(const unsigned char* pdu, int length, int expectedReplyPdu, unsigned char* reply,

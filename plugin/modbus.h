@@ -144,6 +144,10 @@ private:
     // learned holes changed.
     void planReads(DeviceState& state, DeviceOptions const& options, unsigned char limit,
                    DeviceInstancePlugin const& device);
+    // Devices that did not keep up with several requests in flight are asked one at a time for the rest of
+    // the plugin's life, with one warning.
+    bool pipelineRefused(int deviceId);
+    void refusePipelining(DeviceInstancePlugin const& device);
     // Closes the connection after a batch unless a device using it keeps it open.
     void keepOrClose(TcpDeviceConnection& entry, DeviceInstancePlugin const& device);
 
@@ -154,6 +158,8 @@ private:
     // Guarded by connectionsMutex too: the connections by address and port, and each device's kept state.
     QHash<QString, std::shared_ptr<TcpDeviceConnection>> endpoints;
     std::unordered_map<int, std::shared_ptr<DeviceState>> deviceStates;
+    // Guarded by connectionsMutex; kept through stops.
+    QSet<int> pipelineRefusingDevices;
     std::mutex identityMutex;
     QSet<int> identityProbed;
     QMap<int, QMap<QString, QString>> identityValues;

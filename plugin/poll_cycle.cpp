@@ -7,6 +7,7 @@
 #include <numeric>
 
 #include "codec/address_space.h"
+#include "connection/request_discipline.h"
 #include "plugin/diagnostics.h"
 #include "plugin/modbus.h"
 #include "plugin/modbus_identity_specs.h"
@@ -72,7 +73,12 @@ request_plan::PlanItem planItem(const ReadEntry& entry) {
 // find what is readable, and what is not is remembered in the context's holes. True when every item of it got
 // a value.
 bool readPlanned(ReadContext& context, std::vector<ReadEntry>& entries,
-                 const request_plan::PlannedRequest& request);
+                 const request_plan::PlannedRequest& request, int firstAttempt = 0);
+
+// Reads the whole plan with up to `window` requests in flight; what the device did not answer is read again
+// one request at a time. Whether the device kept up with the requests in flight.
+Connection::Pipeline readPipelinedPlan(ReadContext& context, std::vector<ReadEntry>& entries,
+                                       const std::vector<request_plan::PlannedRequest>& plan, int window);
 
 QString flagText(bool flag) {
     return flag ? QStringLiteral("1") : QStringLiteral("0");
@@ -213,7 +219,16 @@ bool Modbus::pollDevice(LogList* list, DeviceState& deviceState, DeviceOptions c
     const unsigned char limit = readLimit(maxRead);
     planReads(*state, options, limit, device);
     ReadContext context{*this, entry->connection, &runner, orders, limit, &state->holes};
-    for (const request_plan::PlannedRequest& request : state->plan) readPlanned(context, readList, request);
+    // Several requests in flight only where the device allows it, and never with a pause between requests.
+    if (options.maxOutstandingRequests > 1 && options.requestPauseMs == 0 && state->plan.size() > 1 &&
+        !pipelineRefused(device.id)) {
+        if (readPipelinedPlan(context, readList, state->plan, options.maxOutstandingRequests) ==
+            Connection::Pipeline::Refused)
+            refusePipelining(device);
+    } else {
+        for (const request_plan::PlannedRequest& request : state->plan)
+            readPlanned(context, readList, request);
+    }
     for (int unreadable : state->unreadable)
         readList[static_cast<size_t>(unreadable)].dataItem->item.setLastError(kIllegalDataAddress);
 
@@ -264,6 +279,23 @@ void Modbus::finishPoll(DeviceState& state, DeviceInstancePlugin const& device, 
         std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started).count();
 }
 
+bool Modbus::pipelineRefused(int deviceId) {
+    std::lock_guard<std::mutex> lock(connectionsMutex);
+    return pipelineRefusingDevices.contains(deviceId);
+}
+
+void Modbus::refusePipelining(DeviceInstancePlugin const& device) {
+    {
+        std::lock_guard<std::mutex> lock(connectionsMutex);
+        if (pipelineRefusingDevices.contains(device.id)) return;
+        pipelineRefusingDevices.insert(device.id);
+    }
+    writeLogWarning(
+        QStringLiteral("%1 does not answer requests sent before the previous answer came; it is asked "
+                       "one request at a time from now on")
+            .arg(device.name));
+}
+
 void Modbus::keepOrClose(TcpDeviceConnection& entry, DeviceInstancePlugin const& device) {
     // A shared connection stays open while any device using it wants it kept.
     entry.keepOpen[device.id] =
@@ -278,7 +310,7 @@ namespace {
 // One request: the block from `startAddress` of `count` registers (or coils) covering [first, last). Returns
 // 0 when it was answered (the items got their values), else the error code; the items are left as they were.
 int readRequest(ReadContext& context, ReadEntryIterator first, ReadEntryIterator last, int startAddress,
-                int count) {
+                int count, int firstAttempt = 0) {
     Modbus& plugin = context.plugin;
     Connection& connection = context.connection;
     const ByteOrders& orders = context.orders;
@@ -295,7 +327,8 @@ int readRequest(ReadContext& context, ReadEntryIterator first, ReadEntryIterator
     plugin.writeLogDebug(requestText(QLatin1String("Getting ready to read ")));
 
     auto send = [&](RequestRunner::Request const& request, int* error) {
-        return context.runner ? context.runner->run(request, error) : request(connection, error);
+        return context.runner ? context.runner->run(request, error, firstAttempt)
+                              : request(connection, error);
     };
 
     int error = 0;
@@ -343,25 +376,33 @@ void markHoles(request_plan::Holes& holes, int table, qint64 first, qint64 last)
     for (qint64 address = first; address <= last; ++address) tableHoles.insert(static_cast<int>(address));
 }
 
-bool readPlanned(ReadContext& context, std::vector<ReadEntry>& entries,
-                 const request_plan::PlannedRequest& request) {
-    if (request.items.empty()) return true;
-    // The items of a request are neighbours in the sorted list unless an unreadable one lies between them.
+// The entries of a request: a range of the sorted list, or a copy of them when an unreadable item lies
+// between.
+struct RequestEntries {
+    ReadEntryIterator first;
+    ReadEntryIterator last;
+    std::vector<ReadEntry> gathered;
+};
+
+void gatherEntries(std::vector<ReadEntry>& entries, const request_plan::PlannedRequest& request,
+                   RequestEntries* out) {
     const size_t firstIndex = static_cast<size_t>(request.items.front());
     const bool contiguous =
         static_cast<size_t>(request.items.back()) - firstIndex + 1 == request.items.size();
-    std::vector<ReadEntry> gathered;
-    ReadEntryIterator first = entries.begin() + static_cast<std::ptrdiff_t>(firstIndex);
-    ReadEntryIterator last = first + static_cast<std::ptrdiff_t>(request.items.size());
-    if (!contiguous) {
-        gathered.reserve(request.items.size());
-        for (int index : request.items) gathered.push_back(entries[static_cast<size_t>(index)]);
-        first = gathered.begin();
-        last = gathered.end();
-    }
-    const int error = readRequest(context, first, last, request.start, request.count);
-    if (error == 0) return true;
+    out->first = entries.begin() + static_cast<std::ptrdiff_t>(firstIndex);
+    out->last = out->first + static_cast<std::ptrdiff_t>(request.items.size());
+    if (contiguous) return;
+    out->gathered.reserve(request.items.size());
+    for (int index : request.items) out->gathered.push_back(entries[static_cast<size_t>(index)]);
+    out->first = out->gathered.begin();
+    out->last = out->gathered.end();
+}
 
+// A request that failed with `error`: one refused for an illegal address is split to find what is readable
+// (remembering what is not); otherwise its items get the error text.
+void handleFailure(ReadContext& context, std::vector<ReadEntry>& entries,
+                   const request_plan::PlannedRequest& request, const RequestEntries& requestEntries,
+                   int error) {
     if (error == EMBXILADD && context.holes) {
         if (request.items.size() > 1) {
             // Somewhere in the request lies an address the device does not have: its halves show where.
@@ -376,13 +417,69 @@ bool readPlanned(ReadContext& context, std::vector<ReadEntry>& entries,
             const qint64 gapLast = qint64(halves.second.start) - 1;
             if (firstRead && secondRead && gapFirst <= gapLast)
                 markHoles(*context.holes, request.table, gapFirst, gapLast);
-            return false;
+            return;
         }
         markHoles(*context.holes, request.table, request.start, qint64(request.start) + request.count - 1);
     }
     const QString errorText = context.connection.errToStr(error);
-    for (ReadEntryIterator it = first; it != last; ++it) it->dataItem->item.setLastError(errorText);
+    for (ReadEntryIterator it = requestEntries.first; it != requestEntries.last; ++it)
+        it->dataItem->item.setLastError(errorText);
+}
+
+bool readPlanned(ReadContext& context, std::vector<ReadEntry>& entries,
+                 const request_plan::PlannedRequest& request, int firstAttempt) {
+    if (request.items.empty()) return true;
+    RequestEntries requestEntries;
+    gatherEntries(entries, request, &requestEntries);
+    const int error = readRequest(context, requestEntries.first, requestEntries.last, request.start,
+                                  request.count, firstAttempt);
+    if (error == 0) return true;
+    handleFailure(context, entries, request, requestEntries, error);
     return false;
+}
+
+Connection::Pipeline readPipelinedPlan(ReadContext& context, std::vector<ReadEntry>& entries,
+                                       const std::vector<request_plan::PlannedRequest>& plan, int window) {
+    std::vector<std::vector<unsigned short>> words(plan.size());
+    std::vector<std::vector<unsigned char>> bits(plan.size());
+    std::vector<Connection::PipelinedRead> reads(plan.size());
+    for (size_t i = 0; i < plan.size(); ++i) {
+        const request_plan::PlannedRequest& request = plan[i];
+        Connection::PipelinedRead& read = reads[i];
+        read.table = static_cast<RegisterType>(request.table);
+        read.address = request.start;
+        read.count = request.count;
+        if (read.table == OutputCoil || read.table == InputCoil) {
+            bits[i].resize(static_cast<size_t>(std::min(request.count, kLargestBitRead)));
+            read.bits = bits[i].data();
+        } else {
+            words[i].resize(static_cast<size_t>(std::min(request.count, kLargestRegisterRead)));
+            read.words = words[i].data();
+        }
+    }
+    const Connection::Pipeline outcome = context.runner->runPipelined(reads, window);
+    const ByteOrders& orders = context.orders;
+    for (size_t i = 0; i < plan.size(); ++i) {
+        const request_plan::PlannedRequest& request = plan[i];
+        const Connection::PipelinedRead& read = reads[i];
+        if (request.items.empty()) continue;
+        RequestEntries requestEntries;
+        gatherEntries(entries, request, &requestEntries);
+        if (read.result >= 0) {
+            if (read.bits)
+                extractBits(requestEntries.first, requestEntries.last, request.start, bits[i]);
+            else
+                extractWords(requestEntries.first, requestEntries.last, request.start, words[i],
+                             orders.littleEndian, orders.byteSwapped, orders.stringLittleEndian,
+                             orders.stringByteSwapped);
+        } else if (read.answered && !request_discipline::isRetryable(read.error)) {
+            handleFailure(context, entries, request, requestEntries, read.error);
+        } else {
+            // Busy (asked again as a retry), or never answered while in flight (asked again afresh).
+            readPlanned(context, entries, request, read.answered ? 1 : 0);
+        }
+    }
+    return outcome;
 }
 
 // Reads [first, last) of one table in the fewest requests the limit allows; true when every request was

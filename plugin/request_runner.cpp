@@ -46,9 +46,9 @@ bool RequestRunner::ensureConnected(int* error) {
     return true;
 }
 
-int RequestRunner::run(Request const& request, int* err) {
+int RequestRunner::run(Request const& request, int* err, int firstAttempt) {
     int error = 0;
-    for (int attempt = 0;; ++attempt) {
+    for (int attempt = firstAttempt;; ++attempt) {
         // One failed attempt to connect is enough for a batch: a dead device must not cost a connect
         // time-out per request.
         if (!endpoint.connection.isConnected() && (connectFailure || !ensureConnected(&error))) {
@@ -59,7 +59,7 @@ int RequestRunner::run(Request const& request, int* err) {
             *err = error;
             return -1;
         }
-        if (attempt == 0) ++sent;
+        if (attempt == firstAttempt) ++sent;
         ++state.health.requests;
         if (attempt > 0) ++state.health.retries;
         const auto started = std::chrono::steady_clock::now();
@@ -87,4 +87,28 @@ int RequestRunner::run(Request const& request, int* err) {
     if (!firstDeviceError && request_discipline::isDeviceLevel(error)) firstDeviceError = error;
     *err = error;
     return -1;
+}
+
+Connection::Pipeline RequestRunner::runPipelined(std::vector<Connection::PipelinedRead>& reads, int window) {
+    const Connection::Pipeline outcome = endpoint.connection.readPipelined(reads, window);
+    for (Connection::PipelinedRead const& read : reads) {
+        if (!read.sent) continue;
+        ++state.health.requests;
+        if (read.answered) state.health.recordResponse(read.responseMs);
+        if (read.result >= 0) {
+            ++sent;
+            continue;
+        }
+        if (request_discipline::isTimeout(read.error)) ++state.health.timeouts;
+        if (request_discipline::isExceptionAnswer(read.error)) ++state.health.exceptions;
+        if (read.answered && !request_discipline::isRetryable(read.error)) {
+            ++sent;
+            ++failed;
+            ++state.health.failedRequests;
+            if (!firstDeviceError && request_discipline::isDeviceLevel(read.error))
+                firstDeviceError = read.error;
+        }
+    }
+    if (outcome == Connection::Pipeline::Broken) endpoint.connection.disconnect();
+    return outcome;
 }

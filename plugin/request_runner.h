@@ -22,7 +22,12 @@ public:
     bool ensureConnected(int* error);
 
     // Runs `request` with the device's retries; its result, with the last error in *err when it failed.
-    int run(Request const& request, int* err);
+    // `firstAttempt` 1 for a request that was already sent once (in a pipelined batch).
+    int run(Request const& request, int* err, int firstAttempt = 0);
+
+    // Sends `reads` with up to `window` in flight, counting each read that was sent and each answer. Reads
+    // that were answered with an error a retry cannot mend are counted failed here.
+    Connection::Pipeline runPipelined(std::vector<Connection::PipelinedRead>& reads, int window);
 
     Connection& connection() { return endpoint.connection; }
 

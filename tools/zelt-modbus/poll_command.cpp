@@ -12,6 +12,7 @@
 #include "tools/zelt-modbus/cli.h"
 #include "tools/zelt-modbus/config.h"
 #include "tools/zelt-modbus/interrupt.h"
+#include "tools/zelt-modbus/poll_stats.h"
 #include "tools/zelt-modbus/session.h"
 
 namespace zelt_cli {
@@ -19,6 +20,20 @@ namespace zelt_cli {
 namespace {
 
 constexpr int kDefaultIntervalMs = 1000;
+
+qint64 steadyMs() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+void printStatsTable(QTextStream& out, const QVector<DeviceStats>& devices) {
+    out << "Statistics\n";
+    Table table(statsTableHeader());
+    for (const DeviceStats& stats : devices) table.addRow(statsTableRow(stats));
+    table.print(out);
+    out.flush();
+}
 
 }  // namespace
 
@@ -35,6 +50,11 @@ int runPoll(const QStringList& arguments) {
                       QStringLiteral("time between the starts of two polls (default 1000)"));
     command.addFlag(QStringLiteral("json"), QStringLiteral("one JSON object per line per device and poll"));
     command.addFlag(QStringLiteral("verbose"), QStringLiteral("also print the plugin's debug log"));
+    command.addFlag(
+        QStringLiteral("stats"),
+        QStringLiteral("at exit, one row per device (with --json, one {\"stats\": [...]} line): polls, "
+                       "complete polls, request counters, response ms p50/p95 (one sample per "
+                       "answered poll: the round trip of its last answer) and max, time in back-off"));
     if (int exitCode = 0; !command.parse(arguments, &exitCode)) return exitCode;
     if (!command.has(QStringLiteral("config"))) {
         QTextStream(stderr) << "zelt-modbus poll: --config is required\n" << command.usage();
@@ -54,6 +74,8 @@ int runPoll(const QStringList& arguments) {
     installInterruptHandler();
     PluginSession session;
     session.setVerbose(command.flag(QStringLiteral("verbose")));
+    const bool stats = command.flag(QStringLiteral("stats"));
+    session.setDiagnosticItems(stats);
     if (!session.start(command.pluginPath(), config, &error)) return fail(error);
 
     // Each device is polled from a thread of its own, as the host does: a slow or dead device delays only its
@@ -63,8 +85,11 @@ int runPoll(const QStringList& arguments) {
     std::mutex outputMutex;
     std::atomic<bool> allOk{true};
     const auto started = std::chrono::steady_clock::now();
-    auto pollDevice = [&](const DeviceConfig& device) {
+    const QList<DeviceConfig>& devices = session.config().devices;
+    QVector<DeviceStats> deviceStats(devices.size());
+    auto pollDevice = [&](const DeviceConfig& device, DeviceStats* summary) {
         std::string line;  // reused: its capacity stays from one poll to the next
+        DeviceStatsCollector collector(device.id, device.name, device.items.size());
         for (int poll = 1; count == 0 || poll <= count; ++poll) {
             if (poll > 1) {
                 const auto due = started + std::chrono::milliseconds(qint64(intervalMs) * (poll - 1));
@@ -73,7 +98,9 @@ int runPoll(const QStringList& arguments) {
                 if (!sleepUnlessInterrupted(static_cast<int>(std::max<qint64>(0, left.count())))) break;
             }
             if (interrupted()) break;
+            const qint64 pollStartMs = steadyMs();
             const BatchResult result = session.poll(device);
+            if (stats) collector.addPoll(pollStartMs, result);
             if (!result.ok) allOk = false;
             std::lock_guard<std::mutex> lock(outputMutex);
             if (json) {
@@ -86,12 +113,24 @@ int runPoll(const QStringList& arguments) {
                 out.flush();
             }
         }
+        *summary = collector.finish(steadyMs());
     };
     std::vector<std::thread> pollers;
-    pollers.reserve(static_cast<size_t>(session.config().devices.size()));
-    for (const DeviceConfig& device : session.config().devices) pollers.emplace_back(pollDevice, device);
+    pollers.reserve(static_cast<size_t>(devices.size()));
+    DeviceStats* summaries = deviceStats.data();  // detached once, before any poller writes its row
+    for (int i = 0; i < devices.size(); ++i) pollers.emplace_back(pollDevice, devices.at(i), summaries + i);
     for (std::thread& poller : pollers) poller.join();
     session.stop();
+    if (stats) {
+        if (json) {
+            const QByteArray summary = jsonLine(statsToJson(deviceStats)).toUtf8() + '\n';
+            std::fwrite(summary.constData(), 1, static_cast<size_t>(summary.size()), stdout);
+            std::fflush(stdout);
+        } else {
+            // Each poll's table ends with a blank line already.
+            printStatsTable(out, deviceStats);
+        }
+    }
     return allOk.load() ? 0 : 1;
 }
 

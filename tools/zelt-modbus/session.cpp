@@ -15,6 +15,12 @@ using zelt_standin::LogLevel;
 const QString kValueKey = QStringLiteral("value");
 const QString kRegisterKey = QStringLiteral("register");
 const QString kTypeKey = QStringLiteral("type");
+const QString kDiagnosticPrefix = QStringLiteral("__diagnostics.");
+// The names the plugin writes into diagnostic items, in the order the README lists them.
+const char* const kDiagnosticNames[] = {
+    "requests", "failed_requests",  "timeouts",    "exceptions",      "retries",
+    "connects", "connect_failures", "response_ms", "response_ms_avg", "response_ms_max",
+    "poll_ms",  "connected",        "backoff_s",   "last_error",      "last_ok"};
 
 // Frees every data item of a batch, also those the plugin appended, as the host does after each call.
 class Batch {
@@ -68,6 +74,18 @@ bool PluginSession::start(const QString& pluginPath, const Config& config, QStri
         labels.clear();
         for (const ItemConfig& item : device.items)
             labels.append({item.settings.value(kRegisterKey), typeLabel(item.settings.value(kTypeKey))});
+        if (!diagnosticItems) continue;
+        QVector<ItemInstancePlugin>& hidden = hiddenItems[device.id];
+        hidden.clear();
+        for (const char* name : kDiagnosticNames) {
+            const QString diagnostic = QString::fromLatin1(name);
+            ItemConfig item;
+            // Never printed; a poll's data items need no uid of their own.
+            item.uid = QStringLiteral("__stats_%1_%2").arg(device.id).arg(diagnostic);
+            item.name = diagnostic;
+            item.settings.insert(kRegisterKey, kDiagnosticPrefix + diagnostic);
+            hidden.append(toItemRecord(item, device.id));
+        }
     }
     return true;
 }
@@ -88,6 +106,13 @@ BatchResult PluginSession::poll(const DeviceConfig& device) {
     // As after the host's reload: every identity item the plugin created for this device is polled too.
     for (const ItemInstancePlugin& item : Host::instance().addedItems())
         if (item.deviceId == source.id) batch.list.dataItems.append(new DataItem(item));
+    // The unseen items go last: the plugin appends its own after them, and the printed items keep their
+    // order.
+    const QVector<ItemInstancePlugin> hidden =
+        configured ? hiddenItems.value(source.id) : QVector<ItemInstancePlugin>();
+    const int hiddenStart = batch.list.dataItems.size();
+    for (const ItemInstancePlugin& item : hidden) batch.list.dataItems.append(new DataItem(item));
+    const int hiddenEnd = batch.list.dataItems.size();
 
     BatchResult result;
     result.ok = loaded.plugin()->readData(&batch.list);
@@ -101,6 +126,11 @@ BatchResult PluginSession::poll(const DeviceConfig& device) {
     for (int i = 0; i < batch.list.dataItems.size(); ++i) {
         const DataItem* dataItem = batch.list.dataItems.at(i);
         if (!dataItem) continue;
+        if (i >= hiddenStart && i < hiddenEnd) {
+            if (dataItem->item.lastError.isEmpty() && dataItem->values.contains(kValueKey))
+                result.diagnostics.insert(dataItem->item.name, dataItem->values.value(kValueKey));
+            continue;
+        }
         // The configured items come first, in their order; the plugin may have appended others. A configured
         // item still holds the very settings map its labels were read from.
         const bool configuredItem = i < labels.size() && i < source.items.size() &&
@@ -174,7 +204,9 @@ ItemResult PluginSession::itemResult(const DataItem& dataItem, const QDateTime& 
     result.name = dataItem.item.name;
     result.address = labels ? labels->address : dataItem.item.settings.value(kRegisterKey);
     result.type = labels ? labels->type : typeLabel(dataItem.item.settings.value(kTypeKey));
-    result.value = dataItem.values.value(kValueKey);
+    const auto value = dataItem.values.constFind(kValueKey);
+    result.valued = value != dataItem.values.constEnd();
+    if (result.valued) result.value = value.value();
     result.error = dataItem.item.lastError;
     // Values read from registers carry no time of their own; the host stamps them when the batch returns.
     result.timestamp = dataItem.timestamp.isValid() ? dataItem.timestamp.toUTC() : received;

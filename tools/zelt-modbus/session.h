@@ -28,6 +28,10 @@ public:
     // The configuration with the declared defaults filled in.
     const Config& config() const { return configuration; }
 
+    // With `enabled` (before start), every poll also carries one item per diagnostic name, unseen: their
+    // values go to the result's `diagnostics`, not to its items, so the printed lines stay as they were.
+    void setDiagnosticItems(bool enabled) { diagnosticItems = enabled; }
+
     // Plugin log lines go to standard error: warnings and errors always, the rest only when verbose.
     void setVerbose(bool verbose);
 
@@ -55,6 +59,10 @@ private:
     // The labels of every configured item, by device id, in the order of its items: looking them up in each
     // item's settings cost more than the rest of a poll's result.
     QHash<int, QVector<ItemLabels>> configuredLabels;
+    bool diagnosticItems = false;
+    // The unseen diagnostic items of every device, by device id, made once: the plugin parses an item's
+    // settings again only when they are another map than in the last poll.
+    QHash<int, QVector<ItemInstancePlugin>> hiddenItems;
     bool started = false;
 };
 
