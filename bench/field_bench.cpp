@@ -764,10 +764,11 @@ void scenarioLate(const Options& options) {
     const DeviceInstancePlugin device = plugin_test::makeDevice(1, simulator.port(), bench::deviceDefaults());
     result.polls = pollDevice(device, items, options.latePolls, 0);
     collect(simulator, &result);
-    // The items of the late request: those the request that starts at kLateAddress covers.
+    // The items of the late request: those the request that covers kLateAddress covers.
     int lateItems = 0;
     for (const modbus_sim::RequestRecord& record : simulator.requestLog())
-        if (record.function == 3 && record.address == kLateAddress) {
+        if (record.function == 3 && record.address <= kLateAddress &&
+            kLateAddress < record.address + record.count) {
             lateItems = record.count;
             break;
         }
