@@ -70,6 +70,8 @@ public:
         size_t planHoleCount = 0;
         size_t planItemCount = 0;
         request_plan::Holes holes;
+        // Addresses the device answered for since the holes were learned (kept only once it refused one).
+        request_plan::Holes verified;
         qint64 holesLearnedAtMs = 0;
         QMap<QString, QString> plannedSettings;
         Backoff backoff;

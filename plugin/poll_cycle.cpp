@@ -53,6 +53,9 @@ struct ByteOrders {
 const QString kIllegalDataAddress = QStringLiteral("Illegal data address");
 // What a device once refused may have become readable: a firmware update, a reconfigured gateway.
 constexpr qint64 kForgetHolesAfterMs = 60LL * 60 * 1000;
+// Reads a poll may spend on finding the holes of the next plan, and how often it plans again to do so.
+constexpr int kMostProbesPerPoll = 256;
+constexpr int kVerifyRounds = 4;
 
 // What every request of a poll needs besides its own items. `runner` is null when a caller drives the
 // connection itself; `holes` is null when nothing is to be learned.
@@ -63,6 +66,9 @@ struct ReadContext {
     ByteOrders orders;
     unsigned char limit;
     request_plan::Holes* holes;
+    // Every block the device answered in this poll, and whether it refused one for an illegal address.
+    std::vector<request_plan::PlannedRequest> answered;
+    bool refusedAddress = false;
 };
 
 request_plan::PlanItem planItem(const ReadEntry& entry) {
@@ -74,6 +80,9 @@ request_plan::PlanItem planItem(const ReadEntry& entry) {
 // a value.
 bool readPlanned(ReadContext& context, std::vector<ReadEntry>& entries,
                  const request_plan::PlannedRequest& request, int firstAttempt = 0);
+
+void verifyPlan(ReadContext& context, request_plan::Holes& verified, const std::vector<ReadEntry>& readList,
+                bool readGaps);
 
 // Reads the whole plan with up to `window` requests in flight; what the device did not answer is read again
 // one request at a time. Whether the device kept up with the requests in flight.
@@ -230,6 +239,10 @@ bool Modbus::pollDevice(LogList* list, DeviceState& deviceState, DeviceOptions c
         for (const request_plan::PlannedRequest& request : state->plan)
             readPlanned(context, readList, request);
     }
+    if (context.refusedAddress) {
+        verifyPlan(context, state->verified, readList, options.readGaps);
+        state->planValid = false;
+    }
     for (int unreadable : state->unreadable)
         readList[static_cast<size_t>(unreadable)].dataItem->item.setLastError(kIllegalDataAddress);
 
@@ -341,6 +354,8 @@ int readRequest(ReadContext& context, ReadEntryIterator first, ReadEntryIterator
                  &error);
         if (result >= 0) {
             extractBits(first, last, startAddress, bits);
+            context.answered.push_back(
+                request_plan::PlannedRequest{static_cast<int>(table), startAddress, count, {}});
             return 0;
         }
         plugin.writeLogDebug(QStringLiteral("Could not read coil. ") + connection.errToStr(error));
@@ -367,6 +382,8 @@ int readRequest(ReadContext& context, ReadEntryIterator first, ReadEntryIterator
         extractWords(first, last, startAddress, words, orders.littleEndian, orders.byteSwapped,
                      orders.stringLittleEndian, orders.stringByteSwapped);
         plugin.writeLogDebug(QStringLiteral("Holding/Input register data extracted!"));
+        context.answered.push_back(
+            request_plan::PlannedRequest{static_cast<int>(table), startAddress, count, {}});
         return 0;
     }
     return EINVAL;
@@ -405,19 +422,16 @@ void handleFailure(ReadContext& context, std::vector<ReadEntry>& entries,
                    const request_plan::PlannedRequest& request, const RequestEntries& requestEntries,
                    int error) {
     if (error == EMBXILADD && context.holes) {
+        context.refusedAddress = true;
         if (request.items.size() > 1) {
-            // Somewhere in the request lies an address the device does not have: its halves show where.
+            // Somewhere in the request lies an address the device does not have: its halves show which items
+            // are readable. Holes in the gaps between them are found after the plan (verifyPlan).
             std::vector<request_plan::PlanItem> items;
             items.reserve(entries.size());
             for (const ReadEntry& entry : entries) items.push_back(planItem(entry));
             const auto halves = request_plan::splitRequest(request, items);
-            const bool firstRead = readPlanned(context, entries, halves.first);
-            const bool secondRead = readPlanned(context, entries, halves.second);
-            // Both halves readable: the refused address lies in the gap between them.
-            const qint64 gapFirst = qint64(halves.first.start) + halves.first.count;
-            const qint64 gapLast = qint64(halves.second.start) - 1;
-            if (firstRead && secondRead && gapFirst <= gapLast)
-                markHoles(*context.holes, request.table, gapFirst, gapLast);
+            readPlanned(context, entries, halves.first);
+            readPlanned(context, entries, halves.second);
             return;
         }
         markHoles(*context.holes, request.table, request.start, qint64(request.start) + request.count - 1);
@@ -467,6 +481,8 @@ Connection::Pipeline readPipelinedPlan(ReadContext& context, std::vector<ReadEnt
         RequestEntries requestEntries;
         gatherEntries(entries, request, &requestEntries);
         if (read.result >= 0) {
+            context.answered.push_back(
+                request_plan::PlannedRequest{request.table, request.start, request.count, {}});
             if (read.bits)
                 extractBits(requestEntries.first, requestEntries.last, request.start, bits[i]);
             else
@@ -481,6 +497,81 @@ Connection::Pipeline readPipelinedPlan(ReadContext& context, std::vector<ReadEnt
         }
     }
     return outcome;
+}
+
+// Reads a block for what the device answers, not for any item: 0 when answered, else the error code.
+int probeBlock(ReadContext& context, int table, int start, int count) {
+    auto send = [&](RequestRunner::Request const& request, int* error) {
+        return context.runner ? context.runner->run(request, error) : request(context.connection, error);
+    };
+    int error = 0;
+    const RegisterType type = static_cast<RegisterType>(table);
+    if (type == OutputCoil || type == InputCoil) {
+        std::vector<unsigned char> bits(static_cast<size_t>(std::min(count, kLargestBitRead)));
+        send([&](Connection& link, int* err) { return link.readBits(type, start, count, bits.data(), err); },
+             &error);
+    } else {
+        std::vector<unsigned short> words(static_cast<size_t>(std::min(count, kLargestRegisterRead)));
+        send(
+            [&](Connection& link, int* err) { return link.readWords(type, start, count, words.data(), err); },
+            &error);
+    }
+    return error;
+}
+
+// Finds the unreadable addresses of [first, last] by halving; false when the device answered anything but
+// an illegal address, or the budget is spent (nothing more is to be learned then).
+bool probeRange(ReadContext& context, request_plan::Holes& verified, int table, qint64 first, qint64 last,
+                int* budget) {
+    if (*budget <= 0) return false;
+    --*budget;
+    const int error = probeBlock(context, table, static_cast<int>(first), static_cast<int>(last - first + 1));
+    if (error == 0) {
+        markHoles(verified, table, first, last);
+        return true;
+    }
+    if (error != EMBXILADD) return false;
+    if (first == last) {
+        markHoles(*context.holes, table, first, last);
+        return true;
+    }
+    const qint64 middle = first + (last - first) / 2;
+    return probeRange(context, verified, table, first, middle, budget) &&
+           probeRange(context, verified, table, middle + 1, last, budget);
+}
+
+// After a poll in which the device refused an address: the next plan, made with what is known now, may span
+// addresses no request has read yet. They are read now, so that from the next poll on no request is refused.
+// Bounded: a device that refuses everything ends it.
+void verifyPlan(ReadContext& context, request_plan::Holes& verified, const std::vector<ReadEntry>& readList,
+                bool readGaps) {
+    for (const request_plan::PlannedRequest& block : context.answered)
+        markHoles(verified, block.table, block.start, qint64(block.start) + block.count - 1);
+    std::vector<request_plan::PlanItem> items;
+    items.reserve(readList.size());
+    for (const ReadEntry& entry : readList) items.push_back(planItem(entry));
+    int budget = kMostProbesPerPoll;
+    for (int round = 0; round < kVerifyRounds; ++round) {
+        bool probed = false;
+        for (const request_plan::PlannedRequest& request :
+             request_plan::planRequests(items, context.limit, readGaps, *context.holes, nullptr)) {
+            const std::set<int>& known = verified[static_cast<size_t>(request.table)];
+            const std::set<int>& holes = (*context.holes)[static_cast<size_t>(request.table)];
+            auto unknown = [&](qint64 address) {
+                return !known.count(static_cast<int>(address)) && !holes.count(static_cast<int>(address));
+            };
+            const qint64 end = qint64(request.start) + request.count;
+            for (qint64 address = request.start; address < end; ++address) {
+                if (!unknown(address)) continue;
+                qint64 last = address;
+                while (last + 1 < end && unknown(last + 1)) ++last;
+                probed = true;
+                if (!probeRange(context, verified, request.table, address, last, &budget)) return;
+                address = last;
+            }
+        }
+        if (!probed) return;
+    }
 }
 
 // Reads [first, last) of one table in the fewest requests the limit allows; true when every request was
@@ -509,6 +600,7 @@ void Modbus::planReads(DeviceState& state, DeviceOptions const& options, unsigne
     state.itemsChanged = false;
     if (settingsChanged || itemsChanged || now - state.holesLearnedAtMs > kForgetHolesAfterMs) {
         for (std::set<int>& tableHoles : state.holes) tableHoles.clear();
+        for (std::set<int>& tableVerified : state.verified) tableVerified.clear();
         state.holesLearnedAtMs = now;
         state.planValid = false;
     }

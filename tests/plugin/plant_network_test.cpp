@@ -434,3 +434,91 @@ TEST_F(PipeliningTest, ADeviceThatLeavesARequestInFlightUnansweredIsAskedOneAtAT
 }
 
 }  // namespace
+
+namespace {
+
+class LearnedHolesTest : public PlantNetworkTest {
+protected:
+    // Reads of the holding registers the simulator refused (exception 2) since the log was cleared, and all
+    // of them.
+    int refusedReads() const {
+        int refused = 0;
+        for (const modbus_sim::RequestRecord& record : sim.requestLog()) {
+            if (record.function != 3) continue;
+            for (int hole : kHoles)
+                if (record.address <= hole && hole < record.address + record.count) ++refused;
+        }
+        return refused;
+    }
+
+    static constexpr int kHoles[] = {5, 47, 123, 150};
+};
+
+TEST_F(LearnedHolesTest, EveryReadableItemIsValuedAtOnceAndNoReadIsRefusedFromTheSecondPollOn) {
+    for (int hole : kHoles) sim.addFault(plugin_test::exceptionFault(3, 2, hole));
+    sim.setHoldingRegisters(0, countingRegisters(200));
+    Batch batch(unit(1, {{"max_read_registers", "100"}}));
+    // Items every 10 registers; the one at 150 is itself unreadable.
+    for (int address = 0; address < 200; address += 10)
+        batch.add(makeItem(QStringLiteral("h%1").arg(address), QString::number(40001 + address), "4", "2"));
+    EXPECT_TRUE(plugin.readData(&batch.list));
+    for (int address = 0; address < 200; address += 10) {
+        const QString uid = QStringLiteral("h%1").arg(address);
+        SCOPED_TRACE(uid.toStdString());
+        if (address == 150) {
+            EXPECT_EQ(batch.error(uid), QStringLiteral("Illegal data address"));
+        } else {
+            EXPECT_EQ(batch.value(uid), QString::number(address));
+            EXPECT_EQ(batch.error(uid), QString());
+        }
+    }
+    for (int poll = 2; poll <= 4; ++poll) {
+        SCOPED_TRACE(poll);
+        sim.clearRequestLog();
+        EXPECT_TRUE(plugin.readData(&batch.list));
+        EXPECT_EQ(refusedReads(), 0);
+        // The fewest reads that avoid the holes: 0, 10..40, 50..120, 130..140, 160..190 -> five reads.
+        std::vector<std::tuple<int, int>> reads;
+        for (const modbus_sim::RequestRecord& record : sim.requestLog())
+            if (record.function == 3) reads.emplace_back(record.address, record.count);
+        EXPECT_EQ(reads,
+                  (std::vector<std::tuple<int, int>>{{0, 1}, {10, 31}, {50, 71}, {130, 11}, {160, 31}}));
+        EXPECT_EQ(batch.error("h150"), QStringLiteral("Illegal data address"));
+        EXPECT_EQ(batch.value("h190"), QStringLiteral("190"));
+    }
+}
+
+TEST_F(LearnedHolesTest, WithoutGapReadsOnlyTheItemsRegistersAreAsked) {
+    sim.setHoldingRegisters(0, countingRegisters(40));
+    Batch batch(unit(1, {{"read_gaps", "0"}}));
+    for (int address : {0, 1, 2, 10, 11, 30})
+        batch.add(makeItem(QStringLiteral("h%1").arg(address), QString::number(40001 + address), "4", "2"));
+    EXPECT_TRUE(plugin.readData(&batch.list));
+    std::vector<std::tuple<int, int>> reads;
+    for (const modbus_sim::RequestRecord& record : sim.requestLog())
+        if (record.function == 3) reads.emplace_back(record.address, record.count);
+    EXPECT_EQ(reads, (std::vector<std::tuple<int, int>>{{0, 3}, {10, 2}, {30, 1}}));
+}
+
+TEST_F(LearnedHolesTest, WhatWasLearnedIsForgottenWhenTheItemsChange) {
+    sim.addFault(plugin_test::exceptionFault(3, 2, 5));
+    sim.setHoldingRegisters(0, countingRegisters(20));
+    Batch batch(unit(1));
+    DataItem* moving = batch.add(makeItem("a", "40001", "4", "2"));
+    batch.add(makeItem("b", "40011", "4", "2"));
+    EXPECT_TRUE(plugin.readData(&batch.list));
+    sim.clearRequestLog();
+    EXPECT_TRUE(plugin.readData(&batch.list));
+    EXPECT_EQ(sim.requestLog().size(), 2u);  // 0 and 10 apart, around the hole at 5
+
+    sim.clearFaults();
+    moving->item.settings[QStringLiteral("register")] = QStringLiteral("40002");
+    sim.clearRequestLog();
+    EXPECT_TRUE(plugin.readData(&batch.list));
+    std::vector<std::tuple<int, int>> reads;
+    for (const modbus_sim::RequestRecord& record : sim.requestLog())
+        if (record.function == 3) reads.emplace_back(record.address, record.count);
+    EXPECT_EQ(reads, (std::vector<std::tuple<int, int>>{{1, 10}}));
+}
+
+}  // namespace
