@@ -92,7 +92,17 @@ ReadEntry makeReadEntry(DataItem* dataItem) {
 }
 
 ReadEntry const& cachedReadEntry(DataItem* dataItem, ParsedItem& slot, bool* reparsed) {
-    ItemTexts const texts = itemTexts(dataItem->item.settings);
+    QMap<QString, QString> const& settings = dataItem->item.settings;
+    const bool sameMap = slot.entry.dataItem != nullptr && slot.settings.isSharedWith(settings);
+    ItemTexts texts;
+    if (sameMap) {
+        texts.registerText = slot.registerNode;
+        texts.registerTypeText = slot.registerTypeNode;
+        texts.typeText = slot.typeNode;
+        texts.precisionText = slot.precisionNode;
+    } else {
+        texts = itemTexts(settings);
+    }
     if (slot.entry.dataItem == nullptr || !sameTexts(slot, texts)) {
         slot.registerText = orEmpty(texts.registerText);
         slot.registerTypeText = orEmpty(texts.registerTypeText);
@@ -100,6 +110,14 @@ ReadEntry const& cachedReadEntry(DataItem* dataItem, ParsedItem& slot, bool* rep
         slot.precisionText = orEmpty(texts.precisionText);
         slot.entry = entryFrom(dataItem, texts);
         if (reparsed) *reparsed = true;
+    }
+    if (!sameMap) {
+        // The nodes found above belong to the item's map; the copy shares them and keeps them alive.
+        slot.settings = settings;
+        slot.registerNode = texts.registerText;
+        slot.registerTypeNode = texts.registerTypeText;
+        slot.typeNode = texts.typeText;
+        slot.precisionNode = texts.precisionText;
     }
     slot.entry.dataItem = dataItem;
     return slot.entry;

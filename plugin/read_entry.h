@@ -30,6 +30,14 @@ struct ParsedItem {
     QString typeText;
     QString precisionText;
     ReadEntry entry;
+    // A copy of the settings map the texts were found in, sharing its data: while the item's map still shares
+    // it, the four texts are where they were found (a text written through a reference lands there too), so
+    // they are compared without looking them up again.
+    QMap<QString, QString> settings;
+    QString const* registerNode = nullptr;
+    QString const* registerTypeNode = nullptr;
+    QString const* typeNode = nullptr;
+    QString const* precisionNode = nullptr;
 };
 
 // The entry of `dataItem`, from `slot` when its four texts are still the ones parsed there, else parsed anew
