@@ -39,6 +39,7 @@
 
 #include "bench/bench_items.h"
 #include "bench/bench_support.h"
+#include "bench/rounds.h"
 #include "plugin/modbus.h"
 #include "tools/sim/blackhole_listener.h"
 #include "tools/sim/simulator.h"
@@ -377,41 +378,6 @@ int completeCount(const std::vector<PollRecord>& records) {
 // Scenarios 1 and 2: units behind one gateway, each polled by its own host thread; all threads are released
 // together for every round (the worst case of the host's timers), the round ending with the last poll.
 
-class Rounds {
-public:
-    explicit Rounds(int workers) : workers(workers) {}
-
-    bool waitForRound(int round) {
-        std::unique_lock<std::mutex> lock(mutex);
-        changed.wait(lock, [&] { return started >= round || finished; });
-        return !finished;
-    }
-    void done() {
-        std::lock_guard<std::mutex> lock(mutex);
-        if (++completed == workers) changed.notify_all();
-    }
-    void runRound() {
-        std::unique_lock<std::mutex> lock(mutex);
-        completed = 0;
-        ++started;
-        changed.notify_all();
-        changed.wait(lock, [&] { return completed == workers; });
-    }
-    void finish() {
-        std::lock_guard<std::mutex> lock(mutex);
-        finished = true;
-        changed.notify_all();
-    }
-
-private:
-    std::mutex mutex;
-    std::condition_variable changed;
-    const int workers;
-    int started = 0;
-    int completed = 0;
-    bool finished = false;
-};
-
 struct GatewayRun {
     std::vector<int> units;
     std::vector<std::vector<PollRecord>> polls;  // [unit index][round]
@@ -470,7 +436,7 @@ GatewayRun runGateway(const Options& options, const std::vector<int>& units, boo
 
     Modbus plugin;
     plugin.init();
-    Rounds control(static_cast<int>(units.size()));
+    bench::Rounds control(static_cast<int>(units.size()));
     std::vector<std::thread> threads;
     for (size_t i = 0; i < units.size(); ++i) {
         threads.emplace_back([&, i] {

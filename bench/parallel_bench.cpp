@@ -17,6 +17,7 @@
 
 #include "bench/bench_items.h"
 #include "bench/bench_support.h"
+#include "bench/rounds.h"
 #include "plugin/modbus.h"
 #include "tools/sim/simulator.h"
 #include "tools/standin/standin_host.h"
@@ -30,44 +31,6 @@ constexpr int kWarmupRounds = 3;
 constexpr int kItemsPerDevice = 20;
 constexpr int kFloatRegisters = 2;
 constexpr double kGoalRatio = 1.5;
-
-// Releases the pollers for one round at a time and tells the coordinator when all of them are done.
-class Rounds {
-public:
-    explicit Rounds(int workers) : workers(workers) {}
-
-    // Worker side: waits for round `round` (false when the run is over).
-    bool waitForRound(int round) {
-        std::unique_lock<std::mutex> lock(mutex);
-        changed.wait(lock, [&] { return started >= round || finished; });
-        return !finished;
-    }
-    void done() {
-        std::lock_guard<std::mutex> lock(mutex);
-        if (++completed == workers) changed.notify_all();
-    }
-    // Coordinator side: starts the next round and waits until every worker has polled once.
-    void runRound() {
-        std::unique_lock<std::mutex> lock(mutex);
-        completed = 0;
-        ++started;
-        changed.notify_all();
-        changed.wait(lock, [&] { return completed == workers; });
-    }
-    void finish() {
-        std::lock_guard<std::mutex> lock(mutex);
-        finished = true;
-        changed.notify_all();
-    }
-
-private:
-    std::mutex mutex;
-    std::condition_variable changed;
-    const int workers;
-    int started = 0;
-    int completed = 0;
-    bool finished = false;
-};
 
 }  // namespace
 
@@ -120,7 +83,7 @@ int main(int argc, char** argv) {
     }
     const int requestsPerPoll = simulators[0]->requestCount(3) / (kWarmupRounds + rounds);
 
-    Rounds control(deviceCount);
+    bench::Rounds control(deviceCount);
     std::vector<std::thread> threads;
     for (int device = 0; device < deviceCount; ++device) {
         threads.emplace_back([&, device] {

@@ -255,6 +255,15 @@ bool everyItemValued(const Batch& batch, int count) {
     return true;
 }
 
+// Every third read of the holding registers is answered busy (exception 6).
+modbus_sim::FaultRule busyEveryThirdRead() {
+    modbus_sim::FaultRule busy;
+    busy.kind = modbus_sim::FaultKind::BusyEvery;
+    busy.everyRequests = 3;
+    busy.function = 3;
+    return busy;
+}
+
 std::vector<uint16_t> countingRegisters(int count) {
     std::vector<uint16_t> values(static_cast<size_t>(count));
     for (int address = 0; address < count; ++address)
@@ -303,11 +312,7 @@ TEST_F(PlantNetworkTest, ADeviceThatDropsHastyRequestsIsServedWithARequestPause)
 }
 
 TEST_F(PlantNetworkTest, ABusyDeviceIsAskedAgainAndEveryPollCompletesOnOneConnection) {
-    modbus_sim::FaultRule busy;
-    busy.kind = modbus_sim::FaultKind::BusyEvery;
-    busy.everyRequests = 3;
-    busy.function = 3;
-    sim.addFault(busy);
+    sim.addFault(busyEveryThirdRead());
     sim.setHoldingRegisters(0, countingRegisters(200));
     Batch batch(unit(1, {{"retries", "1"}, {"max_read_registers", "50"}}));
     addCountingItems(batch, 200);
@@ -320,11 +325,7 @@ TEST_F(PlantNetworkTest, ABusyDeviceIsAskedAgainAndEveryPollCompletesOnOneConnec
 }
 
 TEST_F(PlantNetworkTest, WithoutRetriesABusyAnswerFailsOnlyItsItemsAndTheRestIsRead) {
-    modbus_sim::FaultRule busy;
-    busy.kind = modbus_sim::FaultKind::BusyEvery;
-    busy.everyRequests = 3;
-    busy.function = 3;
-    sim.addFault(busy);
+    sim.addFault(busyEveryThirdRead());
     sim.setHoldingRegisters(0, countingRegisters(200));
     Batch batch(unit(1, {{"max_read_registers", "50"}}));
     addCountingItems(batch, 200);
