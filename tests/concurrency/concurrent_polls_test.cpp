@@ -92,3 +92,44 @@ TEST(ConcurrentPolls, EightDevicesFromEightThreadsWithWritesAndStops) {
     plugin.stopPlugin();
     Host::instance().reset();
 }
+
+TEST(ConcurrentPolls, EightUnitsBehindOneGatewayFromEightThreadsShareOneConnection) {
+    Host::instance().reset();
+    modbus_sim::Simulator gateway;
+    gateway.setConnectionLimit(1);
+    gateway.setHoldingRegisters(0, {7, 8});
+    ASSERT_TRUE(gateway.start());
+    QList<DeviceInstancePlugin> devices;
+    for (int unit = 1; unit <= kDevices; ++unit)
+        devices.append(makeDevice(unit, gateway.port(),
+                                  {{"persistent_connection", "1"},
+                                   {"server_id", QString::number(unit)},
+                                   {"max_outstanding_requests", unit % 2 ? "1" : "2"}}));
+    Host::instance().setDevices(devices);
+    Modbus plugin;
+    ASSERT_TRUE(plugin.init());
+
+    std::atomic<int> failures{0};
+    std::vector<std::thread> pollers;
+    for (int i = 0; i < kDevices; ++i) {
+        pollers.emplace_back([&, i] {
+            for (int poll = 0; poll < kPollsPerRound; ++poll) {
+                Batch batch(devices.at(i));
+                batch.add(makeItem("a", "40001", "4", "2"));
+                batch.add(makeItem("far", "40200", "4", "2"));
+                batch.add(makeItem("requests", "__diagnostics.requests", "4", ""));
+                batch.add(makeItem("connected", "__diagnostics.connected", "4", ""));
+                if (!plugin.readData(&batch.list) || batch.value("a") != QStringLiteral("7") ||
+                    batch.value("connected") != QStringLiteral("1"))
+                    ++failures;
+            }
+        });
+    }
+    for (std::thread& poller : pollers) poller.join();
+    EXPECT_EQ(failures.load(), 0);
+    EXPECT_EQ(gateway.acceptedConnections(), 1);
+    EXPECT_EQ(gateway.rejectedConnections(), 0);
+    plugin.stopPlugin();
+    gateway.stop();
+    Host::instance().reset();
+}
