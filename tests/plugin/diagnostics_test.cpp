@@ -9,6 +9,7 @@
 
 #include "common/plugin_batch.h"
 #include "common/plugin_fixture.h"
+#include "common/time_scale.h"
 #include "plugin/modbus.h"
 #include "tools/sim/simulator.h"
 #include "tools/standin/standin_host.h"
@@ -100,7 +101,8 @@ TEST_F(DiagnosticsTest, ASilentDeviceCountsItsTimeOutsAndIsPausedAfterThreePolls
     modbus_sim::FaultRule silence;
     silence.kind = modbus_sim::FaultKind::Silence;
     sim.addFault(silence);
-    Batch batch(device(1, {{"response_timeout_ms", "50"}}));
+    const int timeoutMs = 50 * zelt_test::kTimeScale;
+    Batch batch(device(1, {{"response_timeout_ms", QString::number(timeoutMs)}}));
     batch.add(makeItem("holding", "40001", "4", "2"));
     for (const QString& name : diagnostics::names())
         batch.add(makeItem(name, diagnostics::kPrefix + name, "4", ""));
@@ -111,7 +113,7 @@ TEST_F(DiagnosticsTest, ASilentDeviceCountsItsTimeOutsAndIsPausedAfterThreePolls
               QStringLiteral("requests=3 failed_requests=3 timeouts=3 exceptions=0 retries=0 "
                              "connects=3 connect_failures=0 connected=0 backoff_s=1"));
     EXPECT_EQ(batch.value("last_error"), QStringLiteral("Connection timed out"));
-    EXPECT_GE(milliseconds(batch, "poll_ms"), 50.0);
+    EXPECT_GE(milliseconds(batch, "poll_ms"), timeoutMs);
     EXPECT_FALSE(plugin.readData(&batch.list));
     if (Backoff::clockMs() - pausedAt < Backoff::kFirstPauseMs) {
         EXPECT_EQ(counters(batch),

@@ -7,6 +7,7 @@
 
 #include "common/plugin_batch.h"
 #include "common/plugin_fixture.h"
+#include "common/time_scale.h"
 #include "plugin/modbus.h"
 #include "tools/sim/blackhole_listener.h"
 #include "tools/sim/simulator.h"
@@ -20,6 +21,9 @@ using zelt_standin::Host;
 namespace {
 
 constexpr int kGatewayUnits = 8;
+// Time-outs of tests that expect no answer: short natively, longer under an emulator.
+const QString kShortTimeoutMs = QString::number(50 * zelt_test::kTimeScale);
+const QString kMediumTimeoutMs = QString::number(200 * zelt_test::kTimeScale);
 
 class PlantNetworkTest : public plugin_test::PluginAndSimulatorTest {
 protected:
@@ -106,7 +110,7 @@ TEST_F(PlantNetworkTest, ADeadUnitBehindTheGatewayFailsAloneAndKeepsTheConnectio
 TEST_F(PlantNetworkTest, ASilentUnitIsPausedAfterThreePollsWithoutAnAnswerAndItsNeighboursGoOn) {
     sim.setHoldingRegisters(0, {5});
     sim.setUnits({1});
-    Batch silent(unit(2, {{"response_timeout_ms", "50"}}));
+    Batch silent(unit(2, {{"response_timeout_ms", kShortTimeoutMs}}));
     silent.add(makeItem("value", "40001", "4", "2"));
     for (int poll = 1; poll <= 3; ++poll) {
         SCOPED_TRACE(poll);
@@ -137,7 +141,8 @@ TEST_F(PlantNetworkTest, ATimedOutRequestIsSentAgainAsOftenAsTheRetriesSay) {
     silence.address = 5;
     sim.addFault(silence);
     sim.setHoldingRegisters(0, {10, 11});
-    Batch batch(unit(1, {{"retries", "2"}, {"response_timeout_ms", "50"}, {"max_read_registers", "2"}}));
+    Batch batch(
+        unit(1, {{"retries", "2"}, {"response_timeout_ms", kShortTimeoutMs}, {"max_read_registers", "2"}}));
     batch.add(makeItem("a", "40001", "4", "2"));
     batch.add(makeItem("b", "40002", "4", "2"));
     batch.add(makeItem("lost", "40006", "4", "2"));
@@ -160,9 +165,10 @@ TEST_F(PlantNetworkTest, ALateAnswerFailsOnlyItsRequestAndNoOtherItemTakesItsDat
     late.kind = modbus_sim::FaultKind::Delay;
     late.function = 3;
     late.address = 0;
-    late.delayMs = 300;
+    late.delayMs = 300 * zelt_test::kTimeScale;
     sim.addFault(late);
-    Batch batch(unit(1, {{"response_timeout_ms", "100"}, {"max_read_registers", "2"}}));
+    Batch batch(unit(1, {{"response_timeout_ms", QString::number(100 * zelt_test::kTimeScale)},
+                         {"max_read_registers", "2"}}));
     batch.add(makeItem("late1", "40001", "4", "2"));
     batch.add(makeItem("late2", "40002", "4", "2"));
     batch.add(makeItem("next1", "40003", "4", "2"));
@@ -349,11 +355,12 @@ TEST_F(PlantNetworkTest, ADeadDeviceCostsOneConnectTimeOutAndIsThenPaused) {
     modbus_sim::BlackholeListener dead;
     QString reason;
     ASSERT_TRUE(dead.start(QStringLiteral("127.0.0.1"), 0, &reason)) << reason.toStdString();
-    Batch batch(makeDevice(1, dead.port(), {{"connect_timeout_ms", "200"}}));
+    Batch batch(makeDevice(1, dead.port(), {{"connect_timeout_ms", kMediumTimeoutMs}}));
     batch.add(makeItem("a", "40001", "4", "2"));
     const auto started = std::chrono::steady_clock::now();
     EXPECT_FALSE(plugin.readData(&batch.list));
-    EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(200));
+    EXPECT_GE(std::chrono::steady_clock::now() - started,
+              std::chrono::milliseconds(kMediumTimeoutMs.toInt()));
     EXPECT_EQ(batch.list.device.lastError, QStringLiteral("Could not connect. Timeout"));
     const qint64 pausedAt = Backoff::clockMs();
     EXPECT_FALSE(plugin.readData(&batch.list));
@@ -408,7 +415,7 @@ TEST_F(PipeliningTest, ADeviceThatLeavesARequestInFlightUnansweredIsAskedOneAtAT
     sim.setHoldingRegisters(0, countingRegisters(60));
     Batch batch(unit(1, {{"max_outstanding_requests", "4"},
                          {"max_read_registers", "20"},
-                         {"response_timeout_ms", "200"},
+                         {"response_timeout_ms", kMediumTimeoutMs},
                          {"backoff_max_ms", "0"}}));
     addCountingItems(batch, 60);
     EXPECT_FALSE(plugin.readData(&batch.list));
