@@ -431,8 +431,7 @@ TEST_F(PollCycleTest, ASettingThatMovesAnItemPastAnotherReordersTheRequests) {
     batch.add(makeItem("far", "40301", "4", "2"));
     ASSERT_TRUE(plugin.readData(&batch.list));
     ASSERT_TRUE(plugin.readData(&batch.list));
-    EXPECT_EQ(dataReads(sim),
-              (std::vector<Request>{{3, 0, 2}, {3, 300, 1}, {3, 0, 2}, {3, 300, 1}}));
+    EXPECT_EQ(dataReads(sim), (std::vector<Request>{{3, 0, 2}, {3, 300, 1}, {3, 0, 2}, {3, 300, 1}}));
 
     // The first item of the batch moves to the input registers, which are read before the holding registers,
     // and then past the far holding register. The order of the last poll must not be taken again.

@@ -81,8 +81,8 @@ TEST_F(CommissionPymodbusTest, MapFindsTheEndsOfTheTablesAndTheConfigurationPoll
                              << QStringLiteral("--config-out") << path << QStringLiteral("--json"));
     ASSERT_EQ(map.exitCode, 0) << map.err.toStdString();
     const QJsonObject json = QJsonDocument::fromJson(map.out.toUtf8()).object();
-    // Each table holds its values plus 16 zeros; the walk reads them in growing blocks and the addresses behind
-    // them one at a time.
+    // Each table holds its values plus 16 zeros; the walk reads them in growing blocks and the addresses
+    // behind them one at a time.
     EXPECT_EQ(runsOf(tableOf(json, QStringLiteral("holding"))), QStringLiteral("40001-40028"));
     EXPECT_EQ(runsOf(tableOf(json, QStringLiteral("input"))), QStringLiteral("30001-30018"));
     EXPECT_EQ(runsOf(tableOf(json, QStringLiteral("coils"))), QStringLiteral("00001-00019"));
