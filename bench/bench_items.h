@@ -74,6 +74,20 @@ inline std::vector<ItemInstancePlugin> holdingItems(int count, int type, int reg
     return items;
 }
 
+// `items` followed by the device's fifteen diagnostic items, which the poll writes without a request.
+inline std::vector<ItemInstancePlugin> withDiagnostics(std::vector<ItemInstancePlugin> items) {
+    const char* const kNames[] = {"requests",        "failed_requests", "timeouts",         "exceptions",
+                                  "retries",         "connects",        "connect_failures", "response_ms",
+                                  "response_ms_avg", "response_ms_max", "poll_ms",          "connected",
+                                  "backoff_s",       "last_error",      "last_ok"};
+    const int first = static_cast<int>(items.size());
+    for (const char* name : kNames)
+        items.push_back(plugin_test::makeItem(QStringLiteral("d%1").arg(items.size() - first),
+                                              QStringLiteral("__diagnostics.") + QLatin1String(name),
+                                              kRegisterTypeAuto, QString()));
+    return items;
+}
+
 // Every value type on every table: a tenth of the items on coils, a tenth on discrete inputs, the rest split
 // between input and holding registers cycling through the ten register layouts (BIT in a register, the eight
 // numbers, and a string range).

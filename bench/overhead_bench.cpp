@@ -4,7 +4,7 @@
 // and are warmed up first; iterations alternate between the two so that machine load falls on both alike.
 //
 // Usage: overhead_bench [--polls N] [--warmup N] [--case NAME]
-//   cases: float200, uint16_200, mix2000, write_multiple200, write_single200
+//   cases: float200, float200_diagnostics, uint16_200, mix2000, write_multiple200, write_single200
 #include <QCoreApplication>
 #include <QString>
 #include <algorithm>
@@ -157,6 +157,11 @@ int main(int argc, char** argv) {
         ok &= runCase(options, QStringLiteral("200 FLOAT poll"), Direction::Read, device,
                       bench::holdingItems(kSmallCaseItems, bench::kTypeFloat, kFloatRegisters), kGoalPlain,
                       &results);
+    if (selected(options, "float200_diagnostics"))
+        ok &= runCase(
+            options, QStringLiteral("200 FLOAT poll + 15 diagnostic items"), Direction::Read, device,
+            bench::withDiagnostics(bench::holdingItems(kSmallCaseItems, bench::kTypeFloat, kFloatRegisters)),
+            kGoalPlain, &results);
     if (selected(options, "uint16_200"))
         ok &= runCase(options, QStringLiteral("200 UINT16 poll"), Direction::Read, device,
                       bench::holdingItems(kSmallCaseItems, bench::kTypeUint16, 1), kGoalPlain, &results);
