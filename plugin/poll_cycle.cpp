@@ -228,7 +228,7 @@ bool Modbus::pollDevice(LogList* list, DeviceState& deviceState, DeviceOptions c
                             isStringByteSwapped(device)};
     const unsigned char limit = readLimit(maxRead);
     planReads(*state, options, limit, device);
-    ReadContext context{*this, entry->connection, &runner, orders, limit, &state->holes};
+    ReadContext context{*this, entry->connection, &runner, orders, limit, &state->holes, {}, false};
     // Several requests in flight only where the device allows it, and never with a pause between requests.
     if (options.maxOutstandingRequests > 1 && options.requestPauseMs == 0 && state->plan.size() > 1 &&
         !pipelineRefused(device.id)) {
@@ -633,7 +633,9 @@ Modbus::DataItemIterator Modbus::readItems(Connection& connection, DataItemItera
                         nullptr,
                         ByteOrders{littleEndian, byteSwapped, stringLittleEndian, stringByteSwapped},
                         readLimit(maxReadRegisters),
-                        nullptr};
+                        nullptr,
+                        {},
+                        false};
     // Every item of the range is asked for; those of a failed request carry its error text.
     return readEntries(context, entries.begin(), entries.end()) ? last : first;
 }
