@@ -102,9 +102,7 @@ Connection::Connection(Network const& net, PluginInterface* pluginInterface, int
     if (!ctx) return;
     connectTimeoutMs = net.connectTimeoutMs;
     requestPauseMs = net.requestPauseMs;
-    modbus_set_response_timeout(
-        ctx, static_cast<uint32_t>(net.responseTimeoutMs / kMsPerSecond),
-        static_cast<uint32_t>(net.responseTimeoutMs % kMsPerSecond * kMicrosecondsPerMs));
+    setResponseTimeoutMs(net.responseTimeoutMs);
     connected = connect(net.serverId, err) == 0;
 }
 
@@ -260,6 +258,11 @@ bool Connection::getResponseTimeout(unsigned int* sec, unsigned int* usec) const
         *usec = us;
     }
     return ok;
+}
+
+bool Connection::setResponseTimeoutMs(int ms) {
+    return setResponseTimeout(static_cast<unsigned int>(ms / kMsPerSecond),
+                              static_cast<unsigned int>(ms % kMsPerSecond * kMicrosecondsPerMs));
 }
 
 bool Connection::setResponseTimeout(unsigned int sec, unsigned int usec) {

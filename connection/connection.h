@@ -55,11 +55,11 @@ public:
     // Waits this long before a request after an answer or a new connection: some devices and gateways drop
     // requests that come sooner.
     void setRequestPause(int ms) { requestPauseMs = ms; }
-    void setConnectTimeout(int ms) { connectTimeoutMs = ms; }
     void flush();
 
     bool getResponseTimeout(unsigned int* sec, unsigned int* usec) const;
     bool setResponseTimeout(unsigned int sec, unsigned int usec);
+    bool setResponseTimeoutMs(int ms);
 
     int readBits(RegisterType type, int addr, int count, unsigned char* dest, int* err) const;
     int readWords(RegisterType type, int addr, int count, unsigned short* dest, int* err) const;

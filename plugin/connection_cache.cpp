@@ -4,13 +4,6 @@
 #include "plugin/setting_keys.h"
 
 namespace {
-constexpr quint16 kDefaultPort = 502;
-constexpr int kFirstUnitId = 1;  // unit 0 is the broadcast id; polling never addresses it
-
-quint16 devicePort(DeviceInstancePlugin const& device) {
-    const quint16 port = device.settings.value(QStringLiteral("port")).toUShort();
-    return port == 0 ? kDefaultPort : port;
-}
 
 // Units behind one gateway name the same address and port; a device that wants its own connection gets a
 // key no other device has.
@@ -45,7 +38,8 @@ std::shared_ptr<Modbus::TcpDeviceConnection> Modbus::tcpDeviceConnection(int dev
 std::shared_ptr<Modbus::TcpDeviceConnection> Modbus::tcpDeviceConnection(DeviceInstancePlugin const& device,
                                                                          DeviceOptions const& options,
                                                                          bool* stoppingOut) {
-    const QString key = endpointKey(device.id, device.address, devicePort(device), options.shareConnection);
+    const QString key =
+        endpointKey(device.id, device.address, devicePort(device.settings), options.shareConnection);
     std::shared_ptr<TcpDeviceConnection> unused;
     std::shared_ptr<TcpDeviceConnection> bound;
     {
@@ -90,14 +84,12 @@ std::shared_ptr<Modbus::DeviceState> Modbus::deviceState(int deviceId) {
 }
 
 Connection Modbus::makeConnection(DeviceInstancePlugin& device, int* error) {
-    int serverId = device.settings.value(QStringLiteral("server_id")).toInt();
-    if (serverId < kFirstUnitId) serverId = kFirstUnitId;
     const DeviceOptions options = deviceOptions(device.settings);
 
     Connection::Network network;
     network.host = device.address;
-    network.port = devicePort(device);
-    network.serverId = serverId;
+    network.port = devicePort(device.settings);
+    network.serverId = deviceUnitId(device.settings);
     network.connectTimeoutMs = options.connectTimeoutMs;
     network.responseTimeoutMs = options.responseTimeoutMs;
     network.requestPauseMs = options.requestPauseMs;

@@ -9,6 +9,8 @@ constexpr int kMaxTimeoutMs = 60000;
 constexpr int kMaxRequestPauseMs = 10000;
 constexpr int kMaxRetries = 5;
 constexpr int kMaxBackoffMs = 600000;
+constexpr int kFirstUnitId = 1;
+constexpr quint16 kDefaultPort = 502;
 constexpr int kMostOutstandingRequests = 16;
 
 int boundedNumber(QMap<QString, QString> const& settings, QString const& key, int low, int high,
@@ -19,6 +21,16 @@ int boundedNumber(QMap<QString, QString> const& settings, QString const& key, in
 }
 
 }  // namespace
+
+int deviceUnitId(QMap<QString, QString> const& settings) {
+    const int unit = setting_keys::settingText(settings, setting_keys::kServerId).toInt();
+    return unit < kFirstUnitId ? kFirstUnitId : unit;
+}
+
+quint16 devicePort(QMap<QString, QString> const& settings) {
+    const quint16 port = setting_keys::settingText(settings, setting_keys::kPort).toUShort();
+    return port == 0 ? kDefaultPort : port;
+}
 
 DeviceOptions deviceOptions(QMap<QString, QString> const& settings) {
     using namespace setting_keys;

@@ -26,3 +26,9 @@ struct DeviceOptions {
 };
 
 DeviceOptions deviceOptions(QMap<QString, QString> const& settings);
+
+// The unit id a poll addresses: "server_id", at least 1 (unit 0 is the broadcast id; polling never addresses
+// it).
+int deviceUnitId(QMap<QString, QString> const& settings);
+// The TCP port: "port" as a 16-bit number, 502 when missing, not a number or 0.
+quint16 devicePort(QMap<QString, QString> const& settings);

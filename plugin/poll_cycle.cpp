@@ -75,6 +75,14 @@ request_plan::PlanItem planItem(const ReadEntry& entry) {
     return request_plan::PlanItem{static_cast<int>(entry.table), entry.offset, readFootprint(entry)};
 }
 
+std::vector<request_plan::PlanItem> planItems(std::vector<ReadEntry>::const_iterator first,
+                                              std::vector<ReadEntry>::const_iterator last) {
+    std::vector<request_plan::PlanItem> items;
+    items.reserve(static_cast<size_t>(last - first));
+    for (; first != last; ++first) items.push_back(planItem(*first));
+    return items;
+}
+
 // Reads one planned request of `entries`; a request refused for an illegal address is split at its items to
 // find what is readable, and what is not is remembered in the context's holes. True when every item of it got
 // a value.
@@ -389,9 +397,10 @@ int readRequest(ReadContext& context, ReadEntryIterator first, ReadEntryIterator
     return EINVAL;
 }
 
-void markHoles(request_plan::Holes& holes, int table, qint64 first, qint64 last) {
-    std::set<int>& tableHoles = holes[static_cast<size_t>(table)];
-    for (qint64 address = first; address <= last; ++address) tableHoles.insert(static_cast<int>(address));
+// Adds [first, last] of `table` to a set of addresses (the holes, or the addresses known readable).
+void markAddresses(request_plan::Holes& addresses, int table, qint64 first, qint64 last) {
+    std::set<int>& tableAddresses = addresses[static_cast<size_t>(table)];
+    for (qint64 address = first; address <= last; ++address) tableAddresses.insert(static_cast<int>(address));
 }
 
 // The entries of a request: a range of the sorted list, or a copy of them when an unreadable item lies
@@ -426,15 +435,14 @@ void handleFailure(ReadContext& context, std::vector<ReadEntry>& entries,
         if (request.items.size() > 1) {
             // Somewhere in the request lies an address the device does not have: its halves show which items
             // are readable. Holes in the gaps between them are found after the plan (verifyPlan).
-            std::vector<request_plan::PlanItem> items;
-            items.reserve(entries.size());
-            for (const ReadEntry& entry : entries) items.push_back(planItem(entry));
-            const auto halves = request_plan::splitRequest(request, items);
+            const auto halves =
+                request_plan::splitRequest(request, planItems(entries.cbegin(), entries.cend()));
             readPlanned(context, entries, halves.first);
             readPlanned(context, entries, halves.second);
             return;
         }
-        markHoles(*context.holes, request.table, request.start, qint64(request.start) + request.count - 1);
+        markAddresses(*context.holes, request.table, request.start,
+                      qint64(request.start) + request.count - 1);
     }
     const QString errorText = context.connection.errToStr(error);
     for (ReadEntryIterator it = requestEntries.first; it != requestEntries.last; ++it)
@@ -527,12 +535,12 @@ bool probeRange(ReadContext& context, request_plan::Holes& verified, int table, 
     --*budget;
     const int error = probeBlock(context, table, static_cast<int>(first), static_cast<int>(last - first + 1));
     if (error == 0) {
-        markHoles(verified, table, first, last);
+        markAddresses(verified, table, first, last);
         return true;
     }
     if (error != EMBXILADD) return false;
     if (first == last) {
-        markHoles(*context.holes, table, first, last);
+        markAddresses(*context.holes, table, first, last);
         return true;
     }
     const qint64 middle = first + (last - first) / 2;
@@ -546,10 +554,8 @@ bool probeRange(ReadContext& context, request_plan::Holes& verified, int table, 
 void verifyPlan(ReadContext& context, request_plan::Holes& verified, const std::vector<ReadEntry>& readList,
                 bool readGaps) {
     for (const request_plan::PlannedRequest& block : context.answered)
-        markHoles(verified, block.table, block.start, qint64(block.start) + block.count - 1);
-    std::vector<request_plan::PlanItem> items;
-    items.reserve(readList.size());
-    for (const ReadEntry& entry : readList) items.push_back(planItem(entry));
+        markAddresses(verified, block.table, block.start, qint64(block.start) + block.count - 1);
+    const std::vector<request_plan::PlanItem> items = planItems(readList.cbegin(), readList.cend());
     int budget = kMostProbesPerPoll;
     for (int round = 0; round < kVerifyRounds; ++round) {
         bool probed = false;
@@ -577,9 +583,7 @@ void verifyPlan(ReadContext& context, request_plan::Holes& verified, const std::
 // Reads [first, last) of one table in the fewest requests the limit allows; true when every request was
 // answered.
 bool readEntries(ReadContext& context, ReadEntryIterator first, ReadEntryIterator last) {
-    std::vector<request_plan::PlanItem> items;
-    items.reserve(static_cast<size_t>(last - first));
-    for (ReadEntryIterator it = first; it != last; ++it) items.push_back(planItem(*it));
+    const std::vector<request_plan::PlanItem> items = planItems(first, last);
     std::vector<ReadEntry> entries(first, last);
     bool all = true;
     for (const request_plan::PlannedRequest& request :
@@ -611,11 +615,9 @@ void Modbus::planReads(DeviceState& state, DeviceOptions const& options, unsigne
     if (state.planValid && state.planLimit == limit && state.planReadGaps == options.readGaps &&
         state.planHoleCount == holeCount && state.planItemCount == state.readList.size())
         return;
-    std::vector<request_plan::PlanItem> items;
-    items.reserve(state.readList.size());
-    for (const ReadEntry& entry : state.readList) items.push_back(planItem(entry));
     state.unreadable.clear();
-    state.plan = request_plan::planRequests(items, limit, options.readGaps, state.holes, &state.unreadable);
+    state.plan = request_plan::planRequests(planItems(state.readList.cbegin(), state.readList.cend()), limit,
+                                            options.readGaps, state.holes, &state.unreadable);
     state.planValid = state.sortedSlotsValid;
     state.planLimit = limit;
     state.planReadGaps = options.readGaps;

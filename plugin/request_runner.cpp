@@ -5,14 +5,7 @@
 #include "connection/request_discipline.h"
 
 namespace {
-constexpr int kFirstUnitId = 1;  // unit 0 is the broadcast id; polling never addresses it
-constexpr double kMsPerSecond = 1000.0;
 constexpr int kSharedTimeoutsBeforeClose = 2;
-
-int unitOf(DeviceInstancePlugin const& device) {
-    const int unit = device.settings.value(QStringLiteral("server_id")).toInt();
-    return unit < kFirstUnitId ? kFirstUnitId : unit;
-}
 }  // namespace
 
 RequestRunner::RequestRunner(Modbus& plugin, Modbus::TcpDeviceConnection& endpoint,
@@ -40,12 +33,10 @@ bool RequestRunner::ensureConnected(int* error) {
         ++state.health.connects;
     }
     // A shared connection carries the settings of whichever device uses it now.
-    const int unit = unitOf(device);
+    const int unit = deviceUnitId(device.settings);
     if (connection.slave() != unit) connection.setSlave(unit);
     connection.setRequestPause(options.requestPauseMs);
-    connection.setConnectTimeout(options.connectTimeoutMs);
-    connection.setResponseTimeout(static_cast<unsigned int>(options.responseTimeoutMs / 1000),
-                                  static_cast<unsigned int>(options.responseTimeoutMs % 1000 * 1000));
+    connection.setResponseTimeoutMs(options.responseTimeoutMs);
     return true;
 }
 
@@ -73,7 +64,7 @@ int RequestRunner::run(Request const& request, int* err, int firstAttempt) {
         const auto started = std::chrono::steady_clock::now();
         const int result = request(endpoint.connection, &error);
         const double elapsedMs =
-            std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count() * kMsPerSecond;
+            std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started).count();
         if (result >= 0) {
             endpoint.consecutiveTimeouts = 0;
             state.health.recordResponse(elapsedMs);

@@ -13,6 +13,8 @@ inline const QString kType = QStringLiteral("type");
 inline const QString kPrecision = QStringLiteral("floating_point_precision");
 
 // Device settings.
+inline const QString kPort = QStringLiteral("port");
+inline const QString kServerId = QStringLiteral("server_id");
 inline const QString kEndianness = QStringLiteral("endianness");
 inline const QString kByteOrder = QStringLiteral("byte_order");
 inline const QString kStringEndianness = QStringLiteral("string_endianness");
