@@ -1,5 +1,6 @@
-// Reads the simulator's JSON map file: served units, register tables, identification, Report Slave ID and
-// faults. Everything is checked before anything is applied, so a bad file leaves the simulator as it was.
+// Reads the simulator's JSON map file: served units, register tables (shared and per unit), identification,
+// Report Slave ID and faults. Everything is checked before anything is applied, so a bad file leaves the
+// simulator as it was.
 
 #include <QFile>
 #include <QJsonArray>
@@ -7,6 +8,7 @@
 #include <QJsonObject>
 #include <QJsonParseError>
 #include <limits>
+#include <map>
 #include <optional>
 
 #include "tools/sim/sim_fault_names.h"
@@ -17,7 +19,6 @@ namespace modbus_sim {
 
 namespace {
 
-constexpr int kMaxUnitId = 255;
 constexpr int kMaxRegisterValue = 0xFFFF;
 constexpr int kMaxObjectId = 0xFF;
 constexpr char kHexPrefix[] = "hex:";
@@ -63,6 +64,13 @@ struct TableBlock {
     std::vector<T> values;
 };
 
+struct UnitTables {
+    std::vector<TableBlock<uint16_t>> holdingRegisters;
+    std::vector<TableBlock<uint16_t>> inputRegisters;
+    std::vector<TableBlock<uint8_t>> coils;
+    std::vector<TableBlock<uint8_t>> discreteInputs;
+};
+
 struct MapFile {
     std::optional<std::set<int>> units;
     std::optional<UnknownUnitReply> unknownUnitReply;
@@ -71,10 +79,8 @@ struct MapFile {
     std::optional<int> connectionLimit;
     std::optional<int> serialLineMs;
     std::optional<int> minimumRequestGapMs;
-    std::vector<TableBlock<uint16_t>> holdingRegisters;
-    std::vector<TableBlock<uint16_t>> inputRegisters;
-    std::vector<TableBlock<uint8_t>> coils;
-    std::vector<TableBlock<uint8_t>> discreteInputs;
+    UnitTables sharedTables;
+    std::map<int, UnitTables> unitTables;
     std::optional<DeviceIdentification> identification;
     std::optional<QByteArray> reportSlaveId;
     std::vector<FaultRule> faults;
@@ -99,6 +105,9 @@ private:
     template <typename T>
     bool readTable(const QJsonValue& value, const QString& key, int maxValue,
                    std::vector<TableBlock<T>>* out);
+    // The table `name` names (one of the four table keys) into `tables`.
+    bool readTableKey(const QString& name, const QJsonValue& value, const QString& key, UnitTables* tables);
+    bool readUnitTables(const QJsonValue& value, const QString& key, std::map<int, UnitTables>* out);
     bool readIdentification(const QJsonValue& value, const QString& key, DeviceIdentification* out);
     bool readNumber(const QJsonValue& value, const QString& key, int min, int max, int* out);
     bool readFault(const QJsonValue& value, const QString& key, FaultRule* out);
@@ -204,6 +213,43 @@ bool MapReader::readTable(const QJsonValue& value, const QString& key, int maxVa
             block.values.push_back(static_cast<T>(number));
         }
         out->push_back(block);
+    }
+    return true;
+}
+
+bool isTableKey(const QString& name) {
+    return name == QLatin1String("holding_registers") || name == QLatin1String("input_registers") ||
+           name == QLatin1String("coils") || name == QLatin1String("discrete_inputs");
+}
+
+bool MapReader::readTableKey(const QString& name, const QJsonValue& value, const QString& key,
+                             UnitTables* tables) {
+    if (name == QLatin1String("holding_registers"))
+        return readTable(value, key, kMaxRegisterValue, &tables->holdingRegisters);
+    if (name == QLatin1String("input_registers"))
+        return readTable(value, key, kMaxRegisterValue, &tables->inputRegisters);
+    if (name == QLatin1String("coils")) return readTable(value, key, 1, &tables->coils);
+    return readTable(value, key, 1, &tables->discreteInputs);
+}
+
+bool MapReader::readUnitTables(const QJsonValue& value, const QString& key, std::map<int, UnitTables>* out) {
+    if (!value.isObject()) return fail(key, QStringLiteral("expected an object of unit: {tables}"));
+    const QJsonObject units = value.toObject();
+    for (auto unitIt = units.begin(); unitIt != units.end(); ++unitIt) {
+        const QString unitKey = key + QLatin1Char('.') + unitIt.key();
+        int unit = 0;
+        if (!readId(unitIt.key(), unitKey, kMaxUnitId, &unit)) return false;
+        // "1" and "0x01" name the same unit; two sets of tables for one unit would be a mistake.
+        if (out->count(unit) > 0) return fail(unitKey, QStringLiteral("unit %1 is given twice").arg(unit));
+        if (!unitIt.value().isObject())
+            return fail(unitKey, QStringLiteral("expected an object of table: {address: [values]}"));
+        UnitTables& tables = (*out)[unit];
+        const QJsonObject object = unitIt.value().toObject();
+        for (auto it = object.begin(); it != object.end(); ++it) {
+            const QString tableKey = unitKey + QLatin1Char('.') + it.key();
+            if (!isTableKey(it.key())) return fail(tableKey, QStringLiteral("unknown key"));
+            if (!readTableKey(it.key(), it.value(), tableKey, &tables)) return false;
+        }
     }
     return true;
 }
@@ -334,14 +380,10 @@ bool MapReader::read(const QJsonObject& root, MapFile* map) {
             if (!readSetting(value, key, kMaxSettingMs, &map->serialLineMs)) return false;
         } else if (key == QLatin1String("minimum_request_gap_ms")) {
             if (!readSetting(value, key, kMaxSettingMs, &map->minimumRequestGapMs)) return false;
-        } else if (key == QLatin1String("holding_registers")) {
-            if (!readTable(value, key, kMaxRegisterValue, &map->holdingRegisters)) return false;
-        } else if (key == QLatin1String("input_registers")) {
-            if (!readTable(value, key, kMaxRegisterValue, &map->inputRegisters)) return false;
-        } else if (key == QLatin1String("coils")) {
-            if (!readTable(value, key, 1, &map->coils)) return false;
-        } else if (key == QLatin1String("discrete_inputs")) {
-            if (!readTable(value, key, 1, &map->discreteInputs)) return false;
+        } else if (isTableKey(key)) {
+            if (!readTableKey(key, value, key, &map->sharedTables)) return false;
+        } else if (key == QLatin1String("unit_tables")) {
+            if (!readUnitTables(value, key, &map->unitTables)) return false;
         } else if (key == QLatin1String("identification")) {
             DeviceIdentification identification;
             if (!readIdentification(value, key, &identification)) return false;
@@ -404,10 +446,20 @@ bool Simulator::loadMapJson(const QByteArray& json, QString* error) {
     if (map.connectionLimit) setConnectionLimit(*map.connectionLimit);
     if (map.serialLineMs) setSerialLine(*map.serialLineMs);
     if (map.minimumRequestGapMs) setMinimumRequestGap(*map.minimumRequestGapMs);
-    for (const auto& block : map.holdingRegisters) setHoldingRegisters(block.address, block.values);
-    for (const auto& block : map.inputRegisters) setInputRegisters(block.address, block.values);
-    for (const auto& block : map.coils) setCoils(block.address, block.values);
-    for (const auto& block : map.discreteInputs) setDiscreteInputs(block.address, block.values);
+    const UnitTables& shared = map.sharedTables;
+    for (const auto& block : shared.holdingRegisters) setHoldingRegisters(block.address, block.values);
+    for (const auto& block : shared.inputRegisters) setInputRegisters(block.address, block.values);
+    for (const auto& block : shared.coils) setCoils(block.address, block.values);
+    for (const auto& block : shared.discreteInputs) setDiscreteInputs(block.address, block.values);
+    for (const auto& [unit, tables] : map.unitTables) {
+        // A unit listed without any values still gets tables of its own, all 0.
+        setHoldingRegisters(unit, 0, {});
+        for (const auto& block : tables.holdingRegisters)
+            setHoldingRegisters(unit, block.address, block.values);
+        for (const auto& block : tables.inputRegisters) setInputRegisters(unit, block.address, block.values);
+        for (const auto& block : tables.coils) setCoils(unit, block.address, block.values);
+        for (const auto& block : tables.discreteInputs) setDiscreteInputs(unit, block.address, block.values);
+    }
     if (map.identification) setDeviceIdentification(*map.identification);
     if (map.reportSlaveId) setReportSlaveId(*map.reportSlaveId);
     for (const auto& fault : map.faults) addFault(fault);

@@ -20,6 +20,7 @@ constexpr int kMbapUnitIdOffset = 6;
 constexpr int kMaxPduLength = 253;
 constexpr int kMaxAduLength = kMbapHeaderLength + kMaxPduLength;
 constexpr int kTableSize = 65536;
+constexpr int kMaxUnitId = 255;
 
 constexpr int kFunctionReadCoils = 0x01;
 constexpr int kFunctionReadDiscreteInputs = 0x02;

@@ -208,14 +208,14 @@ Session::Outcome Session::handle(const QByteArray& request, const RequestRecord&
                      ? wrapAnswer(request, reportSlaveIdPdu(state->reportSlaveId))
                      : exceptionAnswer(request, record.function, kExceptionIllegalFunction);
     } else if (request.size() <= kMaxAduLength) {
-        answer = standardAnswer(request);
+        answer = standardAnswer(request, record.unit);
     }
     // Frames longer than any Modbus ADU are not answered, as a device would drop them.
     if (answer.isEmpty()) return Outcome::Continue;
     return deliver(rule, answer);
 }
 
-QByteArray Session::standardAnswer(const QByteArray& request) {
+QByteArray Session::standardAnswer(const QByteArray& request, int unit) {
     if (!context || capture[0] < 0) return {};
     // modbus_reply reads fields at fixed offsets; a zero-filled full-size buffer keeps short frames in
     // bounds.
@@ -224,7 +224,7 @@ QByteArray Session::standardAnswer(const QByteArray& request) {
     int length = 0;
     {
         std::lock_guard<std::mutex> lock(state->mutex);
-        length = modbus_reply(context, buffer, request.size(), state->mapping);
+        length = modbus_reply(context, buffer, request.size(), state->tablesFor(unit));
     }
     if (length <= 0) return {};
     QByteArray answer(length, '\0');

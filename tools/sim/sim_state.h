@@ -18,13 +18,26 @@ namespace modbus_sim {
 
 class Session;
 
+struct MappingDeleter {
+    void operator()(modbus_mapping_t* mapping) const { modbus_mapping_free(mapping); }
+};
+using MappingPtr = std::unique_ptr<modbus_mapping_t, MappingDeleter>;
+
 struct Simulator::State {
     State();
     ~State();
 
+    // The tables requests for `unit` use: its own, or the shared ones. Called with `mutex` held.
+    modbus_mapping_t* tablesFor(int unit) const;
+    // The unit's own tables, made (all 0) on the first call; null for ids outside 0-255 or when they cannot
+    // be allocated. Called with `mutex` held.
+    modbus_mapping_t* ownTables(int unit);
+
     // Guards every member up to the lifecycle block.
     mutable std::mutex mutex;
+    // The shared tables, and the tables of the units that have their own.
     modbus_mapping_t* mapping = nullptr;
+    std::map<int, MappingPtr> unitTables;
     std::set<int> units;
     UnknownUnitReply unknownUnitReply = UnknownUnitReply::Silence;
     std::set<int> deadUnits;
@@ -98,7 +111,8 @@ private:
     void stampAnswer();
     Outcome handleReceived(const QByteArray& request);
     Outcome handle(const QByteArray& request, const RequestRecord& record);
-    QByteArray standardAnswer(const QByteArray& request);
+    // libmodbus's answer from the tables of `unit`.
+    QByteArray standardAnswer(const QByteArray& request, int unit);
     const FaultRule* selectFault(const RequestRecord& record, FaultRule* storage, bool* closeNow);
     Outcome deliver(const FaultRule* fault, const QByteArray& answer);
     void resetConnection();

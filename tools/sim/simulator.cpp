@@ -43,6 +43,14 @@ std::vector<T> loadValues(const Table* table, int address, int count) {
     return std::vector<T>(table + address, table + address + count);
 }
 
+// Bits are kept as 0 or 1, so that the getters give back what a read answers.
+std::vector<uint8_t> toBits(const std::vector<uint8_t>& values) {
+    std::vector<uint8_t> bits;
+    bits.reserve(values.size());
+    for (uint8_t value : values) bits.push_back(value ? 1 : 0);
+    return bits;
+}
+
 void closeFd(int* fd) {
     if (*fd >= 0) ::close(*fd);
     *fd = -1;
@@ -56,6 +64,20 @@ Simulator::State::State() {
 
 Simulator::State::~State() {
     modbus_mapping_free(mapping);
+}
+
+modbus_mapping_t* Simulator::State::tablesFor(int unit) const {
+    const auto own = unitTables.find(unit);
+    return own != unitTables.end() ? own->second.get() : mapping;
+}
+
+modbus_mapping_t* Simulator::State::ownTables(int unit) {
+    if (unit < 0 || unit > kMaxUnitId) return nullptr;
+    const auto own = unitTables.find(unit);
+    if (own != unitTables.end()) return own->second.get();
+    MappingPtr tables(modbus_mapping_new(kTableSize, kTableSize, kTableSize, kTableSize));
+    if (!tables) return nullptr;
+    return unitTables.emplace(unit, std::move(tables)).first->second.get();
 }
 
 void Simulator::State::acceptLoop() {
@@ -252,15 +274,13 @@ void Simulator::setInputRegisters(int address, const std::vector<uint16_t>& valu
 }
 
 void Simulator::setCoils(int address, const std::vector<uint8_t>& values) {
-    std::vector<uint8_t> bits;
-    for (uint8_t value : values) bits.push_back(value ? 1 : 0);
+    const std::vector<uint8_t> bits = toBits(values);
     std::lock_guard<std::mutex> lock(state->mutex);
     storeValues(state->mapping->tab_bits, address, bits);
 }
 
 void Simulator::setDiscreteInputs(int address, const std::vector<uint8_t>& values) {
-    std::vector<uint8_t> bits;
-    for (uint8_t value : values) bits.push_back(value ? 1 : 0);
+    const std::vector<uint8_t> bits = toBits(values);
     std::lock_guard<std::mutex> lock(state->mutex);
     storeValues(state->mapping->tab_input_bits, address, bits);
 }
@@ -283,6 +303,50 @@ std::vector<uint8_t> Simulator::coils(int address, int count) const {
 std::vector<uint8_t> Simulator::discreteInputs(int address, int count) const {
     std::lock_guard<std::mutex> lock(state->mutex);
     return loadValues<uint8_t>(state->mapping->tab_input_bits, address, count);
+}
+
+void Simulator::setHoldingRegisters(int unit, int address, const std::vector<uint16_t>& values) {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    if (modbus_mapping_t* tables = state->ownTables(unit))
+        storeValues(tables->tab_registers, address, values);
+}
+
+void Simulator::setInputRegisters(int unit, int address, const std::vector<uint16_t>& values) {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    if (modbus_mapping_t* tables = state->ownTables(unit))
+        storeValues(tables->tab_input_registers, address, values);
+}
+
+void Simulator::setCoils(int unit, int address, const std::vector<uint8_t>& values) {
+    const std::vector<uint8_t> bits = toBits(values);
+    std::lock_guard<std::mutex> lock(state->mutex);
+    if (modbus_mapping_t* tables = state->ownTables(unit)) storeValues(tables->tab_bits, address, bits);
+}
+
+void Simulator::setDiscreteInputs(int unit, int address, const std::vector<uint8_t>& values) {
+    const std::vector<uint8_t> bits = toBits(values);
+    std::lock_guard<std::mutex> lock(state->mutex);
+    if (modbus_mapping_t* tables = state->ownTables(unit)) storeValues(tables->tab_input_bits, address, bits);
+}
+
+std::vector<uint16_t> Simulator::holdingRegisters(int unit, int address, int count) const {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    return loadValues<uint16_t>(state->tablesFor(unit)->tab_registers, address, count);
+}
+
+std::vector<uint16_t> Simulator::inputRegisters(int unit, int address, int count) const {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    return loadValues<uint16_t>(state->tablesFor(unit)->tab_input_registers, address, count);
+}
+
+std::vector<uint8_t> Simulator::coils(int unit, int address, int count) const {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    return loadValues<uint8_t>(state->tablesFor(unit)->tab_bits, address, count);
+}
+
+std::vector<uint8_t> Simulator::discreteInputs(int unit, int address, int count) const {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    return loadValues<uint8_t>(state->tablesFor(unit)->tab_input_bits, address, count);
 }
 
 void Simulator::setDeviceIdentification(const DeviceIdentification& identification) {

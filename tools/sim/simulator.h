@@ -123,7 +123,8 @@ public:
     // connection (or after the connection was accepted) is dropped: logged and counted, never answered.
     void setMinimumRequestGap(int ms);
 
-    // Register tables, shared by every served unit. Each table holds 65536 entries, all 0 at start.
+    // Register tables, shared by every served unit that has no tables of its own (see below). Each table
+    // holds 65536 entries, all 0 at start.
     void setHoldingRegisters(int address, const std::vector<uint16_t>& values);
     void setInputRegisters(int address, const std::vector<uint16_t>& values);
     void setCoils(int address, const std::vector<uint8_t>& values);
@@ -132,6 +133,20 @@ public:
     std::vector<uint16_t> inputRegisters(int address, int count) const;
     std::vector<uint8_t> coils(int address, int count) const;
     std::vector<uint8_t> discreteInputs(int address, int count) const;
+
+    // A unit's own tables: the first call of any of these for a unit gives it four tables of its own (all 0
+    // at that moment), used by every request for that unit from then on (reads, writes, FC 22, FC 23). Units
+    // without tables of their own keep using the shared ones. Unit ids outside 0-255 (no request carries
+    // them) get no tables: their setters do nothing and their getters read the shared tables.
+    void setHoldingRegisters(int unit, int address, const std::vector<uint16_t>& values);
+    void setInputRegisters(int unit, int address, const std::vector<uint16_t>& values);
+    void setCoils(int unit, int address, const std::vector<uint8_t>& values);
+    void setDiscreteInputs(int unit, int address, const std::vector<uint8_t>& values);
+    // The unit's own tables, or the shared ones.
+    std::vector<uint16_t> holdingRegisters(int unit, int address, int count) const;
+    std::vector<uint16_t> inputRegisters(int unit, int address, int count) const;
+    std::vector<uint8_t> coils(int unit, int address, int count) const;
+    std::vector<uint8_t> discreteInputs(int unit, int address, int count) const;
 
     // JSON map file (format in the README); false with a reason when it cannot be read.
     bool loadMapFile(const QString& path, QString* error);
