@@ -35,9 +35,10 @@ constexpr int kMaxMbapLengthField = 254;    // unit id and the largest PDU (253 
 constexpr int kTimeoutErrno = EINPROGRESS;  // an operation that did not complete in time
 constexpr int kFunctionOffset = kMbapHeaderLength;
 constexpr int kExceptionFlag = 0x80;
-constexpr int kExceptionReplyPdu = 2;  // function code with the exception flag, exception code
-constexpr int kReadRequestPdu = 5;     // function code, address, quantity
-constexpr int kWriteReplyPdu = 5;      // function code, address, value or quantity
+constexpr int kExceptionReplyPdu = 2;    // function code with the exception flag, exception code
+constexpr int kReadRequestPdu = 5;       // function code, address, quantity
+constexpr int kWriteReplyPdu = 5;        // function code, address, value or quantity
+constexpr int kMaskWriteRequestPdu = 7;  // function code, address, AND mask, OR mask; echoed as the reply
 constexpr int kBitsPerByte = 8;
 constexpr unsigned short kCoilOn = 0xFF00;
 constexpr int kFlushChunk = MODBUS_TCP_MAX_ADU_LENGTH;
@@ -81,7 +82,8 @@ int confirmationMetaLength(int function) {
 }
 
 int confirmationDataLength(int function, int byteCount) {
-    if (function <= MODBUS_FC_READ_INPUT_REGISTERS || function == MODBUS_FC_WRITE_AND_READ_REGISTERS)
+    if (function <= MODBUS_FC_READ_INPUT_REGISTERS || function == MODBUS_FC_REPORT_SLAVE_ID ||
+        function == MODBUS_FC_WRITE_AND_READ_REGISTERS)
         return byteCount;
     return 0;
 }
@@ -402,6 +404,28 @@ int Connection::writeString(int addr, int count, unsigned short const* words, in
     return settle(result, errno, err, "Could not write words: %1");
 }
 
+int Connection::maskWriteRegister(int addr, unsigned short andMask, unsigned short orMask, int* err) const {
+    if (plugin)
+        plugin->logDebug(QStringLiteral("Mask writing register. Register: %1 And: 0x%2 Or: 0x%3")
+                             .arg(addr)
+                             .arg(QString::number(andMask, 16), QString::number(orMask, 16)));
+    int result = -1;
+    if (!ctx) {
+        errno = EINVAL;
+    } else {
+        unsigned char request[kMaskWriteRequestPdu] = {MODBUS_FC_MASK_WRITE_REGISTER};
+        putWord(request + 1, addr);
+        putWord(request + 3, andMask);
+        putWord(request + 5, orMask);
+        unsigned char reply[MODBUS_TCP_MAX_ADU_LENGTH];
+        int error = 0;
+        // The device echoes the request.
+        if (transact(request, sizeof request, kMaskWriteRequestPdu, reply, &error) >= 0) result = 1;
+    }
+    // Refused with exception 1 by devices without function 22; the caller falls back, so it is no error here.
+    return settle(result, errno, err);
+}
+
 namespace {
 
 // Waits for the socket until the deadline; false with *err set when it does not become ready.
@@ -665,8 +689,10 @@ Connection::Pipeline Connection::readPipelined(std::vector<PipelinedRead>& reads
                                  : read.table == InputCoil       ? MODBUS_FC_READ_DISCRETE_INPUTS
                                  : read.table == HoldingRegister ? MODBUS_FC_READ_HOLDING_REGISTERS
                                                                  : MODBUS_FC_READ_INPUT_REGISTERS;
-            if (read.count > (bits ? MODBUS_MAX_READ_BITS : MODBUS_MAX_READ_REGISTERS)) {
-                read.error = EMBMDATA;
+            // Refused here like libmodbus refuses a bad argument: no other table may fall through to FC 4.
+            const bool known = isModbusTable(read.table);
+            if (!known || read.count > (bits ? MODBUS_MAX_READ_BITS : MODBUS_MAX_READ_REGISTERS)) {
+                read.error = known ? EMBMDATA : EINVAL;
                 read.answered = true;
                 ++next;
                 continue;

@@ -45,13 +45,15 @@ public:
     // True while this object owns a libmodbus context.
     explicit operator bool() const { return ctx != nullptr; }
 
-    int connect(int slave, int* err);
+    [[nodiscard]] int connect(int slave, int* err);
     void disconnect();
     bool isConnected() const { return connected; }
     void setConnected(bool value) { connected = value; }
     int slave() const { return slaveId; }
-    // Addresses the following requests to `unit`: units behind one gateway share a connection.
-    bool setSlave(int unit);
+    // Addresses the following requests to `unit`: units behind one gateway share a connection. False, with
+    // the unit addressed before kept, for an id libmodbus cannot address on TCP (248-254, above 255,
+    // negative): the caller must then send nothing, or the request would reach the previous unit.
+    [[nodiscard]] bool setSlave(int unit);
     // Waits this long before a request after an answer or a new connection: some devices and gateways drop
     // requests that come sooner.
     void setRequestPause(int ms) { requestPauseMs = ms; }
@@ -66,6 +68,9 @@ public:
     int writeBit(int addr, unsigned char value, int* err, bool multiple) const;
     int writeWord(int addr, unsigned short value, int* err) const;
     int writeString(int addr, int count, unsigned short const* words, int* err) const;
+    // FC 22: the device sets the register to (current AND andMask) OR (orMask AND NOT andMask), so bits
+    // outside the masks keep whatever another master wrote meanwhile. 1 when written.
+    int maskWriteRegister(int addr, unsigned short andMask, unsigned short orMask, int* err) const;
 
     // One read of a pipelined batch: what to read and where its values go (words for registers, bits for
     // coils, room for `count` of them), and what came of it.

@@ -8,3 +8,9 @@ enum RegisterType : unsigned char {
     HoldingRegister = 3,  // holding registers: FC 3 read, FC 6 / 16 write
     Auto = 4,             // resolved from the address text; never handed to a Connection
 };
+
+// Whether `table` names one of the four Modbus tables. A stored "register_type" may hold any number; only
+// these four may ever decide a function code or index a per-table container.
+constexpr bool isModbusTable(int table) {
+    return table >= OutputCoil && table <= HoldingRegister;
+}

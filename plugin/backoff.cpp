@@ -1,16 +1,29 @@
 #include "plugin/backoff.h"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 
 namespace {
 constexpr qint64 kMsPerSecond = 1000;
-}  // namespace
 
-qint64 Backoff::clockMs() {
+// Atomic: polls of several devices read it concurrently while a test sets it.
+std::atomic<Backoff::ClockSource> clockSource{nullptr};
+
+qint64 steadyMs() {
     return std::chrono::duration_cast<std::chrono::milliseconds>(
                std::chrono::steady_clock::now().time_since_epoch())
         .count();
+}
+}  // namespace
+
+void Backoff::setClockSource(ClockSource source) {
+    clockSource.store(source);
+}
+
+qint64 Backoff::clockMs() {
+    const ClockSource source = clockSource.load();
+    return source ? source() : steadyMs();
 }
 
 void Backoff::connectFailed(qint64 nowMs, qint64 maxPauseMs, QString const& error) {

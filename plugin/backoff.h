@@ -1,6 +1,6 @@
 #pragma once
 // When a device that cannot be reached, or stops answering, is tried again. Pure: the caller passes the time
-// (steady-clock milliseconds), so the schedule is tested without waiting.
+// (milliseconds of clockMs()), so the schedule is tested without waiting.
 
 #include <QString>
 #include <QtGlobal>
@@ -11,7 +11,11 @@ public:
     // A device may miss one poll's answers (a reboot, a busy gateway); three in a row mean it is gone.
     static constexpr int kTimedOutPollsBeforePause = 3;
 
-    // The clock the schedule runs on: steady milliseconds.
+    // The clock the whole poll path runs on. Tests replace it to step time by hand; nullptr restores the
+    // steady clock.
+    using ClockSource = qint64 (*)();
+    static void setClockSource(ClockSource source);
+    // The time now on that clock: steady milliseconds unless a source was set.
     static qint64 clockMs();
 
     // A connection attempt failed with `error`: the device is paused at once.

@@ -1,4 +1,5 @@
 #include <QStringBuilder>
+#include <algorithm>
 
 #include "plugin/modbus.h"
 #include "plugin/setting_keys.h"
@@ -12,12 +13,46 @@ QString endpointKey(int deviceId, QString const& address, quint16 port, bool sha
     return QStringLiteral("tcp:") % address % QLatin1Char(':') % QString::number(port);
 }
 
+// A device that has not used its connection for this long is taken to be gone from the host: it no longer
+// keeps the connection open nor counts as a neighbour. One that is merely polled seldom reconnects once.
+constexpr qint64 kForgetUserAfterMs = 10LL * 60 * 1000;
+
 void closeUnused(std::shared_ptr<Modbus::TcpDeviceConnection> const& unused) {
     if (!unused) return;
     std::lock_guard<std::mutex> lock(unused->mutex);
     unused->connection.disconnect();
 }
+
+// The device no longer uses `left`, which its neighbours still use: it stops keeping it open.
+void leave(std::shared_ptr<Modbus::TcpDeviceConnection> const& left, int deviceId) {
+    if (!left) return;
+    std::lock_guard<std::mutex> lock(left->mutex);
+    left->forget(deviceId);
+    if (!left->anyKeepsOpen()) left->connection.disconnect();
+}
 }  // namespace
+
+void Modbus::TcpDeviceConnection::noteUse(int deviceId, qint64 nowMs) {
+    for (auto user = users.begin(); user != users.end();) {
+        if (user->first != deviceId && nowMs - user->second.lastUseMs > kForgetUserAfterMs)
+            user = users.erase(user);
+        else
+            ++user;
+    }
+    users[deviceId].lastUseMs = nowMs;
+}
+
+void Modbus::TcpDeviceConnection::forget(int deviceId) {
+    users.erase(deviceId);
+}
+
+void Modbus::TcpDeviceConnection::setKeepOpen(int deviceId, bool keep) {
+    users[deviceId].keepOpen = keep;
+}
+
+bool Modbus::TcpDeviceConnection::anyKeepsOpen() const {
+    return std::any_of(users.cbegin(), users.cend(), [](auto const& user) { return user.second.keepOpen; });
+}
 
 std::shared_ptr<Modbus::TcpDeviceConnection> Modbus::tcpDeviceConnection(int deviceId, bool* stoppingOut) {
     std::lock_guard<std::mutex> lock(connectionsMutex);
@@ -41,6 +76,7 @@ std::shared_ptr<Modbus::TcpDeviceConnection> Modbus::tcpDeviceConnection(DeviceI
     const QString key =
         endpointKey(device.id, device.address, devicePort(device.settings), options.shareConnection);
     std::shared_ptr<TcpDeviceConnection> unused;
+    std::shared_ptr<TcpDeviceConnection> left;
     std::shared_ptr<TcpDeviceConnection> bound;
     {
         std::lock_guard<std::mutex> lock(connectionsMutex);
@@ -67,11 +103,15 @@ std::shared_ptr<Modbus::TcpDeviceConnection> Modbus::tcpDeviceConnection(DeviceI
             if (!stillUsed) {
                 endpoints.remove(previous->key);
                 unused = previous;
+            } else {
+                left = previous;
             }
         }
     }
-    // A connection nobody polls any more would stay open for ever; it is closed outside the cache lock.
+    // A connection nobody polls any more would stay open for ever; it is closed outside the cache lock, as
+    // is the one the device left to its neighbours.
     closeUnused(unused);
+    leave(left, device.id);
     return bound;
 }
 

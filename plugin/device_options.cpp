@@ -50,5 +50,7 @@ DeviceOptions deviceOptions(QMap<QString, QString> const& settings) {
     options.maxOutstandingRequests =
         boundedNumber(settings, kMaxOutstandingRequests, 1, kMostOutstandingRequests,
                       DeviceOptions::kDefaultMaxOutstandingRequests);
+    options.maskWrite =
+        boundedNumber(settings, kMaskWrite, 0, 1, DeviceOptions::kDefaultMaskWrite ? 1 : 0) == 1;
     return options;
 }

@@ -14,6 +14,7 @@ struct DeviceOptions {
     static constexpr int kDefaultBackoffMaxMs = 10000;
     static constexpr bool kDefaultReadGaps = true;
     static constexpr int kDefaultMaxOutstandingRequests = 1;
+    static constexpr bool kDefaultMaskWrite = false;
 
     int responseTimeoutMs = kDefaultResponseTimeoutMs;
     int connectTimeoutMs = kDefaultConnectTimeoutMs;
@@ -23,6 +24,7 @@ struct DeviceOptions {
     int backoffMaxMs = kDefaultBackoffMaxMs;
     bool readGaps = kDefaultReadGaps;
     int maxOutstandingRequests = kDefaultMaxOutstandingRequests;
+    bool maskWrite = kDefaultMaskWrite;
 };
 
 DeviceOptions deviceOptions(QMap<QString, QString> const& settings);

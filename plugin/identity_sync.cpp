@@ -9,7 +9,6 @@ namespace {
 
 constexpr unsigned char kFcMei = 43;
 constexpr unsigned char kFcReportSlaveId = 17;
-constexpr unsigned int kIdentityTimeoutUsec = 400000;
 
 constexpr unsigned char kReadBasicIdentification = 1;
 constexpr unsigned char kReadRegularIdentification = 2;
@@ -40,12 +39,9 @@ int readDeviceIdObjects(Connection& connection, unsigned char readCode,
     return kGotData;
 }
 
+// The probe waits as long as any request to the device ("response_timeout_ms"): a slow device or gateway
+// answers identification no faster than a read, and an answer cut off by a shorter wait would arrive late.
 QMap<QString, QString> probeModbusIdentity(Connection& connection) {
-    unsigned int savedSec = 0;
-    unsigned int savedUsec = 0;
-    const bool timeoutSaved = connection.getResponseTimeout(&savedSec, &savedUsec);
-    connection.setResponseTimeout(0, kIdentityTimeoutUsec);
-
     ModbusDiscovery::IdentifyResult result;
     if (readDeviceIdObjects(connection, kReadBasicIdentification, &result) == kGotData)
         readDeviceIdObjects(connection, kReadRegularIdentification, &result);
@@ -60,7 +56,6 @@ QMap<QString, QString> probeModbusIdentity(Connection& connection) {
         }
     }
 
-    if (timeoutSaved) connection.setResponseTimeout(savedSec, savedUsec);
     // A late answer to a timed-out request would otherwise be read as the answer to the next poll.
     connection.flush();
     return ModbusDiscovery::identityItemValues(result);

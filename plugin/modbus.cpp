@@ -141,6 +141,14 @@ QList<DatabaseColumnStructure> deviceColumns(const QList<NetworkInterfaceInstanc
         column("max_outstanding_requests", kTypeText, 0, "1",
                "Requests sent before waiting for their answers. Only for devices that allow several "
                "requests in flight; 1 sends one at a time."));
+    DatabaseColumnStructure maskWrite =
+        column("mask_write", kTypeText, 3, "0",
+               "Write a bit of a holding register with function 22 (mask write), so that the device changes "
+               "that bit alone and no other bit is written back stale. A device that refuses function 22 is "
+               "written by reading and writing the register, as with No.");
+    maskWrite.insertSelectionValues(QStringLiteral("No"), QStringLiteral("0"));
+    maskWrite.insertSelectionValues(QStringLiteral("Yes"), QStringLiteral("1"));
+    columns.append(maskWrite);
     return columns;
 }
 

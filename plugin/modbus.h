@@ -39,14 +39,26 @@ public:
         std::mutex mutex;
         // Guarded by connectionsMutex: the address and port (or the one device) this connection is for.
         QString key;
-        // Guarded by the mutex: whether each device using the connection wants it kept between batches, and
-        // how often it was opened (so that each device counts the connections it used).
-        std::map<int, bool> keepOpen;
+        // Guarded by the mutex: how often the connection was opened (so that each device counts the
+        // connections it used), and the time-outs since its last answer.
         quint64 generation = 0;
-        // Guarded by the mutex: the devices that used the connection, and the time-outs since its last
-        // answer.
-        std::set<int> users;
         int consecutiveTimeouts = 0;
+
+        // Guarded by the mutex: the devices using the connection. A device that left it (its address, port or
+        // sharing changed) is forgotten at once; one that has not used it for a long time (removed from the
+        // host) is forgotten then, so that neither keeps the connection open for ever.
+        void noteUse(int deviceId, qint64 nowMs);
+        void forget(int deviceId);
+        void setKeepOpen(int deviceId, bool keep);
+        bool anyKeepsOpen() const;
+        size_t userCount() const { return users.size(); }
+
+    private:
+        struct Use {
+            bool keepOpen = false;
+            qint64 lastUseMs = 0;
+        };
+        std::map<int, Use> users;
     };
     // What the plugin keeps of one device between its polls; its mutex is held for a whole poll or write.
     struct DeviceState {
@@ -74,6 +86,9 @@ public:
         request_plan::Holes verified;
         qint64 holesLearnedAtMs = 0;
         QMap<QString, QString> plannedSettings;
+        // The device answered function 22 (mask write) with "illegal function": its bits are written by
+        // reading and writing the register.
+        bool maskWriteRefused = false;
         Backoff backoff;
         DeviceHealth health;
         // The connection generation this device last used.

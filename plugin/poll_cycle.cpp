@@ -42,6 +42,7 @@ bool byTableAndOffset(const ReadEntry& a, const ReadEntry& b) {
 }
 
 const QString kInvalidRegisterAddress = QStringLiteral("Invalid register address");
+const QString kInvalidRegisterType = QStringLiteral("Invalid register type");
 
 struct ByteOrders {
     bool littleEndian;
@@ -66,9 +67,13 @@ struct ReadContext {
     ByteOrders orders;
     unsigned char limit;
     request_plan::Holes* holes;
+    // The addresses the device answered for since the holes were learned; null with `holes`.
+    request_plan::Holes* verified;
     // Every block the device answered in this poll, and whether it refused one for an illegal address.
     std::vector<request_plan::PlannedRequest> answered;
     bool refusedAddress = false;
+    // Reads left for finding unreadable addresses in this poll.
+    int probeBudget = kMostProbesPerPoll;
 };
 
 request_plan::PlanItem planItem(const ReadEntry& entry) {
@@ -89,8 +94,7 @@ std::vector<request_plan::PlanItem> planItems(std::vector<ReadEntry>::const_iter
 bool readPlanned(ReadContext& context, std::vector<ReadEntry>& entries,
                  const request_plan::PlannedRequest& request, int firstAttempt = 0);
 
-void verifyPlan(ReadContext& context, request_plan::Holes& verified, const std::vector<ReadEntry>& readList,
-                bool readGaps);
+void verifyPlan(ReadContext& context, const std::vector<ReadEntry>& readList, bool readGaps);
 
 // Reads the whole plan with up to `window` requests in flight; what the device did not answer is read again
 // one request at a time. Whether the device kept up with the requests in flight.
@@ -181,6 +185,15 @@ bool Modbus::readBatch(LogList* list) {
                                       return true;
                                   }),
                    readList.end());
+    // Only the four Modbus tables are ever read: a stored code outside them must not pick a function code
+    // or a table of learned addresses.
+    readList.erase(std::remove_if(readList.begin(), readList.end(),
+                                  [](const ReadEntry& readEntry) {
+                                      if (isModbusTable(readEntry.table)) return false;
+                                      readEntry.dataItem->item.setLastError(kInvalidRegisterType);
+                                      return true;
+                                  }),
+                   readList.end());
     // An address beyond the 16-bit space would wrap around to another register on the device.
     readList.erase(std::remove_if(readList.begin(), readList.end(),
                                   [](const ReadEntry& readEntry) {
@@ -236,7 +249,8 @@ bool Modbus::pollDevice(LogList* list, DeviceState& deviceState, DeviceOptions c
                             isStringByteSwapped(device)};
     const unsigned char limit = readLimit(maxRead);
     planReads(*state, options, limit, device);
-    ReadContext context{*this, entry->connection, &runner, orders, limit, &state->holes, {}, false};
+    ReadContext context{*this,         entry->connection, &runner, orders, limit,
+                        &state->holes, &state->verified,  {},      false,  kMostProbesPerPoll};
     // Several requests in flight only where the device allows it, and never with a pause between requests.
     if (options.maxOutstandingRequests > 1 && options.requestPauseMs == 0 && state->plan.size() > 1 &&
         !pipelineRefused(device.id)) {
@@ -248,7 +262,7 @@ bool Modbus::pollDevice(LogList* list, DeviceState& deviceState, DeviceOptions c
             readPlanned(context, readList, request);
     }
     if (context.refusedAddress) {
-        verifyPlan(context, state->verified, readList, options.readGaps);
+        verifyPlan(context, readList, options.readGaps);
         state->planValid = false;
     }
     for (int unreadable : state->unreadable)
@@ -320,11 +334,10 @@ void Modbus::refusePipelining(DeviceInstancePlugin const& device) {
 
 void Modbus::keepOrClose(TcpDeviceConnection& entry, DeviceInstancePlugin const& device) {
     // A shared connection stays open while any device using it wants it kept.
-    entry.keepOpen[device.id] =
-        setting_keys::settingText(device.settings, setting_keys::kPersistentConnection).toInt() != 0;
-    const bool anyKeeps = std::any_of(entry.keepOpen.cbegin(), entry.keepOpen.cend(),
-                                      [](auto const& keep) { return keep.second; });
-    if (!anyKeeps) entry.connection.disconnect();
+    entry.setKeepOpen(
+        device.id,
+        setting_keys::settingText(device.settings, setting_keys::kPersistentConnection).toInt() != 0);
+    if (!entry.anyKeepsOpen()) entry.connection.disconnect();
 }
 
 namespace {
@@ -399,9 +412,13 @@ int readRequest(ReadContext& context, ReadEntryIterator first, ReadEntryIterator
 
 // Adds [first, last] of `table` to a set of addresses (the holes, or the addresses known readable).
 void markAddresses(request_plan::Holes& addresses, int table, qint64 first, qint64 last) {
-    std::set<int>& tableAddresses = addresses[static_cast<size_t>(table)];
-    for (qint64 address = first; address <= last; ++address) tableAddresses.insert(static_cast<int>(address));
+    std::set<int>* tableAddresses = request_plan::tableSet(addresses, table);
+    if (!tableAddresses) return;
+    for (qint64 address = first; address <= last; ++address)
+        tableAddresses->insert(static_cast<int>(address));
 }
+
+bool probeRange(ReadContext& context, request_plan::Holes& verified, int table, qint64 first, qint64 last);
 
 // The entries of a request: a range of the sorted list, or a copy of them when an unreadable item lies
 // between.
@@ -441,8 +458,18 @@ void handleFailure(ReadContext& context, std::vector<ReadEntry>& entries,
             readPlanned(context, entries, halves.second);
             return;
         }
-        markAddresses(*context.holes, request.table, request.start,
-                      qint64(request.start) + request.count - 1);
+        // The device refused this item's whole span, which says nothing of any single address in it: an
+        // address is unreadable only when a read of it alone was refused, so that an item overlapping this
+        // one is never hidden behind an address it can read.
+        const qint64 first = request.start;
+        const qint64 last = qint64(request.start) + request.count - 1;
+        if (first == last) {
+            markAddresses(*context.holes, request.table, first, last);
+        } else {
+            const qint64 middle = first + (last - first) / 2;
+            if (probeRange(context, *context.verified, request.table, first, middle))
+                probeRange(context, *context.verified, request.table, middle + 1, last);
+        }
     }
     const QString errorText = context.connection.errToStr(error);
     for (ReadEntryIterator it = requestEntries.first; it != requestEntries.last; ++it)
@@ -497,7 +524,7 @@ Connection::Pipeline readPipelinedPlan(ReadContext& context, std::vector<ReadEnt
                 extractWords(requestEntries.first, requestEntries.last, request.start, words[i],
                              orders.littleEndian, orders.byteSwapped, orders.stringLittleEndian,
                              orders.stringByteSwapped);
-        } else if (read.answered && !request_discipline::isRetryable(read.error)) {
+        } else if (context.runner->settledInFlight(read)) {
             handleFailure(context, entries, request, requestEntries, read.error);
         } else {
             // Busy (asked again as a retry), or never answered while in flight (asked again afresh).
@@ -528,11 +555,10 @@ int probeBlock(ReadContext& context, int table, int start, int count) {
 }
 
 // Finds the unreadable addresses of [first, last] by halving; false when the device answered anything but
-// an illegal address, or the budget is spent (nothing more is to be learned then).
-bool probeRange(ReadContext& context, request_plan::Holes& verified, int table, qint64 first, qint64 last,
-                int* budget) {
-    if (*budget <= 0) return false;
-    --*budget;
+// an illegal address, or the poll's budget is spent (nothing more is to be learned then).
+bool probeRange(ReadContext& context, request_plan::Holes& verified, int table, qint64 first, qint64 last) {
+    if (context.probeBudget <= 0) return false;
+    --context.probeBudget;
     const int error = probeBlock(context, table, static_cast<int>(first), static_cast<int>(last - first + 1));
     if (error == 0) {
         markAddresses(verified, table, first, last);
@@ -544,27 +570,27 @@ bool probeRange(ReadContext& context, request_plan::Holes& verified, int table, 
         return true;
     }
     const qint64 middle = first + (last - first) / 2;
-    return probeRange(context, verified, table, first, middle, budget) &&
-           probeRange(context, verified, table, middle + 1, last, budget);
+    return probeRange(context, verified, table, first, middle) &&
+           probeRange(context, verified, table, middle + 1, last);
 }
 
 // After a poll in which the device refused an address: the next plan, made with what is known now, may span
 // addresses no request has read yet. They are read now, so that from the next poll on no request is refused.
 // Bounded: a device that refuses everything ends it.
-void verifyPlan(ReadContext& context, request_plan::Holes& verified, const std::vector<ReadEntry>& readList,
-                bool readGaps) {
+void verifyPlan(ReadContext& context, const std::vector<ReadEntry>& readList, bool readGaps) {
+    request_plan::Holes& verified = *context.verified;
     for (const request_plan::PlannedRequest& block : context.answered)
         markAddresses(verified, block.table, block.start, qint64(block.start) + block.count - 1);
     const std::vector<request_plan::PlanItem> items = planItems(readList.cbegin(), readList.cend());
-    int budget = kMostProbesPerPoll;
     for (int round = 0; round < kVerifyRounds; ++round) {
         bool probed = false;
         for (const request_plan::PlannedRequest& request :
              request_plan::planRequests(items, context.limit, readGaps, *context.holes, nullptr)) {
-            const std::set<int>& known = verified[static_cast<size_t>(request.table)];
-            const std::set<int>& holes = (*context.holes)[static_cast<size_t>(request.table)];
+            const std::set<int>* known = request_plan::tableSet(verified, request.table);
+            const std::set<int>* holes = request_plan::tableSet(*context.holes, request.table);
+            if (!known || !holes) continue;
             auto unknown = [&](qint64 address) {
-                return !known.count(static_cast<int>(address)) && !holes.count(static_cast<int>(address));
+                return !known->count(static_cast<int>(address)) && !holes->count(static_cast<int>(address));
             };
             const qint64 end = qint64(request.start) + request.count;
             for (qint64 address = request.start; address < end; ++address) {
@@ -572,7 +598,7 @@ void verifyPlan(ReadContext& context, request_plan::Holes& verified, const std::
                 qint64 last = address;
                 while (last + 1 < end && unknown(last + 1)) ++last;
                 probed = true;
-                if (!probeRange(context, verified, request.table, address, last, &budget)) return;
+                if (!probeRange(context, verified, request.table, address, last)) return;
                 address = last;
             }
         }
@@ -636,8 +662,10 @@ Modbus::DataItemIterator Modbus::readItems(Connection& connection, DataItemItera
                         ByteOrders{littleEndian, byteSwapped, stringLittleEndian, stringByteSwapped},
                         readLimit(maxReadRegisters),
                         nullptr,
+                        nullptr,
                         {},
-                        false};
+                        false,
+                        0};
     // Every item of the range is asked for; those of a failed request carry its error text.
     return readEntries(context, entries.begin(), entries.end()) ? last : first;
 }

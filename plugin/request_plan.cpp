@@ -11,16 +11,12 @@ qint64 lastAddressOf(const PlanItem& item) {
     return qint64(item.offset) + std::max<qint64>(1, item.length) - 1;
 }
 
-bool validTable(int table) {
-    return table >= 0 && table < kTableCount;
-}
-
 // Whether a hole of `table` lies in [first, last].
 bool holeWithin(const Holes& holes, int table, qint64 first, qint64 last) {
-    if (!validTable(table) || first > last) return false;
-    const std::set<int>& tableHoles = holes[static_cast<size_t>(table)];
-    const auto hole = tableHoles.lower_bound(static_cast<int>(std::max<qint64>(first, INT_MIN)));
-    return hole != tableHoles.end() && *hole <= last;
+    const std::set<int>* tableHoles = tableSet(holes, table);
+    if (!tableHoles || first > last) return false;
+    const auto hole = tableHoles->lower_bound(static_cast<int>(std::max<qint64>(first, INT_MIN)));
+    return hole != tableHoles->end() && *hole <= last;
 }
 
 int countOf(qint64 start, qint64 last) {
@@ -56,6 +52,7 @@ std::vector<PlannedRequest> planRequests(const std::vector<PlanItem>& items, int
     qint64 end = 0;
     for (size_t i = 0; i < items.size(); ++i) {
         const PlanItem& item = items[i];
+        if (!tableSet(holes, item.table)) continue;
         const qint64 itemLast = lastAddressOf(item);
         if (holeWithin(holes, item.table, item.offset, itemLast)) {
             if (unreadable) unreadable->push_back(static_cast<int>(i));

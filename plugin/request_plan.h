@@ -29,12 +29,22 @@ struct PlannedRequest {
 // Addresses learned unreadable, per table: a request that covers one is refused as a whole.
 using Holes = std::array<std::set<int>, kTableCount>;
 
+// The addresses of `table`, or null for a code that names none of the four tables: a stored table code is
+// never used as an index unchecked.
+inline std::set<int>* tableSet(Holes& holes, int table) {
+    return table >= 0 && table < kTableCount ? &holes[static_cast<size_t>(table)] : nullptr;
+}
+inline const std::set<int>* tableSet(const Holes& holes, int table) {
+    return table >= 0 && table < kTableCount ? &holes[static_cast<size_t>(table)] : nullptr;
+}
+
 // Covers `items` (sorted by table, then offset; every item ends at or below 65535) with requests of at most
 // `limit` (1..125) addresses each, in table then address order. Each request starts at the lowest item not
 // yet planned and takes the following items while they still end within `limit` of its start, so a run takes
 // the fewest such requests; an item longer than `limit` alone is a request of its own length. With
 // `readGaps` false a request ends at a gap between items; a gap that holds a hole ends it too. An item that
-// covers a hole is left out and its index appended to `*unreadable` (when given).
+// covers a hole is left out and its index appended to `*unreadable` (when given). An item of a table code
+// outside 0..3 is left out too, and not counted unreadable: the caller reports it.
 std::vector<PlannedRequest> planRequests(const std::vector<PlanItem>& items, int limit, bool readGaps,
                                          const Holes& holes, std::vector<int>* unreadable);
 

@@ -15,32 +15,53 @@ RequestRunner::RequestRunner(Modbus& plugin, Modbus::TcpDeviceConnection& endpoi
 
 bool RequestRunner::ensureConnected(int* error) {
     Connection& connection = endpoint.connection;
+    const int unit = deviceUnitId(device.settings);
+    if (connection.isConnected() && connection.slave() != unit && !connection.setSlave(unit)) {
+        // A unit id libmodbus cannot address: the device fails as it does on a connection of its own, and
+        // the connection, which serves its neighbours, stays as it is.
+        unitRefused = true;
+        return refuseConnect(EINVAL, error);
+    }
     if (!connection.isConnected()) {
         connection = plugin.makeConnection(device, error);
         if (!connection.isConnected()) {
             connection.setConnected(false);
-            ++state.health.connectFailures;
-            connectFailure = true;
-            connectError = *error;
-            return false;
+            return refuseConnect(*error, error);
         }
         ++endpoint.generation;
         endpoint.consecutiveTimeouts = 0;
     }
-    endpoint.users.insert(device.id);
+    endpoint.noteUse(device.id, Backoff::clockMs());
     if (state.seenGeneration != endpoint.generation) {
         state.seenGeneration = endpoint.generation;
         ++state.health.connects;
     }
-    // A shared connection carries the settings of whichever device uses it now.
-    const int unit = deviceUnitId(device.settings);
-    if (connection.slave() != unit) connection.setSlave(unit);
+    // A shared connection carries the settings of whichever device uses it now; a new connection was made
+    // with this device's unit.
+    if (connection.slave() != unit && !connection.setSlave(unit)) {
+        unitRefused = true;
+        return refuseConnect(EINVAL, error);
+    }
     connection.setRequestPause(options.requestPauseMs);
     connection.setResponseTimeoutMs(options.responseTimeoutMs);
     return true;
 }
 
+bool RequestRunner::refuseConnect(int reason, int* error) {
+    ++state.health.connectFailures;
+    connectFailure = true;
+    connectError = reason;
+    *error = reason;
+    return false;
+}
+
 int RequestRunner::run(Request const& request, int* err, int firstAttempt) {
+    if (unitRefused) {
+        // Never sent under another unit's id.
+        ++failed;
+        *err = connectError;
+        return -1;
+    }
     if (stopAtTimeout && timedOut > 0) {
         ++failed;
         *err = lastTimeoutError;
@@ -100,24 +121,39 @@ bool RequestRunner::closesConnection(int error) const {
     // A time-out on a connection that other units share is most likely one dead unit behind a live gateway:
     // closing it would cost every neighbour a reconnect, and a late answer is dropped by its transaction id
     // anyway. A second time-out in a row means the gateway itself no longer answers.
-    if (request_discipline::isTimeout(error) && endpoint.users.size() > 1)
+    if (request_discipline::isTimeout(error) && endpoint.userCount() > 1)
         return endpoint.consecutiveTimeouts >= kSharedTimeoutsBeforeClose;
     return true;
 }
 
+bool RequestRunner::settledInFlight(Connection::PipelinedRead const& read) const {
+    return read.answered && (!request_discipline::isRetryable(read.error) || options.retries == 0);
+}
+
 Connection::Pipeline RequestRunner::runPipelined(std::vector<Connection::PipelinedRead>& reads, int window) {
     const Connection::Pipeline outcome = endpoint.connection.readPipelined(reads, window);
+    bool anyAnswered = false;
+    bool anyTimedOut = false;
+    bool outOfStep = false;
     for (Connection::PipelinedRead const& read : reads) {
         if (!read.sent) continue;
         ++state.health.requests;
-        if (read.answered) state.health.recordResponse(read.responseMs);
+        if (read.answered) {
+            anyAnswered = true;
+            state.health.recordResponse(read.responseMs);
+        }
         if (read.result >= 0) {
             ++sent;
             continue;
         }
-        if (request_discipline::isTimeout(read.error)) ++state.health.timeouts;
+        if (request_discipline::isTimeout(read.error)) {
+            ++state.health.timeouts;
+            anyTimedOut = true;
+        }
         if (request_discipline::isExceptionAnswer(read.error)) ++state.health.exceptions;
-        if (read.answered && !request_discipline::isRetryable(read.error)) {
+        if (request_discipline::isTransportFailure(read.error) && !request_discipline::isTimeout(read.error))
+            outOfStep = true;
+        if (settledInFlight(read)) {
             ++sent;
             ++failed;
             ++state.health.failedRequests;
@@ -125,6 +161,11 @@ Connection::Pipeline RequestRunner::runPipelined(std::vector<Connection::Pipelin
                 firstDeviceError = read.error;
         }
     }
-    if (outcome == Connection::Pipeline::Broken) endpoint.connection.disconnect();
+    // The in-flight requests count as one exchange for the gateway's time-outs in a row.
+    if (anyAnswered) endpoint.consecutiveTimeouts = 0;
+    if (anyTimedOut) ++endpoint.consecutiveTimeouts;
+    // A bad frame or an unknown transaction id leaves the stream out of step, as on the one-at-a-time path.
+    if (outcome == Connection::Pipeline::Broken || outOfStep || (anyTimedOut && closesConnection(ETIMEDOUT)))
+        endpoint.connection.disconnect();
     return outcome;
 }

@@ -29,6 +29,10 @@ public:
     // that were answered with an error a retry cannot mend are counted failed here.
     Connection::Pipeline runPipelined(std::vector<Connection::PipelinedRead>& reads, int window);
 
+    // Whether a read answered while in flight is done with: answered with anything but busy, or busy with no
+    // retries allowed. The others are sent again one at a time.
+    bool settledInFlight(Connection::PipelinedRead const& read) const;
+
     Connection& connection() { return endpoint.connection; }
 
     // After the first time-out of the batch, fail the remaining requests unsent with it: for a device that
@@ -45,6 +49,8 @@ public:
     int lastConnectError() const { return connectError; }
 
 private:
+    // The batch cannot use the connection: `reason` into *error and the counts; false.
+    bool refuseConnect(int reason, int* error);
     // Whether a request that failed with `error` leaves the connection unusable.
     bool closesConnection(int error) const;
 
@@ -58,6 +64,8 @@ private:
     int timedOut = 0;
     int firstDeviceError = 0;
     bool connectFailure = false;
+    // The connection cannot address the device's unit: nothing of this batch may be sent on it.
+    bool unitRefused = false;
     int connectError = 0;
     bool stopAtTimeout = false;
     int lastTimeoutError = 0;

@@ -1,6 +1,8 @@
 // Writes a batch of item values to a device: picks the Modbus function per item, encodes the value text with
 // the device's word and byte orders, and never retries an item that already failed in the same batch.
 
+#include <modbus.h>
+
 #include <QByteArray>
 #include <QString>
 #include <QVector>
@@ -48,11 +50,19 @@ bool sameItem(DataItem const* a, DataItem const* b) {
 
 namespace {
 
+// How a bit of a register is written in this batch.
+struct BitWrite {
+    // With function 22, so that the device changes that bit alone; else read, change and write back.
+    bool maskWrite = false;
+    // The device just answered function 22 with "illegal function".
+    bool refused = false;
+};
+
 // One item's write; a failed request leaves its error code in *err (untouched when nothing failed). `runner`
 // is null when a caller drives the connection itself.
 bool writeItem(Modbus& plugin, Connection& conn, RequestRunner* runner, ItemInstancePlugin& item,
                bool littleEndian, bool byteSwapped, bool stringLittleEndian, bool stringByteSwapped,
-               const QString& value, bool multiple, int* errOut) {
+               const QString& value, bool multiple, BitWrite& bitWrite, int* errOut) {
     using M = Modbus;
     auto send = [&](RequestRunner::Request const& request, int* error) {
         return runner ? runner->run(request, error) : request(conn, error);
@@ -113,12 +123,32 @@ bool writeItem(Modbus& plugin, Connection& conn, RequestRunner* runner, ItemInst
                     &err) > 0;
     }
 
-    // One bit of a register: read, change, write back. Not atomic on the server.
+    // One bit of a register: by mask write where the device takes it, else read, change, write back (not
+    // atomic on the server: another master's change of another bit in between is lost).
     if (address.contains(kBitSeparator)) {
         int const bit = M::getBit(item);
         if (bit < 0 || bit > kLastBitOfRegister) {
             item.setLastError(QStringLiteral("Bit value out of range"));
             return false;
+        }
+        if (bitWrite.maskWrite && (value == kBitOff || value == kBitOn)) {
+            unsigned short const mask = static_cast<unsigned short>(1U << bit);
+            unsigned short const andMask = static_cast<unsigned short>(~mask);
+            unsigned short const orMask = value == kBitOn ? mask : 0;
+            plugin.writeLogDebug(QStringLiteral("Writing bit by mask write. Offset: %1 Bit: %2 Value: %3")
+                                     .arg(QString::number(offset), QString::number(bit), value));
+            int maskError = 0;
+            if (send([&](Connection& link,
+                         int* e) { return link.maskWriteRegister(offset, andMask, orMask, e); },
+                     &maskError) > 0)
+                return true;
+            if (maskError != EMBXILFUN) {
+                err = maskError;
+                item.setLastError(conn.errToStr(maskError));
+                return false;
+            }
+            bitWrite.maskWrite = false;
+            bitWrite.refused = true;
         }
         unsigned short word = 0;
         if (send([&](Connection& link, int* e) { return link.readWords(table, offset, 1, &word, e); },
@@ -230,6 +260,8 @@ bool Modbus::writeData(LogList* list) {
         bool const multiple =
             device.settings.value(QStringLiteral("write_preset")).toUInt() == kMultiplePresets;
 
+        BitWrite bitWrite;
+        bitWrite.maskWrite = options.maskWrite && !state->maskWriteRefused;
         QList<DataItem const*> failed;  // items not to be tried again in this batch
         for (DataItem* dataItem : list->dataItems) {
             if (dataItem == nullptr) {
@@ -255,8 +287,16 @@ bool Modbus::writeData(LogList* list) {
             writeLogDebug(QStringLiteral("Writing value ") + value + QStringLiteral(" to ") + item.name +
                           QStringLiteral(" in ") + device.name);
             int error = 0;
-            bool const written = writeItem(*this, connection, &runner, item, littleEndian, byteSwapped,
-                                           stringLittleEndian, stringByteSwapped, value, multiple, &error);
+            bool const written =
+                writeItem(*this, connection, &runner, item, littleEndian, byteSwapped, stringLittleEndian,
+                          stringByteSwapped, value, multiple, bitWrite, &error);
+            if (bitWrite.refused) {
+                bitWrite.refused = false;
+                state->maskWriteRefused = true;
+                writeLogWarning(QStringLiteral("%1 refuses function 22 (mask write); its bits are written by "
+                                               "reading and writing the register from now on")
+                                    .arg(device.name));
+            }
             if (!written) {
                 writeLogDebug(QStringLiteral("Failed to write %1. Register: %2 Offset: %3 Error: %4")
                                   .arg(item.name, item.settings.value(kRegisterTypeKey),
@@ -292,6 +332,7 @@ bool Modbus::writeData(LogList* list) {
 bool Modbus::writeVar(Connection& conn, ItemInstancePlugin& item, bool littleEndian, bool byteSwapped,
                       bool stringLittleEndian, bool stringByteSwapped, QString value, bool multiple) {
     int err = 0;
+    BitWrite readModifyWrite;
     return writeItem(*this, conn, nullptr, item, littleEndian, byteSwapped, stringLittleEndian,
-                     stringByteSwapped, value, multiple, &err);
+                     stringByteSwapped, value, multiple, readModifyWrite, &err);
 }

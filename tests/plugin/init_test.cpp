@@ -140,6 +140,14 @@ std::vector<ColumnRow> expectedDeviceColumns(const QList<QPair<QString, QString>
          "Requests sent before waiting for their answers. Only for devices that allow several requests in "
          "flight; 1 sends one at a time.",
          {}},
+        {"mask_write",
+         0,
+         3,
+         "0",
+         "Write a bit of a holding register with function 22 (mask write), so that the device changes that "
+         "bit alone and no other bit is written back stale. A device that refuses function 22 is written by "
+         "reading and writing the register, as with No.",
+         {{"No", "0"}, {"Yes", "1"}}},
     };
 }
 
