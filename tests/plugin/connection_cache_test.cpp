@@ -57,7 +57,14 @@ protected:
 }  // namespace
 
 TEST_F(ConnectionCacheTest, ServerIdBelowOnePollsUnitOne) {
+    // Units 1 and 17 hold values of their own, the shared tables (unit 0 among others) another one.
+    constexpr uint16_t kSharedValue = 7;
+    constexpr uint16_t kUnitOneValue = 1001;
+    constexpr uint16_t kUnitSeventeenValue = 1017;
     modbus_sim::Simulator sim;
+    sim.setHoldingRegisters(0, {kSharedValue});
+    sim.setHoldingRegisters(1, 0, {kUnitOneValue});
+    sim.setHoldingRegisters(17, 0, {kUnitSeventeenValue});
     ASSERT_TRUE(sim.start());
     for (const char* serverId : {"0", "-5", "", "x"}) {
         SCOPED_TRACE(serverId);
@@ -66,13 +73,17 @@ TEST_F(ConnectionCacheTest, ServerIdBelowOnePollsUnitOne) {
         Batch batch(makeDevice(1, sim.port(), {{"server_id", serverId}}));
         batch.add(makeItem("value", "40001", "4", "2"));
         ASSERT_TRUE(plugin.readData(&batch.list));
+        EXPECT_EQ(batch.value("value"), QString::number(kUnitOneValue));
         ASSERT_FALSE(sim.requestLog().empty());
         for (const modbus_sim::RequestRecord& record : sim.requestLog()) EXPECT_EQ(record.unit, 1);
     }
     sim.clearRequestLog();
     Batch batch(makeDevice(2, sim.port(), {{"server_id", "17"}}));
+    batch.add(makeItem("value", "40001", "4", "2"));
     ASSERT_TRUE(plugin.readData(&batch.list));
-    EXPECT_EQ(sim.requestLog().front().unit, 17);
+    EXPECT_EQ(batch.value("value"), QString::number(kUnitSeventeenValue));
+    ASSERT_FALSE(sim.requestLog().empty());
+    for (const modbus_sim::RequestRecord& record : sim.requestLog()) EXPECT_EQ(record.unit, 17);
 }
 
 TEST_F(ConnectionCacheTest, TcpDeviceConnectionCreatesOneEntryPerDevice) {

@@ -32,12 +32,37 @@ using simulator_test::kSilenceWaitMs;
 using simulator_test::RawClient;
 using simulator_test::waitFor;
 
-// Read of one holding register at 0 (value 0x0102) for unit 1, and its answer, by transaction id.
+// Every unit the tests address has tables of its own: holding register 0 holds kHoldingBase + unit, input
+// register 0 kInputBase + unit. The shared tables hold other values, so an answer from the wrong tables
+// shows.
+constexpr int kHoldingBase = 1000;
+constexpr int kInputBase = 2000;
+constexpr int kUnitsWithTables = 5;
+constexpr uint16_t kSharedValue = 0x0102;
+
+// A register value as the four hex digits of an answer.
+QByteArray hex16(int value) {
+    return QByteArray::number(value, 16).rightJustified(4, '0');
+}
+
+void giveUnitsTables(Simulator& simulator) {
+    simulator.setHoldingRegisters(0, {kSharedValue});
+    simulator.setInputRegisters(0, {kSharedValue});
+    for (int unit = 1; unit <= kUnitsWithTables; ++unit) {
+        simulator.setHoldingRegisters(unit, 0, {static_cast<uint16_t>(kHoldingBase + unit)});
+        simulator.setInputRegisters(unit, 0, {static_cast<uint16_t>(kInputBase + unit)});
+    }
+}
+
+// Read of one holding register at 0 (kHoldingBase + unit) for unit 1, and its answer, by transaction id.
 QByteArray readRequest(uint16_t transactionId, uint8_t unit = 1) {
     return adu(transactionId, unit, "0300000001");
 }
 QByteArray readAnswerHex(uint16_t transactionId, uint8_t unit = 1) {
-    return adu(transactionId, unit, "03020102").toHex();
+    return adu(transactionId, unit, "0302" + hex16(kHoldingBase + unit)).toHex();
+}
+QByteArray inputAnswerHex(uint16_t transactionId, uint8_t unit = 1) {
+    return adu(transactionId, unit, "0402" + hex16(kInputBase + unit)).toHex();
 }
 QByteArray exceptionAnswerHex(uint16_t transactionId, uint8_t unit, const char* pduHex) {
     return adu(transactionId, unit, pduHex).toHex();
@@ -48,8 +73,14 @@ constexpr qint64 kUsPerMs = 1000;
 class SimulatorPlantNetworkTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        simulator.setHoldingRegisters(0, {0x0102});
+        giveUnitsTables(simulator);
         ASSERT_TRUE(simulator.start());
+    }
+
+    std::vector<int> loggedUnits() const {
+        std::vector<int> units;
+        for (const RequestRecord& record : simulator.requestLog()) units.push_back(record.unit);
+        return units;
     }
 
     Simulator simulator;
@@ -130,6 +161,7 @@ TEST_F(SimulatorPlantNetworkTest, SerialLineIsHeldForADeadUnitToo) {
     const std::vector<RequestRecord> log = simulator.requestLog();
     ASSERT_EQ(log.size(), 2u);
     EXPECT_EQ(log[0].unit, 5);
+    EXPECT_EQ(log[1].unit, 1);
     EXPECT_EQ(log[0].answeredUs, -1);
     EXPECT_GE(log[1].answeredUs - log[0].receivedUs, 2 * kSerialLineMs * kUsPerMs);
 }
@@ -209,8 +241,10 @@ TEST_F(SimulatorPlantNetworkTest, BusyWritesAreNotCarriedOut) {
     RawClient client;
     ASSERT_TRUE(client.connectTo(simulator.port()));
     EXPECT_EQ(client.exchange(adu(1, 1, "0600000005")).toHex(), adu(1, 1, "0600000005").toHex());
-    EXPECT_EQ(client.exchange(adu(2, 1, "0600000006")).toHex(), exceptionAnswerHex(2, 1, "8606"));
-    EXPECT_EQ(simulator.holdingRegisters(0, 1), std::vector<uint16_t>({5}));
+    EXPECT_EQ(client.exchange(adu(2, 2, "0600000006")).toHex(), exceptionAnswerHex(2, 2, "8606"));
+    EXPECT_EQ(simulator.holdingRegisters(1, 0, 1), std::vector<uint16_t>({5}));
+    EXPECT_EQ(simulator.holdingRegisters(2, 0, 1), std::vector<uint16_t>({kHoldingBase + 2}));
+    EXPECT_EQ(simulator.holdingRegisters(0, 1), std::vector<uint16_t>({kSharedValue}));
 }
 
 TEST_F(SimulatorPlantNetworkTest, BusyPassesTheOtherRequestsToLaterRules) {
@@ -224,7 +258,7 @@ TEST_F(SimulatorPlantNetworkTest, BusyPassesTheOtherRequestsToLaterRules) {
     ASSERT_TRUE(client.connectTo(simulator.port()));
     EXPECT_EQ(client.exchange(readRequest(1)).toHex(), readAnswerHex(2));
     // Function 4 is not counted by the rule for function 3.
-    EXPECT_EQ(client.exchange(adu(5, 1, "0400000001")).toHex(), adu(6, 1, "04020000").toHex());
+    EXPECT_EQ(client.exchange(adu(5, 1, "0400000001")).toHex(), inputAnswerHex(6, 1));
     EXPECT_EQ(client.exchange(readRequest(7)).toHex(), exceptionAnswerHex(7, 1, "8306"));
     EXPECT_EQ(client.exchange(readRequest(9)).toHex(), readAnswerHex(10));
     // clearFaults starts the count again.
@@ -259,7 +293,9 @@ TEST_F(SimulatorPlantNetworkTest, OneDeadUnitBehindALiveGateway) {
     // Revived.
     simulator.setDeadUnits({});
     EXPECT_EQ(client.exchange(readRequest(7, 2)).toHex(), readAnswerHex(7, 2));
+    EXPECT_EQ(client.exchange(adu(8, 2, "0400000001")).toHex(), exceptionAnswerHex(8, 2, "8404"));
     EXPECT_EQ(simulator.requestCount(3), 6);
+    EXPECT_EQ(loggedUnits(), std::vector<int>({2, 1, 3, 2, 2, 1, 2, 2}));
 }
 
 TEST_F(SimulatorPlantNetworkTest, DeadUnitsWinOverServedUnits) {
@@ -272,6 +308,8 @@ TEST_F(SimulatorPlantNetworkTest, DeadUnitsWinOverServedUnits) {
     EXPECT_EQ(client.exchange(readRequest(2, 2)).toHex(), readAnswerHex(2, 2));
     ASSERT_TRUE(client.send(readRequest(3, 3)));
     EXPECT_TRUE(client.readSome(1, kSilenceWaitMs).isEmpty());
+    EXPECT_EQ(client.exchange(adu(4, 2, "0400000001")).toHex(), inputAnswerHex(4, 2));
+    EXPECT_EQ(loggedUnits(), std::vector<int>({1, 2, 3, 2}));
 }
 
 TEST_F(SimulatorPlantNetworkTest, RequestLogTimesConnectionsAndTransactionIds) {
@@ -370,6 +408,8 @@ TEST(SimulatorPlantNetworkMap, SettingsTakeEffect) {
     Simulator simulator;
     QString error;
     ASSERT_TRUE(simulator.loadMapJson(R"({"holding_registers": {"0": [258]}, "connection_limit": 1,
+                                          "unit_tables": {"1": {"holding_registers": {"0": [1001]}},
+                                                          "3": {"holding_registers": {"0": [1003]}}},
                                           "serial_line_ms": 100, "dead_units": [2, 3],
                                           "dead_unit_reply": "gateway_exception",
                                           "faults": [{"kind": "busy_every", "every_requests": 2}]})",
@@ -485,7 +525,9 @@ TEST(SimulatorPlantNetworkCommand, OptionsTakeEffect) {
     const QString map = dir.filePath(QStringLiteral("map.json"));
     // The options override the map's dead units and reply.
     ASSERT_TRUE(zelt_modbus_test::writeFile(
-        map, R"({"holding_registers": {"0": [258]}, "dead_units": [4], "dead_unit_reply": "silence"})"));
+        map, R"({"holding_registers": {"0": [258]}, "dead_units": [4], "dead_unit_reply": "silence",
+                 "unit_tables": {"1": {"holding_registers": {"0": [1001]}},
+                                 "4": {"holding_registers": {"0": [1004]}}}})"));
     QProcess process;
     zelt_test::startProgram(
         process, zelt_modbus_test::toolPath(),

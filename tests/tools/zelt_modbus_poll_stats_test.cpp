@@ -9,6 +9,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QRegularExpression>
+#include <map>
 
 #include "tools/sim/blackhole_listener.h"
 #include "tools/sim/simulator.h"
@@ -18,6 +19,7 @@ namespace {
 
 using modbus_sim::FaultKind;
 using modbus_sim::FaultRule;
+using zelt_modbus_test::itemOf;
 using zelt_modbus_test::jsonLines;
 using zelt_modbus_test::runTool;
 using zelt_modbus_test::writeFile;
@@ -25,6 +27,13 @@ using zelt_modbus_test::writeFile;
 constexpr int kFastUnit = 1;
 constexpr int kBusyUnit = 2;
 constexpr int kFcReadHoldingRegisters = 3;
+constexpr uint16_t kFastVoltage = 2305;
+constexpr uint16_t kBusyVoltage = 2290;
+constexpr uint16_t kSharedVoltage = 1;
+// The fast unit's voltage (UINT16) and power (FLOAT) come in one read of three registers, the busy unit's
+// voltage in a read of one.
+constexpr int kFastReadCount = 3;
+constexpr int kBusyReadCount = 1;
 // Every second read of the busy unit is refused as busy and asked again.
 constexpr int kBusyEvery = 2;
 constexpr int kBusyUnitDelayMs = 30;
@@ -39,7 +48,10 @@ protected:
     void SetUp() override {
         ASSERT_TRUE(dir.isValid());
         simulator.setUnits({kFastUnit, kBusyUnit});
-        simulator.setHoldingRegisters(0, {2305, 0x4366, 0x8000});
+        // Each unit has values of its own, so that a read sent under the other unit's id shows.
+        simulator.setHoldingRegisters(0, {kSharedVoltage});
+        simulator.setHoldingRegisters(kFastUnit, 0, {kFastVoltage, 0x4366, 0x8000});
+        simulator.setHoldingRegisters(kBusyUnit, 0, {kBusyVoltage});
         // Only reads count: the identity requests of the first poll must not move the busy rule's count.
         FaultRule busy;
         busy.kind = FaultKind::BusyEvery;
@@ -127,6 +139,29 @@ TEST_F(PollStatsCommandTest, JsonSummaryLineCountsEveryRequestRetryAndException)
     const QList<QJsonObject> lines = jsonLines(run.out);
     ASSERT_EQ(lines.size(), 3 * kPolls + 1) << run.out.toStdString();
     for (int i = 0; i < 3 * kPolls; ++i) EXPECT_TRUE(lines.at(i).contains(QStringLiteral("poll"))) << i;
+    // Each unit's polls show its own values.
+    for (int i = 0; i < 3 * kPolls; ++i) {
+        SCOPED_TRACE(i);
+        const QJsonObject& line = lines.at(i);
+        const int device = line.value(QStringLiteral("device")).toInt();
+        if (device == 1) {
+            EXPECT_EQ(itemOf(line, QStringLiteral("voltage")).value("value").toString(),
+                      QString::number(kFastVoltage));
+        } else if (device == 2) {
+            EXPECT_EQ(itemOf(line, QStringLiteral("busy_voltage")).value("value").toString(),
+                      QString::number(kBusyVoltage));
+        }
+    }
+    // Every read went out under the unit of the device that asked for it, which its size tells.
+    std::map<int, int> readsOfUnit;
+    for (const modbus_sim::RequestRecord& record : simulator.requestLog()) {
+        if (record.function != kFcReadHoldingRegisters) continue;
+        SCOPED_TRACE(record.unit);
+        EXPECT_EQ(record.address, 0);
+        EXPECT_EQ(record.count, record.unit == kFastUnit ? kFastReadCount : kBusyReadCount);
+        ++readsOfUnit[record.unit];
+    }
+    EXPECT_EQ(readsOfUnit, (std::map<int, int>{{kFastUnit, kPolls}, {kBusyUnit, 5}}));
     const QJsonObject summary = lines.last();
     ASSERT_EQ(summary.keys(), QStringList{QStringLiteral("stats")}) << run.out.toStdString();
     const QJsonArray rows = summary.value(QStringLiteral("stats")).toArray();
