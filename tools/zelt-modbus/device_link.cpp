@@ -31,7 +31,13 @@ bool DeviceLink::connect(QString* error) {
             QStringLiteral("cannot use %1: %2").arg(describe(), QString::fromUtf8(modbus_strerror(errno)));
         return false;
     }
-    modbus_set_slave(context, unit);
+    // A unit libmodbus cannot address would leave its default unit in place: nothing is sent then.
+    if (modbus_set_slave(context, unit) != 0) {
+        *error =
+            QStringLiteral("cannot use %1: %2").arg(describe(), QString::fromUtf8(modbus_strerror(errno)));
+        close();
+        return false;
+    }
     modbus_set_response_timeout(context, responseTimeoutMs / kMsPerSecond,
                                 (responseTimeoutMs % kMsPerSecond) * kMicrosecondsPerMs);
     if (modbus_connect(context) != 0) {
