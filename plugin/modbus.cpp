@@ -25,6 +25,14 @@ void markForDiscovery(DatabaseColumnStructure& column) {
     column.insertSelectionValues(QStringLiteral("__zelt_discovery_parameter_only"), QStringLiteral("1"));
 }
 
+// A switch stored as "0" or "1", shown as No and Yes.
+DatabaseColumnStructure yesNoColumn(const char* name, const char* defaultValue, const char* description) {
+    DatabaseColumnStructure choice = column(name, kTypeText, 3, defaultValue, description);
+    choice.insertSelectionValues(QStringLiteral("No"), QStringLiteral("0"));
+    choice.insertSelectionValues(QStringLiteral("Yes"), QStringLiteral("1"));
+    return choice;
+}
+
 void addByteOrderChoices(DatabaseColumnStructure& column) {
     column.insertSelectionValues(QStringLiteral("First byte high"), QStringLiteral("0"));
     column.insertSelectionValues(QStringLiteral("First byte low (swapped)"), QStringLiteral("1"));
@@ -43,13 +51,10 @@ QList<DatabaseColumnStructure> deviceColumns(const QList<NetworkInterfaceInstanc
     columns.append(column("port", kTypeText, 0, "502", ""));
     columns.append(column("server_id", kTypeText, 0, "1", ""));
 
-    DatabaseColumnStructure persistent = column(
-        "persistent_connection", kTypeText, 3, "1",
+    columns.append(yesNoColumn(
+        "persistent_connection", "1",
         "Keep the connection alive between polling of data. Set to no if you want it to reconnect between "
-        "each poll.");
-    persistent.insertSelectionValues(QStringLiteral("No"), QStringLiteral("0"));
-    persistent.insertSelectionValues(QStringLiteral("Yes"), QStringLiteral("1"));
-    columns.append(persistent);
+        "each poll."));
 
     columns.append(column("max_read_registers", kTypeText, 0, "123", "Max. registers to read in each call"));
 
@@ -120,35 +125,26 @@ QList<DatabaseColumnStructure> deviceColumns(const QList<NetworkInterfaceInstanc
         column("retries", kTypeText, 0, "0",
                "How often a request that timed out or was answered busy (exception 5 or 6) is sent "
                "again before its items fail."));
-    DatabaseColumnStructure share =
-        column("share_connection", kTypeText, 3, "1",
-               "Devices with the same address and port (units behind one gateway) share one connection, one "
-               "request at a time.");
-    share.insertSelectionValues(QStringLiteral("No"), QStringLiteral("0"));
-    share.insertSelectionValues(QStringLiteral("Yes"), QStringLiteral("1"));
-    columns.append(share);
+    columns.append(
+        yesNoColumn("share_connection", "1",
+                    "Devices with the same address and port (units behind one gateway) share one connection, "
+                    "one request at a time."));
     columns.append(column("backoff_max_ms", kTypeText, 0, "10000",
                           "Longest pause before a device that cannot be reached or stops answering is polled "
                           "again. 0 tries on every poll."));
-    DatabaseColumnStructure readGaps = column(
-        "read_gaps", kTypeText, 3, "1",
+    columns.append(yesNoColumn(
+        "read_gaps", "1",
         "Read the registers between items along with them, so that fewer requests are needed. Set to no "
-        "for devices that refuse or react to reads of registers nobody asked for.");
-    readGaps.insertSelectionValues(QStringLiteral("No"), QStringLiteral("0"));
-    readGaps.insertSelectionValues(QStringLiteral("Yes"), QStringLiteral("1"));
-    columns.append(readGaps);
+        "for devices that refuse or react to reads of registers nobody asked for."));
     columns.append(
         column("max_outstanding_requests", kTypeText, 0, "1",
                "Requests sent before waiting for their answers. Only for devices that allow several "
                "requests in flight; 1 sends one at a time."));
-    DatabaseColumnStructure maskWrite =
-        column("mask_write", kTypeText, 3, "0",
-               "Write a bit of a holding register with function 22 (mask write), so that the device changes "
-               "that bit alone and no other bit is written back stale. A device that refuses function 22 is "
-               "written by reading and writing the register, as with No.");
-    maskWrite.insertSelectionValues(QStringLiteral("No"), QStringLiteral("0"));
-    maskWrite.insertSelectionValues(QStringLiteral("Yes"), QStringLiteral("1"));
-    columns.append(maskWrite);
+    columns.append(
+        yesNoColumn("mask_write", "0",
+                    "Write a bit of a holding register with function 22 (mask write), so that the device "
+                    "changes that bit alone and no other bit is written back stale. A device that refuses "
+                    "function 22 is written by reading and writing the register, as with No."));
     return columns;
 }
 

@@ -34,6 +34,16 @@ protected:
         batch.add(makeItem("retries", "__diagnostics.retries", "3", "2"));
     }
 
+    // Every read of the busy address is answered busy.
+    void makeBusy() {
+        modbus_sim::FaultRule busy;
+        busy.kind = modbus_sim::FaultKind::BusyEvery;
+        busy.function = 3;
+        busy.address = kBusyAddress;
+        busy.everyRequests = 1;
+        sim.addFault(busy);
+    }
+
     int readsOf(int address) const {
         int reads = 0;
         for (const modbus_sim::RequestRecord& record : sim.requestLog())
@@ -43,12 +53,7 @@ protected:
 };
 
 TEST_F(InFlightSettlingTest, WithoutRetriesABusyAnswerInFlightIsNotSentAgain) {
-    modbus_sim::FaultRule busy;
-    busy.kind = modbus_sim::FaultKind::BusyEvery;
-    busy.function = 3;
-    busy.address = kBusyAddress;
-    busy.everyRequests = 1;
-    sim.addFault(busy);
+    makeBusy();
     Batch batch(makeDevice(1, sim.port(), {{"max_outstanding_requests", "4"}, {"max_read_registers", "10"}}));
     addItems(batch);
     EXPECT_FALSE(plugin.readData(&batch.list));
@@ -61,12 +66,7 @@ TEST_F(InFlightSettlingTest, WithoutRetriesABusyAnswerInFlightIsNotSentAgain) {
 }
 
 TEST_F(InFlightSettlingTest, WithOneRetryABusyAnswerInFlightIsSentOnceMore) {
-    modbus_sim::FaultRule busy;
-    busy.kind = modbus_sim::FaultKind::BusyEvery;
-    busy.function = 3;
-    busy.address = kBusyAddress;
-    busy.everyRequests = 1;
-    sim.addFault(busy);
+    makeBusy();
     Batch batch(makeDevice(
         1, sim.port(), {{"max_outstanding_requests", "4"}, {"max_read_registers", "10"}, {"retries", "1"}}));
     addItems(batch);
