@@ -4,6 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+
+#include "common/manual_clock.h"
+
 namespace {
 
 const QString kRefused = QStringLiteral("Could not connect. Connection refused");
@@ -80,6 +84,27 @@ TEST(BackoffTest, TheSecondsLeftAreRoundedUp) {
     EXPECT_EQ(backoff.remainingSeconds(3000), 0);
     EXPECT_EQ(backoff.pausedText(1500),
               QStringLiteral("Could not connect. Connection refused; next attempt in 2 s"));
+}
+
+qint64 steadyNowMs() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+TEST(BackoffClockTest, TheClockReadsTheSetSourceUntilTheSteadyClockIsRestored) {
+    {
+        test_support::ManualClock clock;
+        EXPECT_EQ(Backoff::clockMs(), test_support::ManualClock::kStartMs);
+        clock.advance(1500);
+        EXPECT_EQ(Backoff::clockMs(), test_support::ManualClock::kStartMs + 1500);
+        EXPECT_EQ(clock.now(), test_support::ManualClock::kStartMs + 1500);
+    }
+    const qint64 before = steadyNowMs();
+    const qint64 now = Backoff::clockMs();
+    const qint64 after = steadyNowMs();
+    EXPECT_LE(before, now);
+    EXPECT_LE(now, after);
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <QDateTime>
 #include <QRegularExpression>
 
+#include "common/manual_clock.h"
 #include "common/plugin_batch.h"
 #include "common/plugin_fixture.h"
 #include "common/time_scale.h"
@@ -44,6 +45,14 @@ protected:
                                  "connects", "connect_failures", "connected", "backoff_s"})
             parts.append(QStringLiteral("%1=%2").arg(QLatin1String(name), batch.value(QLatin1String(name))));
         return parts.join(QLatin1Char(' '));
+    }
+
+    // Reads of the holding registers the simulator received.
+    int holdingReads() const {
+        int reads = 0;
+        for (const modbus_sim::RequestRecord& record : sim.requestLog())
+            if (record.function == 3) ++reads;
+        return reads;
     }
 
     static double milliseconds(const Batch& batch, const char* name) {
@@ -98,6 +107,7 @@ TEST_F(DiagnosticsTest, ABusyAnswerIsSentAgainAndCountedAsExceptionRetryAndFailu
 }
 
 TEST_F(DiagnosticsTest, ASilentDeviceCountsItsTimeOutsAndIsPausedAfterThreePolls) {
+    test_support::ManualClock clock;
     modbus_sim::FaultRule silence;
     silence.kind = modbus_sim::FaultKind::Silence;
     sim.addFault(silence);
@@ -107,20 +117,28 @@ TEST_F(DiagnosticsTest, ASilentDeviceCountsItsTimeOutsAndIsPausedAfterThreePolls
     for (const QString& name : diagnostics::names())
         batch.add(makeItem(name, diagnostics::kPrefix + name, "4", ""));
     for (int poll = 0; poll < 3; ++poll) EXPECT_FALSE(plugin.readData(&batch.list));
-    const qint64 pausedAt = Backoff::clockMs();
     // Every time-out closed the connection; each poll opened one. The identity probe's requests are its own.
     EXPECT_EQ(counters(batch),
               QStringLiteral("requests=3 failed_requests=3 timeouts=3 exceptions=0 retries=0 "
                              "connects=3 connect_failures=0 connected=0 backoff_s=1"));
     EXPECT_EQ(batch.value("last_error"), QStringLiteral("Connection timed out"));
     EXPECT_GE(milliseconds(batch, "poll_ms"), timeoutMs);
+    // A poll in the pause sends nothing and counts nothing.
     EXPECT_FALSE(plugin.readData(&batch.list));
-    if (Backoff::clockMs() - pausedAt < Backoff::kFirstPauseMs) {
-        EXPECT_EQ(counters(batch),
-                  QStringLiteral("requests=3 failed_requests=3 timeouts=3 exceptions=0 retries=0 "
-                                 "connects=3 connect_failures=0 connected=0 backoff_s=1"));
-        EXPECT_EQ(batch.value("last_error"), QStringLiteral("Connection timed out; next attempt in 1 s"));
-    }
+    EXPECT_EQ(counters(batch),
+              QStringLiteral("requests=3 failed_requests=3 timeouts=3 exceptions=0 retries=0 "
+                             "connects=3 connect_failures=0 connected=0 backoff_s=1"));
+    EXPECT_EQ(batch.value("last_error"), QStringLiteral("Connection timed out; next attempt in 1 s"));
+    EXPECT_EQ(holdingReads(), 3);
+
+    // After the pause the device is asked again; still silent, it is paused twice as long.
+    clock.advance(Backoff::kFirstPauseMs);
+    EXPECT_FALSE(plugin.readData(&batch.list));
+    EXPECT_EQ(counters(batch),
+              QStringLiteral("requests=4 failed_requests=4 timeouts=4 exceptions=0 retries=0 "
+                             "connects=4 connect_failures=0 connected=0 backoff_s=2"));
+    EXPECT_EQ(batch.value("last_error"), QStringLiteral("Connection timed out"));
+    EXPECT_EQ(holdingReads(), 4);
 }
 
 TEST_F(DiagnosticsTest, ResponseTimesAreAtLeastTheDevicesDelay) {
@@ -140,6 +158,7 @@ TEST_F(DiagnosticsTest, ResponseTimesAreAtLeastTheDevicesDelay) {
 }
 
 TEST_F(DiagnosticsTest, AnUnreachableDeviceCountsItsFailedConnectsAndCountsTheBackOffDown) {
+    test_support::ManualClock clock;
     const quint16 port = sim.port();
     sim.stop();
     Batch batch(makeDevice(1, port, {{"backoff_max_ms", "600000"}}));
@@ -150,19 +169,22 @@ TEST_F(DiagnosticsTest, AnUnreachableDeviceCountsItsFailedConnectsAndCountsTheBa
               QStringLiteral("requests=0 failed_requests=0 timeouts=0 exceptions=0 retries=0 "
                              "connects=0 connect_failures=1 connected=0 backoff_s=1"));
     EXPECT_EQ(batch.value("last_error"), QStringLiteral("Could not connect. Connection refused"));
-    std::this_thread::sleep_for(std::chrono::milliseconds(Backoff::kFirstPauseMs + 50));
+    clock.advance(Backoff::kFirstPauseMs);
     EXPECT_FALSE(plugin.readData(&batch.list));
-    const qint64 secondFailure = Backoff::clockMs();
     EXPECT_EQ(batch.value("connect_failures"), QStringLiteral("2"));
     EXPECT_EQ(batch.value("backoff_s"), QStringLiteral("2"));
-    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+    // 900 ms of the 2 s pause left: counted in whole seconds, rounded up.
+    clock.advance(1100);
     EXPECT_FALSE(plugin.readData(&batch.list));
-    if (Backoff::clockMs() - secondFailure < 2 * Backoff::kFirstPauseMs) {
-        EXPECT_EQ(batch.value("backoff_s"), QStringLiteral("1"));
-        EXPECT_EQ(batch.value("connect_failures"), QStringLiteral("2"));
-        EXPECT_EQ(batch.value("last_error"),
-                  QStringLiteral("Could not connect. Connection refused; next attempt in 1 s"));
-    }
+    EXPECT_EQ(batch.value("backoff_s"), QStringLiteral("1"));
+    EXPECT_EQ(batch.value("connect_failures"), QStringLiteral("2"));
+    EXPECT_EQ(batch.value("last_error"),
+              QStringLiteral("Could not connect. Connection refused; next attempt in 1 s"));
+    clock.advance(900);
+    EXPECT_FALSE(plugin.readData(&batch.list));
+    EXPECT_EQ(batch.value("connect_failures"), QStringLiteral("3"));
+    EXPECT_EQ(batch.value("backoff_s"), QStringLiteral("4"));
+    EXPECT_EQ(batch.value("last_error"), QStringLiteral("Could not connect. Connection refused"));
 }
 
 TEST_F(DiagnosticsTest, UnitsSharingAConnectionEachCountIt) {

@@ -5,6 +5,7 @@
 
 #include <set>
 
+#include "common/manual_clock.h"
 #include "common/plugin_batch.h"
 #include "common/plugin_fixture.h"
 #include "common/time_scale.h"
@@ -108,6 +109,7 @@ TEST_F(PlantNetworkTest, ADeadUnitBehindTheGatewayFailsAloneAndKeepsTheConnectio
 }
 
 TEST_F(PlantNetworkTest, ASilentUnitIsPausedAfterThreePollsWithoutAnAnswerAndItsNeighboursGoOn) {
+    test_support::ManualClock clock;
     sim.setHoldingRegisters(0, {5});
     sim.setUnits({1});
     Batch silent(unit(2, {{"response_timeout_ms", kShortTimeoutMs}}));
@@ -118,20 +120,29 @@ TEST_F(PlantNetworkTest, ASilentUnitIsPausedAfterThreePollsWithoutAnAnswerAndIts
         EXPECT_EQ(silent.list.device.lastError, QStringLiteral("Connection timed out"));
         EXPECT_EQ(silent.error("value"), QStringLiteral("Connection timed out"));
     }
-    const qint64 pausedAt = Backoff::clockMs();
-    const int requestsBefore = holdingReadsByUnit()[2];
-    EXPECT_EQ(requestsBefore, 3);
+    EXPECT_EQ(holdingReadsByUnit()[2], 3);
+    // Paused for the first second: a poll up to its last millisecond sends nothing.
     EXPECT_FALSE(plugin.readData(&silent.list));
-    // The first pause lasts a second; a machine too loaded to poll again within it cannot check it.
-    if (Backoff::clockMs() - pausedAt < Backoff::kFirstPauseMs) {
-        EXPECT_EQ(silent.list.device.lastError, QStringLiteral("Connection timed out; next attempt in 1 s"));
-        EXPECT_EQ(holdingReadsByUnit()[2], requestsBefore);
-    }
+    EXPECT_EQ(silent.list.device.lastError, QStringLiteral("Connection timed out; next attempt in 1 s"));
+    EXPECT_EQ(holdingReadsByUnit()[2], 3);
+    clock.advance(Backoff::kFirstPauseMs - 1);
+    EXPECT_FALSE(plugin.readData(&silent.list));
+    EXPECT_EQ(silent.list.device.lastError, QStringLiteral("Connection timed out; next attempt in 1 s"));
+    EXPECT_EQ(holdingReadsByUnit()[2], 3);
 
     Batch neighbour(unit(1));
     neighbour.add(makeItem("value", "40001", "4", "2"));
     EXPECT_TRUE(plugin.readData(&neighbour.list));
     EXPECT_EQ(neighbour.value("value"), QStringLiteral("5"));
+
+    // The pause is over: the unit is asked again, does not answer and is paused twice as long.
+    clock.advance(1);
+    EXPECT_FALSE(plugin.readData(&silent.list));
+    EXPECT_EQ(silent.list.device.lastError, QStringLiteral("Connection timed out"));
+    EXPECT_EQ(holdingReadsByUnit()[2], 4);
+    EXPECT_FALSE(plugin.readData(&silent.list));
+    EXPECT_EQ(silent.list.device.lastError, QStringLiteral("Connection timed out; next attempt in 2 s"));
+    EXPECT_EQ(holdingReadsByUnit()[2], 4);
 }
 
 TEST_F(PlantNetworkTest, ATimedOutRequestIsSentAgainAsOftenAsTheRetriesSay) {
@@ -188,31 +199,44 @@ TEST_F(PlantNetworkTest, ALateAnswerFailsOnlyItsRequestAndNoOtherItemTakesItsDat
 }
 
 TEST_F(PlantNetworkTest, AnUnreachableDeviceIsPausedAndAPollInThePauseSendsNothing) {
+    test_support::ManualClock clock;
     const quint16 closedPort = sim.port();
     sim.stop();
     Batch batch(makeDevice(1, closedPort));
     batch.add(makeItem("a", "40001", "4", "2"));
     EXPECT_FALSE(plugin.readData(&batch.list));
     EXPECT_EQ(batch.list.device.lastError, QStringLiteral("Could not connect. Connection refused"));
-    const qint64 pausedAt = Backoff::clockMs();
+    const QString attempt = QStringLiteral("Could not connect to 127.0.0.1. Connection refused");
+    EXPECT_TRUE(Host::instance().hasLog(zelt_standin::LogLevel::Debug, attempt));
     Host::instance().clearLogs();
     EXPECT_FALSE(plugin.readData(&batch.list));
-    if (Backoff::clockMs() - pausedAt < Backoff::kFirstPauseMs) {
-        EXPECT_EQ(batch.list.device.lastError,
-                  QStringLiteral("Could not connect. Connection refused; next attempt in 1 s"));
-        EXPECT_FALSE(
-            Host::instance().hasLog(zelt_standin::LogLevel::Debug,
-                                    QStringLiteral("Could not connect to 127.0.0.1. Connection refused")));
-    }
+    EXPECT_EQ(batch.list.device.lastError,
+              QStringLiteral("Could not connect. Connection refused; next attempt in 1 s"));
+    EXPECT_FALSE(Host::instance().hasLog(zelt_standin::LogLevel::Debug, attempt));
+
+    // The pause is over: the device is tried again, and paused twice as long.
+    clock.advance(Backoff::kFirstPauseMs);
+    EXPECT_FALSE(plugin.readData(&batch.list));
+    EXPECT_EQ(batch.list.device.lastError, QStringLiteral("Could not connect. Connection refused"));
+    EXPECT_TRUE(Host::instance().hasLog(zelt_standin::LogLevel::Debug, attempt));
+    Host::instance().clearLogs();
+    EXPECT_FALSE(plugin.readData(&batch.list));
+    EXPECT_EQ(batch.list.device.lastError,
+              QStringLiteral("Could not connect. Connection refused; next attempt in 2 s"));
+    EXPECT_FALSE(Host::instance().hasLog(zelt_standin::LogLevel::Debug, attempt));
 }
 
 TEST_F(PlantNetworkTest, AWriteIsTriedWhileThePollsArePaused) {
+    // The clock stands still, so the write below surely comes within the pause.
+    test_support::ManualClock clock;
     const quint16 port = sim.port();
     sim.stop();
     Batch poll(makeDevice(1, port));
     poll.add(makeItem("a", "40001", "4", "2"));
     EXPECT_FALSE(plugin.readData(&poll.list));
-    ASSERT_TRUE(plugin.readData(&poll.list) == false);
+    EXPECT_FALSE(plugin.readData(&poll.list));
+    EXPECT_EQ(poll.list.device.lastError,
+              QStringLiteral("Could not connect. Connection refused; next attempt in 1 s"));
     modbus_sim::Simulator revived;
     if (!revived.start(QStringLiteral("127.0.0.1"), port)) GTEST_SKIP() << "the port was taken meanwhile";
     Batch write(makeDevice(1, port));
@@ -352,6 +376,7 @@ TEST_F(PlantNetworkTest, WithoutRetriesABusyAnswerFailsOnlyItsItemsAndTheRestIsR
 }
 
 TEST_F(PlantNetworkTest, ADeadDeviceCostsOneConnectTimeOutAndIsThenPaused) {
+    test_support::ManualClock clock;
     modbus_sim::BlackholeListener dead;
     QString reason;
     ASSERT_TRUE(dead.start(QStringLiteral("127.0.0.1"), 0, &reason)) << reason.toStdString();
@@ -362,12 +387,19 @@ TEST_F(PlantNetworkTest, ADeadDeviceCostsOneConnectTimeOutAndIsThenPaused) {
     EXPECT_GE(std::chrono::steady_clock::now() - started,
               std::chrono::milliseconds(kMediumTimeoutMs.toInt()));
     EXPECT_EQ(batch.list.device.lastError, QStringLiteral("Could not connect. Timeout"));
-    const qint64 pausedAt = Backoff::clockMs();
+    const QString attempt = QStringLiteral("Could not connect to 127.0.0.1. Timeout");
+    EXPECT_TRUE(Host::instance().hasLog(zelt_standin::LogLevel::Debug, attempt));
+    Host::instance().clearLogs();
     EXPECT_FALSE(plugin.readData(&batch.list));
-    if (Backoff::clockMs() - pausedAt < Backoff::kFirstPauseMs) {
-        EXPECT_EQ(batch.list.device.lastError,
-                  QStringLiteral("Could not connect. Timeout; next attempt in 1 s"));
-    }
+    EXPECT_EQ(batch.list.device.lastError, QStringLiteral("Could not connect. Timeout; next attempt in 1 s"));
+    EXPECT_FALSE(Host::instance().hasLog(zelt_standin::LogLevel::Debug, attempt));
+
+    clock.advance(Backoff::kFirstPauseMs);
+    EXPECT_FALSE(plugin.readData(&batch.list));
+    EXPECT_EQ(batch.list.device.lastError, QStringLiteral("Could not connect. Timeout"));
+    EXPECT_TRUE(Host::instance().hasLog(zelt_standin::LogLevel::Debug, attempt));
+    EXPECT_FALSE(plugin.readData(&batch.list));
+    EXPECT_EQ(batch.list.device.lastError, QStringLiteral("Could not connect. Timeout; next attempt in 2 s"));
 }
 
 }  // namespace
@@ -459,6 +491,14 @@ protected:
         return refused;
     }
 
+    // The holding register reads since the log was cleared: (address, count) each.
+    std::vector<std::tuple<int, int>> holdingReadRanges() const {
+        std::vector<std::tuple<int, int>> reads;
+        for (const modbus_sim::RequestRecord& record : sim.requestLog())
+            if (record.function == 3) reads.emplace_back(record.address, record.count);
+        return reads;
+    }
+
     static constexpr int kHoles[] = {5, 47, 123, 150};
 };
 
@@ -506,6 +546,30 @@ TEST_F(LearnedHolesTest, WithoutGapReadsOnlyTheItemsRegistersAreAsked) {
     for (const modbus_sim::RequestRecord& record : sim.requestLog())
         if (record.function == 3) reads.emplace_back(record.address, record.count);
     EXPECT_EQ(reads, (std::vector<std::tuple<int, int>>{{0, 3}, {10, 2}, {30, 1}}));
+}
+
+TEST_F(LearnedHolesTest, WhatWasLearnedIsForgottenAfterAnHour) {
+    constexpr qint64 kOneHourMs = 60LL * 60 * 1000;
+    test_support::ManualClock clock;
+    sim.addFault(plugin_test::exceptionFault(3, 2, 5));
+    sim.setHoldingRegisters(0, countingRegisters(20));
+    Batch batch(unit(1));
+    batch.add(makeItem("a", "40001", "4", "2"));
+    batch.add(makeItem("b", "40011", "4", "2"));
+    EXPECT_TRUE(plugin.readData(&batch.list));
+    // The register at 5 became readable; what was learned still holds for the hour.
+    sim.clearFaults();
+    clock.advance(kOneHourMs);
+    sim.clearRequestLog();
+    EXPECT_TRUE(plugin.readData(&batch.list));
+    EXPECT_EQ(holdingReadRanges(), (std::vector<std::tuple<int, int>>{{0, 1}, {10, 1}}));
+
+    clock.advance(1);
+    sim.clearRequestLog();
+    EXPECT_TRUE(plugin.readData(&batch.list));
+    EXPECT_EQ(holdingReadRanges(), (std::vector<std::tuple<int, int>>{{0, 11}}));
+    EXPECT_EQ(batch.value("a"), QStringLiteral("0"));
+    EXPECT_EQ(batch.value("b"), QStringLiteral("10"));
 }
 
 TEST_F(LearnedHolesTest, WhatWasLearnedIsForgottenWhenTheItemsChange) {
