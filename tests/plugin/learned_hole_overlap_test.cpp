@@ -63,12 +63,12 @@ TEST_F(LearnedHoleOverlapTest, ItemsBesideARefusedStringAreReadOnEveryPoll) {
     }
 }
 
-TEST_F(LearnedHoleOverlapTest, AFloatBesideAWideIntegerOverTheHoleIsRead) {
-    // Registers 8..11: a UINT64 over the first two holes; the FLOAT at 6..7 beside it only shares its read.
-    sim.setHoldingRegisters(6, {0x47F1, 0x2000});
+TEST_F(LearnedHoleOverlapTest, AFloatInsideAWideIntegerOverTheHoleIsRead) {
+    // Registers 8..11: a UINT64 over the first two holes; the FLOAT at 8..9 shares its first two registers.
+    sim.setHoldingRegisters(8, {0x47F1, 0x2000});
     Batch batch(makeDevice(1, sim.port()));
     batch.add(makeItem("wide", "40009", "4", "9"));
-    batch.add(makeItem("float", "40007", "4", "5", "1"));
+    batch.add(makeItem("float", "40009", "4", "5", "1"));
     for (int poll = 1; poll <= 3; ++poll) {
         SCOPED_TRACE(poll);
         sim.clearRequestLog();
