@@ -49,6 +49,23 @@ TEST_P(TableCodeTest, AnItemOfAnUnknownTableIsReadNowhereAndGetsAnError) {
     }
 }
 
+TEST_P(TableCodeTest, WithRequestsInFlightNoOtherTableIsAskedInItsPlace) {
+    sim.setHoldingRegisters(0, {11});
+    sim.setHoldingRegisters(100, {12});
+    sim.setInputRegisters(0, {21});
+    Batch batch(makeDevice(1, sim.port(), {{"max_outstanding_requests", "8"}, {"read_gaps", "0"}}));
+    batch.add(makeItem("first", "0", "3", "2"));
+    batch.add(makeItem("second", "100", "3", "2"));
+    batch.add(makeItem("unknown", "0", GetParam(), "2"));
+    EXPECT_TRUE(plugin.readData(&batch.list)) << batch.list.device.lastError.toStdString();
+    EXPECT_EQ(batch.value("first"), QStringLiteral("11"));
+    EXPECT_EQ(batch.value("second"), QStringLiteral("12"));
+    EXPECT_EQ(batch.value("unknown"), QString());
+    EXPECT_EQ(batch.error("unknown"), kInvalidRegisterType);
+    EXPECT_EQ(sim.requestCount(4), 0);
+    EXPECT_EQ(sim.requestCount(3), 2);
+}
+
 // 5 and above, 260 (which narrows to the unresolved Auto code 4) and -1 (which narrows to 255).
 INSTANTIATE_TEST_SUITE_P(Codes, TableCodeTest, ::testing::Values("5", "260", "-1", "255", "1000"));
 
