@@ -37,6 +37,7 @@ const QString kAddressOutOfRange = QStringLiteral("Address out of range");
 const QString kNothingToWrite = QStringLiteral("Nothing to write");
 
 const QString kBitOff = QStringLiteral("0");
+const QString kInvalidBitValue = QStringLiteral("Invalid bool/bit value to write. Val: ");
 const QString kBitOn = QStringLiteral("1");
 
 // Two entries of a batch are the same item when they are one entry, or carry the same configured item (its
@@ -131,7 +132,12 @@ bool writeItem(Modbus& plugin, Connection& conn, RequestRunner* runner, ItemInst
             item.setLastError(QStringLiteral("Bit value out of range"));
             return false;
         }
-        if (bitWrite.maskWrite && (value == kBitOff || value == kBitOn)) {
+        if (bitWrite.maskWrite) {
+            // Nothing to read first: a value that is no bit fails before anything is sent.
+            if (value != kBitOff && value != kBitOn) {
+                item.setLastError(kInvalidBitValue + value);
+                return false;
+            }
             unsigned short const mask = static_cast<unsigned short>(1U << bit);
             unsigned short const andMask = static_cast<unsigned short>(~mask);
             unsigned short const orMask = value == kBitOn ? mask : 0;
@@ -162,7 +168,7 @@ bool writeItem(Modbus& plugin, Connection& conn, RequestRunner* runner, ItemInst
         } else if (value == kBitOn) {
             word = static_cast<unsigned short>(word | mask);
         } else {
-            item.setLastError(QStringLiteral("Invalid bool/bit value to write. Val: ") + value);
+            item.setLastError(kInvalidBitValue + value);
             return false;
         }
         plugin.writeLogDebug(QStringLiteral("Writing bit. Offset: %1 Value: %2 (%3)")

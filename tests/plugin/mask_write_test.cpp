@@ -104,7 +104,8 @@ TEST_F(MaskWriteTest, ABitValueOtherThanZeroOrOneSendsNothing) {
     plugin.writeData(&batch.list);
     EXPECT_EQ(batch.error("bit"), QStringLiteral("Invalid bool/bit value to write. Val: true"));
     EXPECT_EQ(requests(kFunctionMaskWrite), 0);
-    EXPECT_EQ(sim.totalRequests() - before, requests(3) + requests(43) + requests(17));
+    EXPECT_EQ(sim.totalRequests() - before, requests(43) + requests(17));
+    EXPECT_EQ(requests(3), 0);
 }
 
 TEST_F(MaskWriteTest, ADeviceThatRefusesFunction22IsWrittenByReadAndWriteWithOneWarning) {
