@@ -156,7 +156,8 @@ void checkWrite(const BatchContext& context, const LogList& list, const std::vec
                 .arg(where, ok ? QStringLiteral("true") : QStringLiteral("false"), quoted(deviceError)));
     for (size_t i = 0; i < steps.size(); ++i) {
         const QString& error = written[i]->item.lastError;
-        if (error != steps[i].expectedError)
+        if (error != steps[i].expectedError &&
+            (steps[i].otherError.isEmpty() || error != steps[i].otherError))
             violations.add(Check::ItemError,
                            QStringLiteral("%1: item %2 (\"%3\") written with %4: error %5, expected %6")
                                .arg(where, steps[i].item->uid, steps[i].item->registerText,

@@ -126,7 +126,10 @@ std::vector<RequestRange> writeAllowances(const WriteStep& step, const DeviceMod
             if (device.maskWrite) allowed.push_back({kFunctionMaskWrite, off, off});
             break;
         case WriteOutcome::Kind::Refused:
-            // README: a bit value other than "0" or "1" fails before anything is sent; a string too long too.
+            // Nothing is sent for a refused value, except the read of a bit of a register that is written by
+            // read and write: the register is read before its new value is looked at.
+            if (step.outcome.readBeforeRefusal && !step.maskWrite)
+                allowed.push_back({readFunction(item.table), off, off});
             break;
     }
     return allowed;

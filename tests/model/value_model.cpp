@@ -245,8 +245,12 @@ WriteOutcome writeOutcome(const ItemModel& item, const DeviceModel& device, cons
     }
     if (item.isRegisterBit()) {
         if (item.bit > kLastRegisterBit) return refused(QStringLiteral("Bit value out of range"));
-        if (value != QStringLiteral("0") && value != QStringLiteral("1"))
-            return refused(QStringLiteral("Invalid bool/bit value to write. Val: ") + value);
+        if (value != QStringLiteral("0") && value != QStringLiteral("1")) {
+            WriteOutcome refusal = refused(QStringLiteral("Invalid bool/bit value to write. Val: ") + value);
+            refusal.readBeforeRefusal = true;
+            refusal.address = item.offset;
+            return refusal;
+        }
         outcome.kind = WriteOutcome::Kind::RegisterBit;
         outcome.bit = item.bit;
         outcome.on = value == QStringLiteral("1");

@@ -33,6 +33,9 @@ struct WriteOutcome {
     bool on = false;
     int bit = 0;
     QString error;
+    // A bit of a register whose value is no bit: written by read and write, the register is read before the
+    // value is looked at (with mask write nothing is sent).
+    bool readBeforeRefusal = false;
 };
 WriteOutcome writeOutcome(const ItemModel& item, const DeviceModel& device, const QString& value);
 

@@ -56,12 +56,15 @@ std::vector<WriteStep> planWrites(const ConfigModel& config, const DeviceModel& 
         step.outcome = writeOutcome(*step.item, device, step.value);
         step.applies = step.outcome.kind != WriteOutcome::Kind::Refused;
         step.expectedError = step.outcome.error;
-        if (step.outcome.kind == WriteOutcome::Kind::RegisterBit) {
+        if (step.outcome.kind == WriteOutcome::Kind::RegisterBit || step.outcome.readBeforeRefusal) {
             step.maskWrite = device.maskWrite && !maskRefused;
             // Read and written back: a read refused for an illegal address stops the write.
             if (!step.maskWrite &&
                 config.isHole(device.sim, device.unit, step.item->table, step.item->offset)) {
                 step.applies = false;
+                // A value that is no bit, on a device that refuses FC 22 it has not yet been told: refused
+                // before the read.
+                if (step.outcome.readBeforeRefusal && device.maskWrite) step.otherError = step.expectedError;
                 step.expectedError = kPreReadRefused;
             }
         }

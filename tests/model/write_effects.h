@@ -20,6 +20,9 @@ struct WriteStep {
     // Whether a write without faults changes the device, and the item error it leaves.
     bool applies = false;
     QString expectedError;
+    // The other error the item may get, when which one depends on what the plugin has learned of the device
+    // (empty: none).
+    QString otherError;
     // A bit of a register written with FC 22 (else read and written back).
     bool maskWrite = false;
 };
