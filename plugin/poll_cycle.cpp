@@ -44,6 +44,16 @@ bool byTableAndOffset(const ReadEntry& a, const ReadEntry& b) {
 const QString kInvalidRegisterAddress = QStringLiteral("Invalid register address");
 const QString kInvalidRegisterType = QStringLiteral("Invalid register type");
 
+// Why an item is never read, or null when it is read. A typo in an address must show on the item, not leave
+// it silently unread; only the four Modbus tables may pick a function code or a table of learned addresses;
+// an address beyond the 16-bit space would wrap around to another register on the device.
+const QString* unreadableReason(const ReadEntry& entry) {
+    if (entry.offset < 0) return &kInvalidRegisterAddress;
+    if (!isModbusTable(entry.table)) return &kInvalidRegisterType;
+    if (!codec::fitsAddressSpace(entry.offset, readFootprint(entry))) return &kAddressOutOfRange;
+    return nullptr;
+}
+
 struct ByteOrders {
     bool littleEndian;
     bool byteSwapped;
@@ -177,29 +187,11 @@ bool Modbus::readBatch(LogList* list) {
         // New items or a new order: the plan is made again, and what was learned of the old items is dropped.
         state->itemsChanged = true;
     }
-    // A typo in an address must show on the item, not leave it silently unread.
     readList.erase(std::remove_if(readList.begin(), readList.end(),
                                   [](const ReadEntry& readEntry) {
-                                      if (readEntry.offset >= 0) return false;
-                                      readEntry.dataItem->item.setLastError(kInvalidRegisterAddress);
-                                      return true;
-                                  }),
-                   readList.end());
-    // Only the four Modbus tables are ever read: a stored code outside them must not pick a function code
-    // or a table of learned addresses.
-    readList.erase(std::remove_if(readList.begin(), readList.end(),
-                                  [](const ReadEntry& readEntry) {
-                                      if (isModbusTable(readEntry.table)) return false;
-                                      readEntry.dataItem->item.setLastError(kInvalidRegisterType);
-                                      return true;
-                                  }),
-                   readList.end());
-    // An address beyond the 16-bit space would wrap around to another register on the device.
-    readList.erase(std::remove_if(readList.begin(), readList.end(),
-                                  [](const ReadEntry& readEntry) {
-                                      if (codec::fitsAddressSpace(readEntry.offset, readFootprint(readEntry)))
-                                          return false;
-                                      readEntry.dataItem->item.setLastError(kAddressOutOfRange);
+                                      const QString* reason = unreadableReason(readEntry);
+                                      if (!reason) return false;
+                                      readEntry.dataItem->item.setLastError(*reason);
                                       return true;
                                   }),
                    readList.end());
@@ -418,7 +410,9 @@ void markAddresses(request_plan::Holes& addresses, int table, qint64 first, qint
         tableAddresses->insert(static_cast<int>(address));
 }
 
-bool probeRange(ReadContext& context, request_plan::Holes& verified, int table, qint64 first, qint64 last);
+// [first, last] of `table` was refused for an illegal address: a single address is a hole, a wider range is
+// halved to find which of its addresses are. False when nothing more is to be learned in this poll.
+bool splitRefused(ReadContext& context, int table, qint64 first, qint64 last);
 
 // The entries of a request: a range of the sorted list, or a copy of them when an unreadable item lies
 // between.
@@ -461,15 +455,7 @@ void handleFailure(ReadContext& context, std::vector<ReadEntry>& entries,
         // The device refused this item's whole span, which says nothing of any single address in it: an
         // address is unreadable only when a read of it alone was refused, so that an item overlapping this
         // one is never hidden behind an address it can read.
-        const qint64 first = request.start;
-        const qint64 last = qint64(request.start) + request.count - 1;
-        if (first == last) {
-            markAddresses(*context.holes, request.table, first, last);
-        } else {
-            const qint64 middle = first + (last - first) / 2;
-            if (probeRange(context, *context.verified, request.table, first, middle))
-                probeRange(context, *context.verified, request.table, middle + 1, last);
-        }
+        splitRefused(context, request.table, request.start, qint64(request.start) + request.count - 1);
     }
     const QString errorText = context.connection.errToStr(error);
     for (ReadEntryIterator it = requestEntries.first; it != requestEntries.last; ++it)
@@ -556,22 +542,25 @@ int probeBlock(ReadContext& context, int table, int start, int count) {
 
 // Finds the unreadable addresses of [first, last] by halving; false when the device answered anything but
 // an illegal address, or the poll's budget is spent (nothing more is to be learned then).
-bool probeRange(ReadContext& context, request_plan::Holes& verified, int table, qint64 first, qint64 last) {
+bool probeRange(ReadContext& context, int table, qint64 first, qint64 last) {
     if (context.probeBudget <= 0) return false;
     --context.probeBudget;
     const int error = probeBlock(context, table, static_cast<int>(first), static_cast<int>(last - first + 1));
     if (error == 0) {
-        markAddresses(verified, table, first, last);
+        markAddresses(*context.verified, table, first, last);
         return true;
     }
     if (error != EMBXILADD) return false;
+    return splitRefused(context, table, first, last);
+}
+
+bool splitRefused(ReadContext& context, int table, qint64 first, qint64 last) {
     if (first == last) {
         markAddresses(*context.holes, table, first, last);
         return true;
     }
     const qint64 middle = first + (last - first) / 2;
-    return probeRange(context, verified, table, first, middle) &&
-           probeRange(context, verified, table, middle + 1, last);
+    return probeRange(context, table, first, middle) && probeRange(context, table, middle + 1, last);
 }
 
 // After a poll in which the device refused an address: the next plan, made with what is known now, may span
@@ -598,7 +587,7 @@ void verifyPlan(ReadContext& context, const std::vector<ReadEntry>& readList, bo
                 qint64 last = address;
                 while (last + 1 < end && unknown(last + 1)) ++last;
                 probed = true;
-                if (!probeRange(context, verified, request.table, address, last)) return;
+                if (!probeRange(context, request.table, address, last)) return;
                 address = last;
             }
         }

@@ -15,13 +15,6 @@ RequestRunner::RequestRunner(Modbus& plugin, Modbus::TcpDeviceConnection& endpoi
 
 bool RequestRunner::ensureConnected(int* error) {
     Connection& connection = endpoint.connection;
-    const int unit = deviceUnitId(device.settings);
-    if (connection.isConnected() && connection.slave() != unit && !connection.setSlave(unit)) {
-        // A unit id libmodbus cannot address: the device fails as it does on a connection of its own, and
-        // the connection, which serves its neighbours, stays as it is.
-        unitRefused = true;
-        return refuseConnect(EINVAL, error);
-    }
     if (!connection.isConnected()) {
         connection = plugin.makeConnection(device, error);
         if (!connection.isConnected()) {
@@ -31,16 +24,15 @@ bool RequestRunner::ensureConnected(int* error) {
         ++endpoint.generation;
         endpoint.consecutiveTimeouts = 0;
     }
+    // A shared connection carries the settings of whichever device uses it now (a new one was made with this
+    // device's unit). A unit id libmodbus cannot address fails the device as it does on a connection of its
+    // own; the connection, which serves its neighbours, stays as it is and this device does not count as one.
+    const int unit = deviceUnitId(device.settings);
+    if (connection.slave() != unit && !connection.setSlave(unit)) return refuseConnect(EINVAL, error);
     endpoint.noteUse(device.id, Backoff::clockMs());
     if (state.seenGeneration != endpoint.generation) {
         state.seenGeneration = endpoint.generation;
         ++state.health.connects;
-    }
-    // A shared connection carries the settings of whichever device uses it now; a new connection was made
-    // with this device's unit.
-    if (connection.slave() != unit && !connection.setSlave(unit)) {
-        unitRefused = true;
-        return refuseConnect(EINVAL, error);
     }
     connection.setRequestPause(options.requestPauseMs);
     connection.setResponseTimeoutMs(options.responseTimeoutMs);
@@ -56,12 +48,6 @@ bool RequestRunner::refuseConnect(int reason, int* error) {
 }
 
 int RequestRunner::run(Request const& request, int* err, int firstAttempt) {
-    if (unitRefused) {
-        // Never sent under another unit's id.
-        ++failed;
-        *err = connectError;
-        return -1;
-    }
     if (stopAtTimeout && timedOut > 0) {
         ++failed;
         *err = lastTimeoutError;

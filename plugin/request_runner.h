@@ -64,8 +64,6 @@ private:
     int timedOut = 0;
     int firstDeviceError = 0;
     bool connectFailure = false;
-    // The connection cannot address the device's unit: nothing of this batch may be sent on it.
-    bool unitRefused = false;
     int connectError = 0;
     bool stopAtTimeout = false;
     int lastTimeoutError = 0;

@@ -37,8 +37,8 @@ const QString kAddressOutOfRange = QStringLiteral("Address out of range");
 const QString kNothingToWrite = QStringLiteral("Nothing to write");
 
 const QString kBitOff = QStringLiteral("0");
-const QString kInvalidBitValue = QStringLiteral("Invalid bool/bit value to write. Val: ");
 const QString kBitOn = QStringLiteral("1");
+const QString kInvalidBitValue = QStringLiteral("Invalid bool/bit value to write. Val: ");
 
 // Two entries of a batch are the same item when they are one entry, or carry the same configured item (its
 // uid). Items without a uid (hand-made batches) are told apart by entry only.
@@ -132,13 +132,13 @@ bool writeItem(Modbus& plugin, Connection& conn, RequestRunner* runner, ItemInst
             item.setLastError(QStringLiteral("Bit value out of range"));
             return false;
         }
+        unsigned short const mask = static_cast<unsigned short>(1U << bit);
         if (bitWrite.maskWrite) {
             // Nothing to read first: a value that is no bit fails before anything is sent.
             if (value != kBitOff && value != kBitOn) {
                 item.setLastError(kInvalidBitValue + value);
                 return false;
             }
-            unsigned short const mask = static_cast<unsigned short>(1U << bit);
             unsigned short const andMask = static_cast<unsigned short>(~mask);
             unsigned short const orMask = value == kBitOn ? mask : 0;
             plugin.writeLogDebug(QStringLiteral("Writing bit by mask write. Offset: %1 Bit: %2 Value: %3")
@@ -162,7 +162,6 @@ bool writeItem(Modbus& plugin, Connection& conn, RequestRunner* runner, ItemInst
             item.setLastError(QStringLiteral("Could not read value. ") + conn.errToStr(err));
             return false;
         }
-        unsigned short const mask = static_cast<unsigned short>(1U << bit);
         if (value == kBitOff) {
             word = static_cast<unsigned short>(word & ~mask);
         } else if (value == kBitOn) {
