@@ -52,5 +52,8 @@ DeviceOptions deviceOptions(QMap<QString, QString> const& settings) {
                       DeviceOptions::kDefaultMaxOutstandingRequests);
     options.maskWrite =
         boundedNumber(settings, kMaskWrite, 0, 1, DeviceOptions::kDefaultMaskWrite ? 1 : 0) == 1;
+    options.transport = static_cast<Transport>(boundedNumber(settings, kTransport, 0,
+                                                             static_cast<int>(Transport::RtuOverTcp),
+                                                             static_cast<int>(DeviceOptions::kDefaultTransport)));
     return options;
 }

@@ -5,6 +5,8 @@
 #include <QMap>
 #include <QString>
 
+#include "connection/transport.h"
+
 struct DeviceOptions {
     static constexpr int kDefaultResponseTimeoutMs = 500;
     static constexpr int kDefaultConnectTimeoutMs = 500;
@@ -15,6 +17,7 @@ struct DeviceOptions {
     static constexpr bool kDefaultReadGaps = true;
     static constexpr int kDefaultMaxOutstandingRequests = 1;
     static constexpr bool kDefaultMaskWrite = false;
+    static constexpr Transport kDefaultTransport = Transport::ModbusTcp;
 
     int responseTimeoutMs = kDefaultResponseTimeoutMs;
     int connectTimeoutMs = kDefaultConnectTimeoutMs;
@@ -25,6 +28,7 @@ struct DeviceOptions {
     bool readGaps = kDefaultReadGaps;
     int maxOutstandingRequests = kDefaultMaxOutstandingRequests;
     bool maskWrite = kDefaultMaskWrite;
+    Transport transport = kDefaultTransport;
 };
 
 DeviceOptions deviceOptions(QMap<QString, QString> const& settings);

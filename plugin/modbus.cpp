@@ -145,6 +145,13 @@ QList<DatabaseColumnStructure> deviceColumns(const QList<NetworkInterfaceInstanc
                     "Write a bit of a holding register with function 22 (mask write), so that the device "
                     "changes that bit alone and no other bit is written back stale. A device that refuses "
                     "function 22 is written by reading and writing the register, as with No."));
+    DatabaseColumnStructure transport =
+        column("transport", kTypeText, 3, "0",
+               "How requests travel on the TCP connection: Modbus TCP (MBAP header), or RTU frames with CRC for "
+               "serial devices behind a transparent serial-to-Ethernet converter.");
+    transport.insertSelectionValues(QStringLiteral("Modbus TCP"), QStringLiteral("0"));
+    transport.insertSelectionValues(QStringLiteral("RTU over TCP"), QStringLiteral("1"));
+    columns.append(transport);
     return columns;
 }
 

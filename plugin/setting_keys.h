@@ -31,6 +31,7 @@ inline const QString kBackoffMaxMs = QStringLiteral("backoff_max_ms");
 inline const QString kReadGaps = QStringLiteral("read_gaps");
 inline const QString kMaxOutstandingRequests = QStringLiteral("max_outstanding_requests");
 inline const QString kMaskWrite = QStringLiteral("mask_write");
+inline const QString kTransport = QStringLiteral("transport");
 
 // The entry of DataItem::values that holds the value text.
 inline const QString kValue = QStringLiteral("value");

@@ -23,6 +23,8 @@ int optionValue(DeviceOptions const& options, QString const& key) {
     if (key == QLatin1String("backoff_max_ms")) return options.backoffMaxMs;
     if (key == QLatin1String("read_gaps")) return options.readGaps ? 1 : 0;
     if (key == QLatin1String("max_outstanding_requests")) return options.maxOutstandingRequests;
+    if (key == QLatin1String("mask_write")) return options.maskWrite ? 1 : 0;
+    if (key == QLatin1String("transport")) return static_cast<int>(options.transport);
     ADD_FAILURE() << key.toStdString();
     return -1;
 }
@@ -50,6 +52,17 @@ TEST(DeviceOptionsTest, EachTextReadsAsItsNumberOrTheDefault) {
         {"retries", "5", 5},
         {"retries", "6", 0},
         {"retries", "-1", 0},
+        {"transport", nullptr, 0},
+        {"transport", "", 0},
+        {"transport", "0", 0},
+        {"transport", "1", 1},
+        {"transport", " 1 ", 1},
+        {"transport", "2", 0},
+        {"transport", "-1", 0},
+        {"transport", "rtu", 0},
+        {"mask_write", nullptr, 0},
+        {"mask_write", "1", 1},
+        {"mask_write", "2", 0},
         {"share_connection", nullptr, 1},
         {"share_connection", "0", 0},
         {"share_connection", "1", 1},

@@ -148,6 +148,13 @@ std::vector<ColumnRow> expectedDeviceColumns(const QList<QPair<QString, QString>
          "bit alone and no other bit is written back stale. A device that refuses function 22 is written by "
          "reading and writing the register, as with No.",
          {{"No", "0"}, {"Yes", "1"}}},
+        {"transport",
+         0,
+         3,
+         "0",
+         "How requests travel on the TCP connection: Modbus TCP (MBAP header), or RTU frames with CRC for serial "
+         "devices behind a transparent serial-to-Ethernet converter.",
+         {{"Modbus TCP", "0"}, {"RTU over TCP", "1"}}},
     };
 }
 

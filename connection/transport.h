@@ -1,0 +1,8 @@
+#pragma once
+// How requests travel on a device's TCP connection. The numbers are the stored texts of the device setting
+// "transport".
+
+enum class Transport {
+    ModbusTcp = 0,   // MBAP header with transaction ids
+    RtuOverTcp = 1,  // RTU frames (unit id, PDU, CRC-16) through a transparent serial-to-Ethernet converter
+};
