@@ -1,5 +1,7 @@
 #include "discovery/frames.h"
 
+#include "connection/crc16.h"
+
 namespace ModbusDiscovery {
 
 namespace {
@@ -14,8 +16,6 @@ constexpr int kMbapMaxLength = 260;
 constexpr int kRtuMinFrameSize = 5;
 constexpr int kRtuCrcSize = 2;
 
-constexpr quint16 kCrcPreset = 0xFFFF;
-constexpr quint16 kCrcPolynomial = 0xA001;  // 0x8005 reflected
 
 // Start address 0, quantity 1: the smallest read a server must answer.
 constexpr unsigned char kSingleReadTail[] = {0x00, 0x00, 0x00, 0x01};
@@ -64,18 +64,8 @@ QByteArray readCoilsPdu() {
 }
 
 quint16 crc16Modbus(const QByteArray& data) {
-    quint16 crc = kCrcPreset;
-    for (const char c : data) {
-        crc ^= static_cast<quint8>(c);
-        for (int bit = 0; bit < 8; ++bit) {
-            if (crc & 1U) {
-                crc = static_cast<quint16>((crc >> 1) ^ kCrcPolynomial);
-            } else {
-                crc = static_cast<quint16>(crc >> 1);
-            }
-        }
-    }
-    return crc;
+    return modbus_crc::crc16(reinterpret_cast<const unsigned char*>(data.constData()),
+                             static_cast<size_t>(data.size()));
 }
 
 QByteArray wrapMbap(quint16 transactionId, unsigned char unitId, const QByteArray& pdu) {
