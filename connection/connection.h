@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "connection/register_type.h"
+#include "connection/transport.h"
 
 struct _modbus;
 typedef struct _modbus modbus_t;
@@ -24,6 +25,7 @@ public:
         int connectTimeoutMs = kDefaultTimeoutMs;
         int responseTimeoutMs = kDefaultTimeoutMs;
         int requestPauseMs = 0;
+        Transport transport = Transport::ModbusTcp;
     };
     // The serial variant is an empty shell: nothing builds a serial context.
     struct Serial {};
