@@ -1,8 +1,13 @@
 #pragma once
-// One Modbus TCP client connection. libmodbus keeps the context (server id, timeouts, error texts); the
-// socket is connected and every request exchanged here with poll(), so that a host holding more than
-// FD_SETSIZE descriptors never reaches libmodbus's select(). Errors come back as -1 plus an errno value or a
-// libmodbus code (MODBUS_ENOBASE and up) in an int* out-parameter; errToStr turns a code into text.
+// One client connection to a Modbus server over TCP, in Modbus TCP frames or in RTU frames for serial devices
+// behind a transparent converter. libmodbus keeps the context (server id, timeouts, error texts); the socket
+// is connected and every request exchanged here with poll(), so that a host holding more than FD_SETSIZE
+// descriptors never reaches libmodbus's select(). Errors come back as -1 plus an errno value or a libmodbus
+// code (MODBUS_ENOBASE and up) in an int* out-parameter; errToStr turns a code into text.
+//
+// The work is shared out: connection.cpp (life cycle, addressing, errors), connection_requests.cpp (the
+// reads and writes), connection_exchange.cpp (one request and its answer in either framing),
+// connection_pipeline.cpp (reads in flight).
 
 #include <QByteArray>
 #include <QString>
@@ -10,6 +15,7 @@
 #include <vector>
 
 #include "connection/register_type.h"
+#include "connection/rtu_framing.h"
 #include "connection/transport.h"
 
 struct _modbus;
@@ -52,9 +58,11 @@ public:
     bool isConnected() const { return connected; }
     void setConnected(bool value) { connected = value; }
     int slave() const { return slaveId; }
+    Transport framing() const { return transport; }
     // Addresses the following requests to `unit`: units behind one gateway share a connection. False, with
-    // the unit addressed before kept, for an id libmodbus cannot address on TCP (248-254, above 255,
-    // negative): the caller must then send nothing, or the request would reach the previous unit.
+    // the unit addressed before kept, for an id that cannot be addressed (on Modbus TCP 248-254, above 255
+    // and negative, as libmodbus refuses them; over RTU also 255): the caller must then send nothing, or the
+    // request would reach the previous unit.
     [[nodiscard]] bool setSlave(int unit);
     // Waits this long before a request after an answer or a new connection: some devices and gateways drop
     // requests that come sooner.
@@ -105,24 +113,42 @@ public:
     int getDeviceError() const { return deviceError; }
 
 private:
-    int connectSocket(int* err) const;
-    int sendFrame(const unsigned char* adu, int length, int* err) const;
-    // An answer to a standard request is sized by its function code, as libmodbus sizes it; any other answer
-    // by its MBAP length field.
-    enum class FrameSize { ByFunction, ByMbapLength };
-    int receiveFrame(unsigned char* frame, int capacity, std::chrono::steady_clock::time_point deadline,
-                     FrameSize size, int* err) const;
+    // Which answer bytes a request waits for: an answer sized by its function code, as libmodbus sizes a
+    // confirmation, or (Modbus TCP only) whatever the MBAP length field says, for the raw PDUs of identity.
+    enum class AnswerSize { ByFunction, ByFrame };
+    // The road of every request but those in flight: frames `pdu` for the addressed unit, waits for the
+    // request pause, sends it and returns the answer's PDU length with the PDU (function code first) in
+    // `reply` (room for kMaxReplyPdu bytes), or -1 with *err set. `byteCount` is what a read's answer must
+    // carry (-1: not a read). A broadcast write over RTU has no answer: 0.
+    int exchange(const unsigned char* pdu, int length, int byteCount, AnswerSize size, unsigned char* reply,
+                 int* err) const;
+    int exchangeMbap(const unsigned char* pdu, int length, AnswerSize size, unsigned char* reply,
+                     int* err) const;
+    int exchangeRtu(const unsigned char* pdu, int length, int byteCount, unsigned char* reply,
+                    int* err) const;
+    // Numbers `pdu` with the next transaction id and sends it in an MBAP frame.
+    int sendMbap(const unsigned char* pdu, int length, int* err) const;
+    int receiveMbapFrame(unsigned char* frame, int capacity, std::chrono::steady_clock::time_point deadline,
+                         AnswerSize size, int* err) const;
     // Receives the answer to the request numbered `sentId`, dropping answers to earlier requests that came
     // late.
-    int receiveAnswer(unsigned short sentId, unsigned char* frame, int capacity, FrameSize size,
-                      int* err) const;
+    int receiveMbapAnswer(unsigned short sentId, unsigned char* frame, int capacity, AnswerSize size,
+                          int* err) const;
+    // Reads until the answer of `unit` to `function` is found among whatever else the stream carries.
+    int receiveRtuAnswer(int function, int byteCount, unsigned char* reply, int* err) const;
+    // Reads until an answer as `expected` is found among whatever else the stream carries, or `deadline`
+    // passes: the PDU's length with the PDU in `reply` (when given), or -1 (EMBBADCRC when the answer came
+    // with a CRC that fails). *skipped counts the bytes passed over.
+    int searchRtuAnswer(rtu_framing::Expectation const& expected,
+                        std::chrono::steady_clock::time_point deadline, unsigned char* reply, int* skipped,
+                        int* err) const;
+    // After a time-out, a request that its late answer could pass for waits for that answer to come and go.
+    void awaitLateRtuAnswer(int function) const;
     void waitForRequestPause() const;
-    // 0 when `reply` (of `received` bytes) answers the standard request `pdu` as libmodbus would accept it,
-    // else the error code libmodbus gives.
-    static int checkConfirmation(const unsigned char* pdu, int expectedReplyPdu, const unsigned char* reply,
-                                 int received);
+    std::chrono::steady_clock::time_point responseDeadline() const;
+    int socket() const;
     // Sends a standard request PDU and checks the reply the way libmodbus checks a confirmation; returns the
-    // reply's frame length with the reply in `reply`, or -1 with *err set.
+    // reply PDU's length with the reply in `reply`, or -1 with *err set.
     int transact(const unsigned char* pdu, int length, int expectedReplyPdu, unsigned char* reply,
                  int* err) const;
     // transact for the requests of five bytes: function code and two words (address and quantity or value).
@@ -131,6 +157,18 @@ private:
     // The end of every request: `error` (errno as the request failed) into *err and the device error, with
     // `failureLog` (its %1 the error's text) logged when given; `result` passes through.
     int settle(int result, int error, int* err, const char* failureLog = nullptr) const;
+    // Reads of a batch one at a time: RTU has no way to tell answers in flight apart.
+    Pipeline readOneByOne(std::vector<PipelinedRead>& reads);
+
+    // Room for any answer PDU, and for any request PDU exchangePdu accepts.
+    static constexpr int kMaxReplyPdu = 260;
+
+    // After an RTU request timed out: its unit and function, and until when its answer may still come.
+    struct LateAnswer {
+        int unit = -1;
+        int function = -1;
+        std::chrono::steady_clock::time_point until{};
+    };
 
     QByteArray host;
     QByteArray service;
@@ -139,6 +177,8 @@ private:
     int requestPauseMs = 0;
     // When the last answer came or the connection was made: the request pause counts from there.
     mutable std::chrono::steady_clock::time_point lastExchange{};
+    Transport transport = Transport::ModbusTcp;
+    mutable LateAnswer lateAnswer;
 
     mutable int deviceError = 0;
     bool connected = false;

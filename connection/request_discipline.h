@@ -9,6 +9,11 @@
 
 namespace request_discipline {
 
+// The socket itself is gone: nothing more can be sent or received on it.
+inline bool isBrokenConnection(int code) {
+    return code == EBADF || code == EPIPE || code == ECONNABORTED || code == ECONNRESET || code == ENOTCONN;
+}
+
 // A reply that never came, a socket that is gone, or bytes that are no answer: whatever arrives next on this
 // connection cannot be matched to a request, so the connection is closed and the next request connects anew.
 inline bool isTransportFailure(int code) {

@@ -6,11 +6,13 @@
 
 namespace {
 
-// Units behind one gateway name the same address and port; a device that wants its own connection gets a
-// key no other device has.
-QString endpointKey(int deviceId, QString const& address, quint16 port, bool shared) {
+// Units behind one gateway or converter name the same address, port and framing; a device that wants its own
+// connection gets a key no other device has.
+QString endpointKey(int deviceId, QString const& address, quint16 port, bool shared, Transport transport) {
     if (!shared) return QStringLiteral("device:") % QString::number(deviceId);
-    return QStringLiteral("tcp:") % address % QLatin1Char(':') % QString::number(port);
+    const QString scheme =
+        transport == Transport::RtuOverTcp ? QStringLiteral("rtu:") : QStringLiteral("tcp:");
+    return scheme % address % QLatin1Char(':') % QString::number(port);
 }
 
 // A device that has not used its connection for this long is taken to be gone from the host: it no longer
@@ -64,7 +66,7 @@ std::shared_ptr<Modbus::TcpDeviceConnection> Modbus::tcpDeviceConnection(int dev
     std::shared_ptr<TcpDeviceConnection>& entry = connections[deviceId];
     if (!entry) {
         entry = std::make_shared<TcpDeviceConnection>();
-        entry->key = endpointKey(deviceId, QString(), 0, false);
+        entry->key = endpointKey(deviceId, QString(), 0, false, Transport::ModbusTcp);
         endpoints.insert(entry->key, entry);
     }
     return entry;
@@ -73,8 +75,8 @@ std::shared_ptr<Modbus::TcpDeviceConnection> Modbus::tcpDeviceConnection(int dev
 std::shared_ptr<Modbus::TcpDeviceConnection> Modbus::tcpDeviceConnection(DeviceInstancePlugin const& device,
                                                                          DeviceOptions const& options,
                                                                          bool* stoppingOut) {
-    const QString key =
-        endpointKey(device.id, device.address, devicePort(device.settings), options.shareConnection);
+    const QString key = endpointKey(device.id, device.address, devicePort(device.settings),
+                                    options.shareConnection, options.transport);
     std::shared_ptr<TcpDeviceConnection> unused;
     std::shared_ptr<TcpDeviceConnection> left;
     std::shared_ptr<TcpDeviceConnection> bound;
@@ -133,6 +135,7 @@ Connection Modbus::makeConnection(DeviceInstancePlugin& device, int* error) {
     network.connectTimeoutMs = options.connectTimeoutMs;
     network.responseTimeoutMs = options.responseTimeoutMs;
     network.requestPauseMs = options.requestPauseMs;
+    network.transport = options.transport;
     return Connection(network, &pluginInterface, error);
 }
 

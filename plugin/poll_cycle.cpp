@@ -243,9 +243,10 @@ bool Modbus::pollDevice(LogList* list, DeviceState& deviceState, DeviceOptions c
     planReads(*state, options, limit, device);
     ReadContext context{*this,         entry->connection, &runner, orders, limit,
                         &state->holes, &state->verified,  {},      false,  kMostProbesPerPoll};
-    // Several requests in flight only where the device allows it, and never with a pause between requests.
+    // Several requests in flight only where the device allows it, never with a pause between requests, and
+    // never over RTU, whose answers carry nothing to tell them apart.
     if (options.maxOutstandingRequests > 1 && options.requestPauseMs == 0 && state->plan.size() > 1 &&
-        !pipelineRefused(device.id)) {
+        options.transport != Transport::RtuOverTcp && !pipelineRefused(device.id)) {
         if (readPipelinedPlan(context, readList, state->plan, options.maxOutstandingRequests) ==
             Connection::Pipeline::Refused)
             refusePipelining(device);
