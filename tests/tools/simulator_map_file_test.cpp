@@ -410,7 +410,7 @@ TEST(SimulatorMapFileFaults, BadFaultsNameTheKey) {
     const QString kinds = QStringLiteral(
         "\"exception\", \"delay\", \"silence\", \"close_after\", \"reset\", \"byte_by_byte\", "
         "\"wrong_transaction_id\", \"wrong_length\", \"wrong_protocol_id\", \"trailing_garbage\", "
-        "\"header_only\", \"busy_every\"");
+        "\"header_only\", \"busy_every\", \"bad_crc\", \"garbage_before\", \"split\", \"other_unit_first\"");
     struct Row {
         const char* name;
         const char* faults;
@@ -479,6 +479,98 @@ TEST(SimulatorMapFileFaults, BadFaultsNameTheKey) {
         QString faultsError;
         EXPECT_FALSE(modbus_sim::readMapFaults(json, &faults, &faultsError));
         EXPECT_EQ(faultsError, error);
+    }
+}
+
+TEST(SimulatorMapFileFaults, SerialLineFaultsBecomeTheirRules) {
+    std::vector<FaultRule> faults;
+    QString error;
+    ASSERT_TRUE(modbus_sim::readMapFaults(R"({"faults": [
+        {"kind": "bad_crc", "unit": 4},
+        {"kind": "garbage_before", "garbage": "hex:6865617274626561740d0a"},
+        {"kind": "garbage_before"},
+        {"kind": "split", "chunk_bytes": 2, "delay_ms": 30},
+        {"kind": "split"},
+        {"kind": "other_unit_first", "function": 3}]})",
+                                          &faults, &error))
+        << error.toStdString();
+    ASSERT_EQ(faults.size(), 6u);
+    EXPECT_EQ(faults[0].kind, modbus_sim::FaultKind::BadCrc);
+    EXPECT_EQ(faults[0].unit, 4);
+    EXPECT_EQ(faults[1].kind, modbus_sim::FaultKind::GarbageBefore);
+    EXPECT_EQ(faults[1].garbage, QByteArray("heartbeat\r\n"));
+    EXPECT_EQ(faults[2].garbage.toHex(), QByteArray("deadbeef"));
+    EXPECT_EQ(faults[3].kind, modbus_sim::FaultKind::Split);
+    EXPECT_EQ(faults[3].chunkBytes, 2);
+    EXPECT_EQ(faults[3].delayMs, 30);
+    EXPECT_EQ(faults[4].chunkBytes, 3);
+    EXPECT_EQ(faults[4].delayMs, 0);
+    EXPECT_EQ(faults[5].kind, modbus_sim::FaultKind::OtherUnitFirst);
+    EXPECT_EQ(faults[5].function, 3);
+    for (const char* name : {"bad_crc", "garbage_before", "split", "other_unit_first"}) {
+        const std::optional<modbus_sim::FaultKind> kind = modbus_sim::faultKindFromName(QLatin1String(name));
+        ASSERT_TRUE(kind.has_value()) << name;
+        EXPECT_STREQ(modbus_sim::faultKindName(*kind), name);
+    }
+}
+
+TEST(SimulatorMapFileFaults, BadSerialLineFaultsNameTheKey) {
+    struct Row {
+        const char* faults;
+        const char* error;
+    };
+    const Row rows[] = {
+        {R"([{"kind": "split", "chunk_bytes": 0}])",
+         "key \"faults[0].chunk_bytes\": value 0 is out of range 1..256"},
+        {R"([{"kind": "split", "chunk_bytes": 257}])",
+         "key \"faults[0].chunk_bytes\": value 257 is out of range 1..256"},
+        {R"([{"kind": "byte_by_byte", "chunk_bytes": 2}])",
+         "key \"faults[0].chunk_bytes\": not used by fault kind \"byte_by_byte\""},
+        {R"([{"kind": "bad_crc", "garbage": "x"}])",
+         "key \"faults[0].garbage\": not used by fault kind \"bad_crc\""},
+        {R"([{"kind": "garbage_before", "delay_ms": 5}])",
+         "key \"faults[0].delay_ms\": not used by fault kind \"garbage_before\""},
+        {R"([{"kind": "other_unit_first", "chunk_bytes": 1}])",
+         "key \"faults[0].chunk_bytes\": not used by fault kind \"other_unit_first\""},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.faults);
+        Simulator simulator;
+        QString error;
+        EXPECT_FALSE(simulator.loadMapJson(QByteArray(R"({"faults": )") + row.faults + "}", &error));
+        EXPECT_EQ(error.toStdString(), row.error);
+    }
+}
+
+TEST(SimulatorMapFile, TransportChoosesTheFraming) {
+    Simulator simulator;
+    EXPECT_EQ(simulator.framing(), modbus_sim::Framing::Tcp);
+    QString error;
+    ASSERT_TRUE(simulator.loadMapJson(R"({"transport": "rtu", "holding_registers": {"0": [258]}})", &error))
+        << error.toStdString();
+    EXPECT_EQ(simulator.framing(), modbus_sim::Framing::Rtu);
+    ASSERT_TRUE(simulator.start());
+    RawClient client;
+    ASSERT_TRUE(client.connectTo(simulator.port()));
+    ASSERT_TRUE(client.send(QByteArray::fromHex("010300000001840a")));
+    EXPECT_EQ(client.readExact(7).toHex(), QByteArray("01030201023815"));
+    client.close();
+    simulator.stop();
+
+    ASSERT_TRUE(simulator.loadMapJson(R"({"transport": "tcp"})", &error)) << error.toStdString();
+    EXPECT_EQ(simulator.framing(), modbus_sim::Framing::Tcp);
+    // A map without the key leaves the framing as it was.
+    simulator.setFraming(modbus_sim::Framing::Rtu);
+    ASSERT_TRUE(simulator.loadMapJson(R"({"units": [1]})", &error)) << error.toStdString();
+    EXPECT_EQ(simulator.framing(), modbus_sim::Framing::Rtu);
+
+    for (const char* json :
+         {R"({"transport": "serial"})", R"({"transport": "RTU"})", R"({"transport": 1})"}) {
+        SCOPED_TRACE(json);
+        Simulator other;
+        EXPECT_FALSE(other.loadMapJson(json, &error));
+        EXPECT_EQ(error, QStringLiteral("key \"transport\": expected \"tcp\" or \"rtu\""));
+        EXPECT_EQ(other.framing(), modbus_sim::Framing::Tcp);
     }
 }
 

@@ -18,11 +18,14 @@ constexpr int kMaxPort = 65535;
 void printUsage(FILE* out) {
     fprintf(out,
             "Usage: modbus-sim [--listen ADDR] [--port N] [--map FILE]\n"
-            "Simulates a Modbus TCP device until interrupted (SIGINT or SIGTERM).\n"
-            "  --listen ADDR  IPv4 address to listen on (default 127.0.0.1)\n"
-            "  --port N       TCP port, 0 picks a free one (default 0)\n"
-            "  --map FILE     JSON map of units, register tables, identification and faults\n"
-            "  --help         show this help\n");
+            "                  [--transport tcp|rtu]\n"
+            "Simulates a Modbus device (Modbus TCP, or RTU over TCP) until interrupted (SIGINT or SIGTERM).\n"
+            "  --listen ADDR     IPv4 address to listen on (default 127.0.0.1)\n"
+            "  --port N          TCP port, 0 picks a free one (default 0)\n"
+            "  --map FILE        JSON map of units, register tables, identification and faults\n"
+            "  --transport NAME  tcp (Modbus TCP) or rtu (RTU frames over TCP); overrides the map's\n"
+            "                    \"transport\" (default tcp)\n"
+            "  --help            show this help\n");
 }
 
 }  // namespace
@@ -31,6 +34,7 @@ int main(int argc, char** argv) {
     QString address = QStringLiteral("127.0.0.1");
     int port = 0;
     QString mapFile;
+    QString transport;
     for (int i = 1; i < argc; ++i) {
         const QString option = QString::fromLocal8Bit(argv[i]);
         if (option == QLatin1String("--help") || option == QLatin1String("-h")) {
@@ -38,7 +42,7 @@ int main(int argc, char** argv) {
             return 0;
         }
         const bool takesValue = option == QLatin1String("--listen") || option == QLatin1String("--port") ||
-                                option == QLatin1String("--map");
+                                option == QLatin1String("--map") || option == QLatin1String("--transport");
         if (!takesValue || i + 1 >= argc) {
             fprintf(stderr, "modbus-sim: %s %s\n", takesValue ? "missing value for" : "unknown option",
                     argv[i]);
@@ -50,6 +54,13 @@ int main(int argc, char** argv) {
             address = value;
         } else if (option == QLatin1String("--map")) {
             mapFile = value;
+        } else if (option == QLatin1String("--transport")) {
+            if (value != QLatin1String("tcp") && value != QLatin1String("rtu")) {
+                fprintf(stderr, "modbus-sim: --transport must be tcp or rtu, not \"%s\"\n", argv[i]);
+                printUsage(stderr);
+                return kExitUsage;
+            }
+            transport = value;
         } else {
             bool ok = false;
             port = value.toInt(&ok);
@@ -74,6 +85,10 @@ int main(int argc, char** argv) {
     if (!mapFile.isEmpty() && !simulator.loadMapFile(mapFile, &error)) {
         fprintf(stderr, "modbus-sim: %s\n", qPrintable(error));
         return kExitFailure;
+    }
+    if (!transport.isEmpty()) {
+        simulator.setFraming(transport == QLatin1String("rtu") ? modbus_sim::Framing::Rtu
+                                                               : modbus_sim::Framing::Tcp);
     }
     if (!simulator.start(address, static_cast<uint16_t>(port), &error)) {
         fprintf(stderr, "modbus-sim: %s\n", qPrintable(error));

@@ -26,6 +26,10 @@ constexpr KindName kKindNames[] = {
     {FaultKind::TrailingGarbage, "trailing_garbage"},
     {FaultKind::HeaderOnly, "header_only"},
     {FaultKind::BusyEvery, "busy_every"},
+    {FaultKind::BadCrc, "bad_crc"},
+    {FaultKind::GarbageBefore, "garbage_before"},
+    {FaultKind::Split, "split"},
+    {FaultKind::OtherUnitFirst, "other_unit_first"},
 };
 
 }  // namespace

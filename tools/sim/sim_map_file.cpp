@@ -13,6 +13,7 @@
 
 #include "tools/sim/sim_fault_names.h"
 #include "tools/sim/sim_protocol.h"
+#include "tools/sim/sim_rtu.h"
 #include "tools/sim/simulator.h"
 
 namespace modbus_sim {
@@ -31,31 +32,35 @@ constexpr int kMaxAfterRequests = std::numeric_limits<int>::max();
 constexpr int kMaxLengthField = 0xFFFF;
 constexpr int kMaxEveryRequests = std::numeric_limits<int>::max();
 
-// The parameter key each fault kind reads; kinds without one take none.
-const char* faultParameterKey(FaultKind kind) {
+// Whether fault kind `kind` reads parameter `key`.
+bool usesParameter(FaultKind kind, const QString& key) {
     switch (kind) {
         case FaultKind::Exception:
-            return "exception_code";
+            return key == QLatin1String("exception_code");
         case FaultKind::Delay:
         case FaultKind::ByteByByte:
-            return "delay_ms";
+            return key == QLatin1String("delay_ms");
+        case FaultKind::Split:
+            return key == QLatin1String("chunk_bytes") || key == QLatin1String("delay_ms");
         case FaultKind::CloseAfter:
-            return "after_requests";
+            return key == QLatin1String("after_requests");
         case FaultKind::WrongLength:
-            return "length_field";
+            return key == QLatin1String("length_field");
         case FaultKind::TrailingGarbage:
-            return "garbage";
+        case FaultKind::GarbageBefore:
+            return key == QLatin1String("garbage");
         case FaultKind::BusyEvery:
-            return "every_requests";
+            return key == QLatin1String("every_requests");
         default:
-            return nullptr;
+            return false;
     }
 }
 
 bool isFaultParameterKey(const QString& key) {
     return key == QLatin1String("exception_code") || key == QLatin1String("delay_ms") ||
            key == QLatin1String("after_requests") || key == QLatin1String("length_field") ||
-           key == QLatin1String("garbage") || key == QLatin1String("every_requests");
+           key == QLatin1String("garbage") || key == QLatin1String("every_requests") ||
+           key == QLatin1String("chunk_bytes");
 }
 
 template <typename T>
@@ -72,6 +77,7 @@ struct UnitTables {
 };
 
 struct MapFile {
+    std::optional<Framing> framing;
     std::optional<std::set<int>> units;
     std::optional<UnknownUnitReply> unknownUnitReply;
     std::optional<std::set<int>> deadUnits;
@@ -97,6 +103,7 @@ private:
         return false;
     }
     bool readInt(const QJsonValue& value, const QString& key, int min, int max, int* out);
+    bool readFraming(const QJsonValue& value, const QString& key, std::optional<Framing>* out);
     bool readUnits(const QJsonValue& value, const QString& key, std::set<int>* out);
     bool readUnitReply(const QJsonValue& value, const QString& key, std::optional<UnknownUnitReply>* out);
     bool readSetting(const QJsonValue& value, const QString& key, int max, std::optional<int>* out);
@@ -124,6 +131,17 @@ bool MapReader::readInt(const QJsonValue& value, const QString& key, int min, in
     }
     if (*out < min || *out > max) {
         return fail(key, QStringLiteral("value %1 is out of range %2..%3").arg(*out).arg(min).arg(max));
+    }
+    return true;
+}
+
+bool MapReader::readFraming(const QJsonValue& value, const QString& key, std::optional<Framing>* out) {
+    if (value.toString() == QLatin1String("tcp")) {
+        *out = Framing::Tcp;
+    } else if (value.toString() == QLatin1String("rtu")) {
+        *out = Framing::Rtu;
+    } else {
+        return fail(key, QStringLiteral("expected \"tcp\" or \"rtu\""));
     }
     return true;
 }
@@ -310,7 +328,6 @@ bool MapReader::readFault(const QJsonValue& value, const QString& key, FaultRule
     }
     FaultRule rule;
     rule.kind = *kind;
-    const char* parameterKey = faultParameterKey(rule.kind);
     for (auto it = object.begin(); it != object.end(); ++it) {
         const QString subKey = key + QLatin1Char('.') + it.key();
         if (it.key() == QLatin1String("kind")) continue;
@@ -320,8 +337,7 @@ bool MapReader::readFault(const QJsonValue& value, const QString& key, FaultRule
             if (!readNumber(it.value(), subKey, 0, kMaxFunctionCode, &rule.function)) return false;
         } else if (it.key() == QLatin1String("address")) {
             if (!readNumber(it.value(), subKey, 0, kTableSize - 1, &rule.address)) return false;
-        } else if (isFaultParameterKey(it.key()) &&
-                   (!parameterKey || it.key() != QLatin1String(parameterKey))) {
+        } else if (isFaultParameterKey(it.key()) && !usesParameter(rule.kind, it.key())) {
             // A parameter the kind ignores is most likely a mix-up of kinds; ignoring it would hide that.
             return fail(
                 subKey,
@@ -339,6 +355,8 @@ bool MapReader::readFault(const QJsonValue& value, const QString& key, FaultRule
             if (!readBytes(it.value(), subKey, &rule.garbage)) return false;
         } else if (it.key() == QLatin1String("every_requests")) {
             if (!readNumber(it.value(), subKey, 1, kMaxEveryRequests, &rule.everyRequests)) return false;
+        } else if (it.key() == QLatin1String("chunk_bytes")) {
+            if (!readNumber(it.value(), subKey, 1, kMaxRtuFrameLength, &rule.chunkBytes)) return false;
         } else {
             return fail(subKey, QStringLiteral("unknown key"));
         }
@@ -362,7 +380,9 @@ bool MapReader::read(const QJsonObject& root, MapFile* map) {
     for (auto it = root.begin(); it != root.end(); ++it) {
         const QString key = it.key();
         const QJsonValue value = it.value();
-        if (key == QLatin1String("units")) {
+        if (key == QLatin1String("transport")) {
+            if (!readFraming(value, key, &map->framing)) return false;
+        } else if (key == QLatin1String("units")) {
             std::set<int> units;
             if (!readUnits(value, key, &units)) return false;
             map->units = units;
@@ -437,6 +457,7 @@ bool readMapFaults(const QByteArray& json, std::vector<FaultRule>* faults, QStri
 bool Simulator::loadMapJson(const QByteArray& json, QString* error) {
     MapFile map;
     if (!parseMap(json, &map, error)) return false;
+    if (map.framing) setFraming(*map.framing);
     if (map.units) setUnits(*map.units);
     if (map.unknownUnitReply) setUnknownUnitReply(*map.unknownUnitReply);
     // A reply without units changes how the dead units already set answer, and units without a reply keep it.

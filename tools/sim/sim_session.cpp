@@ -1,14 +1,16 @@
-// One client connection of the simulator: reads request frames by their MBAP length, answers them and applies
-// the injected faults.
+// One client connection of the simulator: reads request frames (by their MBAP length, or RTU frames by their
+// function code), answers them and applies the injected faults.
 
 #include <errno.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "tools/sim/sim_protocol.h"
+#include "tools/sim/sim_rtu.h"
 #include "tools/sim/sim_state.h"
 
 namespace modbus_sim {
@@ -20,11 +22,24 @@ constexpr char kContextAddress[] = "127.0.0.1";
 // libmodbus sleeps for the response timeout before flushing after some exceptions; a server has no reason to
 // wait, so the timeout is the smallest one libmodbus accepts.
 constexpr uint32_t kReplyFlushTimeoutUs = 1;
+// One recv takes at most this much; an RTU frame is never longer.
+constexpr int kReceiveChunk = kMaxRtuFrameLength;
+
+bool isRead(int function) {
+    return function == kFunctionReadCoils || function == kFunctionReadDiscreteInputs ||
+           function == kFunctionReadHoldingRegisters || function == kFunctionReadInputRegisters;
+}
 
 }  // namespace
 
-Session::Session(Simulator::State* state, int fd, int stopFd, int connection, qint64 acceptedUs)
-    : state(state), fd(fd), stopFd(stopFd), connection(connection), lastAnswerUs(acceptedUs) {
+Session::Session(Simulator::State* state, int fd, int stopFd, int connection, qint64 acceptedUs,
+                 Framing framing)
+    : state(state),
+      fd(fd),
+      stopFd(stopFd),
+      framing(framing),
+      connection(connection),
+      lastAnswerUs(acceptedUs) {
     context = modbus_new_tcp(kContextAddress, 0);
     if (context) modbus_set_response_timeout(context, 0, kReplyFlushTimeoutUs);
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, capture) != 0) {
@@ -57,13 +72,8 @@ void Session::join() {
 void Session::run() {
     bool alreadyClosed = false;
     for (;;) {
-        QByteArray request(kMbapHeaderLength, '\0');
-        if (!readExact(request.data(), kMbapHeaderLength)) break;
-        const int length = readBigEndian16(request, kMbapLengthFieldOffset);
-        // A frame without even a unit id cannot be answered, and the stream cannot be trusted after it.
-        if (length < 1) break;
-        request.resize(kMbapHeaderLength - 1 + length);
-        if (length > 1 && !readExact(request.data() + kMbapHeaderLength, length - 1)) break;
+        QByteArray request;
+        if (!(framing == Framing::Rtu ? readRtuRequest(&request) : readMbapRequest(&request))) break;
         const Outcome outcome = handleReceived(request);
         if (outcome == Outcome::Closed) alreadyClosed = true;
         if (outcome != Outcome::Continue) break;
@@ -76,6 +86,70 @@ void Session::run() {
         ++state->closedConnections;
     }
     done = true;
+}
+
+bool Session::readMbapRequest(QByteArray* request) {
+    request->fill('\0', kMbapHeaderLength);
+    if (!readExact(request->data(), kMbapHeaderLength)) return false;
+    const int length = readBigEndian16(*request, kMbapLengthFieldOffset);
+    // A frame without even a unit id cannot be answered, and the stream cannot be trusted after it.
+    if (length < 1) return false;
+    request->resize(kMbapHeaderLength - 1 + length);
+    return length == 1 || readExact(request->data() + kMbapHeaderLength, length - 1);
+}
+
+bool Session::readRtuRequest(QByteArray* request) {
+    // RTU has no length field and no transaction id: the function code tells where a frame ends, and the CRC
+    // whether it was one. Anything else is dropped a byte at a time, so that a request right behind noise or
+    // a broken frame is still found.
+    for (;;) {
+        const int length = rtuRequestLength(pending);
+        if (length < 0) {
+            discardPendingByte();
+            continue;
+        }
+        if (length > 0 && pending.size() >= length) {
+            const QByteArray frame = pending.left(length);
+            if (!rtuCrcValid(frame)) {
+                discardPendingByte();
+                continue;
+            }
+            pending.remove(0, length);
+            *request = mbapFromRtu(frame);
+            return true;
+        }
+        const Arrival arrival = receiveMore(pending.isEmpty() ? -1 : kRtuFrameGapMs);
+        if (arrival == Arrival::Closed) return false;
+        if (arrival == Arrival::Quiet) discardPendingByte();
+    }
+}
+
+void Session::discardPendingByte() {
+    pending.remove(0, 1);
+    std::lock_guard<std::mutex> lock(state->mutex);
+    ++state->discardedBytes;
+}
+
+Session::Arrival Session::receiveMore(int quietMs) {
+    for (;;) {
+        pollfd fds[2] = {{fd, POLLIN, 0}, {stopFd, POLLIN, 0}};
+        const int ready = ::poll(fds, 2, quietMs);
+        if (ready < 0) {
+            if (errno == EINTR) continue;
+            return Arrival::Closed;
+        }
+        if (ready == 0) return Arrival::Quiet;
+        if (fds[1].revents != 0) return Arrival::Closed;
+        char bytes[kReceiveChunk];
+        const ssize_t n = ::recv(fd, bytes, sizeof(bytes), 0);
+        if (n == 0) return Arrival::Closed;
+        if (n < 0) {
+            if (errno == EINTR || errno == EAGAIN) continue;
+            return Arrival::Closed;
+        }
+        pending.append(bytes, static_cast<int>(n));
+        return Arrival::Bytes;
+    }
 }
 
 bool Session::readExact(char* data, int size) {
@@ -122,6 +196,20 @@ bool Session::sendAnswer(const QByteArray& bytes) {
     return sendAll(bytes);
 }
 
+Session::Outcome Session::sendInChunks(const QByteArray& bytes, int chunkBytes, int delayMs) {
+    const int step = std::max(chunkBytes, 1);
+    for (int i = 0; i < bytes.size(); i += step) {
+        if (i > 0 && waitForStop(delayMs)) return Outcome::Close;
+        if (i + step >= bytes.size()) stampAnswer();
+        if (!sendAll(bytes.mid(i, step))) return Outcome::Close;
+    }
+    return Outcome::Continue;
+}
+
+QByteArray Session::toWire(const QByteArray& answer) const {
+    return framing == Framing::Rtu ? rtuFromMbap(answer) : answer;
+}
+
 void Session::stampAnswer() {
     answeredUs = state->elapsedUs();
     std::lock_guard<std::mutex> lock(state->mutex);
@@ -163,6 +251,8 @@ Session::Outcome Session::handleReceived(const QByteArray& request) {
 }
 
 Session::Outcome Session::handle(const QByteArray& request, const RequestRecord& record) {
+    // A serial line's broadcast is carried out by the device but never answered, not even with an exception.
+    const bool broadcast = framing == Framing::Rtu && record.unit == kRtuBroadcastUnit;
     bool served = true;
     UnknownUnitReply unservedReply;
     FaultRule fault;
@@ -175,8 +265,9 @@ Session::Outcome Session::handle(const QByteArray& request, const RequestRecord&
         unservedReply = dead ? state->deadUnitReply : state->unknownUnitReply;
     }
     if (!served) {
-        if (unservedReply == UnknownUnitReply::GatewayException) {
-            return sendAnswer(exceptionAnswer(request, record.function, kExceptionGatewayTargetFailed))
+        if (unservedReply == UnknownUnitReply::GatewayException && !broadcast) {
+            return sendAnswer(
+                       toWire(exceptionAnswer(request, record.function, kExceptionGatewayTargetFailed)))
                        ? Outcome::Continue
                        : Outcome::Close;
         }
@@ -186,10 +277,11 @@ Session::Outcome Session::handle(const QByteArray& request, const RequestRecord&
     if (closeNow) return Outcome::Close;
     if (rule && rule->kind == FaultKind::Silence) return Outcome::Continue;
     if (rule && (rule->kind == FaultKind::Exception || rule->kind == FaultKind::BusyEvery)) {
+        if (broadcast) return Outcome::Continue;
         const int code =
             rule->kind == FaultKind::Exception ? rule->exceptionCode : kExceptionServerDeviceBusy;
-        return sendAnswer(exceptionAnswer(request, record.function, code)) ? Outcome::Continue
-                                                                           : Outcome::Close;
+        return sendAnswer(toWire(exceptionAnswer(request, record.function, code))) ? Outcome::Continue
+                                                                                   : Outcome::Close;
     }
 
     QByteArray answer;
@@ -211,8 +303,8 @@ Session::Outcome Session::handle(const QByteArray& request, const RequestRecord&
         answer = standardAnswer(request, record.unit);
     }
     // Frames longer than any Modbus ADU are not answered, as a device would drop them.
-    if (answer.isEmpty()) return Outcome::Continue;
-    return deliver(rule, answer);
+    if (answer.isEmpty() || broadcast) return Outcome::Continue;
+    return deliver(rule, request, record, answer);
 }
 
 QByteArray Session::standardAnswer(const QByteArray& request, int unit) {
@@ -270,26 +362,51 @@ const FaultRule* Session::selectFault(const RequestRecord& record, FaultRule* st
     return nullptr;
 }
 
-Session::Outcome Session::deliver(const FaultRule* fault, const QByteArray& answer) {
-    if (!fault) return sendAnswer(answer) ? Outcome::Continue : Outcome::Close;
+Session::Outcome Session::deliver(const FaultRule* fault, const QByteArray& request,
+                                  const RequestRecord& record, const QByteArray& answer) {
+    if (!fault) return sendAnswer(toWire(answer)) ? Outcome::Continue : Outcome::Close;
     switch (fault->kind) {
         case FaultKind::Delay:
             if (waitForStop(fault->delayMs)) return Outcome::Close;
-            return sendAnswer(answer) ? Outcome::Continue : Outcome::Close;
+            return sendAnswer(toWire(answer)) ? Outcome::Continue : Outcome::Close;
         case FaultKind::ByteByByte:
-            for (int i = 0; i < answer.size(); ++i) {
-                if (i > 0 && waitForStop(fault->delayMs)) return Outcome::Close;
-                if (i == answer.size() - 1) stampAnswer();
-                if (!sendAll(answer.mid(i, 1))) return Outcome::Close;
-            }
-            return Outcome::Continue;
-        case FaultKind::Reset:
-            sendAll(answer.left(answer.size() / 2));
+            return sendInChunks(toWire(answer), 1, fault->delayMs);
+        case FaultKind::Split:
+            return sendInChunks(toWire(answer), fault->chunkBytes, fault->delayMs);
+        case FaultKind::Reset: {
+            const QByteArray wire = toWire(answer);
+            sendAll(wire.left(wire.size() / 2));
             resetConnection();
             return Outcome::Closed;
-        default:
-            return sendAnswer(alterAnswer(*fault, answer)) ? Outcome::Continue : Outcome::Close;
+        }
+        case FaultKind::GarbageBefore:
+            if (!sendAll(fault->garbage)) return Outcome::Close;
+            return sendAnswer(toWire(answer)) ? Outcome::Continue : Outcome::Close;
+        case FaultKind::OtherUnitFirst:
+            if (!sendAll(toWire(otherUnitAnswer(request, record, answer)))) return Outcome::Close;
+            return sendAnswer(toWire(answer)) ? Outcome::Continue : Outcome::Close;
+        default: {
+            const QByteArray altered = framing == Framing::Rtu ? alterRtuAnswer(*fault, toWire(answer))
+                                                               : alterAnswer(*fault, answer);
+            return sendAnswer(altered) ? Outcome::Continue : Outcome::Close;
+        }
     }
+}
+
+QByteArray Session::otherUnitAnswer(const QByteArray& request, const RequestRecord& record,
+                                    const QByteArray& answer) {
+    const char other = static_cast<char>((record.unit + 1) % kRtuUnitIdCount);
+    QByteArray otherAnswer;
+    if (isRead(record.function)) {
+        QByteArray otherRequest = request;
+        otherRequest[kMbapUnitIdOffset] = other;
+        otherAnswer = standardAnswer(otherRequest, static_cast<uint8_t>(other));
+    }
+    if (otherAnswer.isEmpty()) {
+        otherAnswer = answer;
+        otherAnswer[kMbapUnitIdOffset] = other;
+    }
+    return otherAnswer;
 }
 
 void Session::resetConnection() {

@@ -38,6 +38,7 @@ struct Simulator::State {
     // The shared tables, and the tables of the units that have their own.
     modbus_mapping_t* mapping = nullptr;
     std::map<int, MappingPtr> unitTables;
+    Framing framing = Framing::Tcp;
     std::set<int> units;
     UnknownUnitReply unknownUnitReply = UnknownUnitReply::Silence;
     std::set<int> deadUnits;
@@ -55,6 +56,7 @@ struct Simulator::State {
     std::map<size_t, int> busyEveryCounts;
     std::map<int, int> functionCounts;
     int totalRequests = 0;
+    int discardedBytes = 0;
     std::vector<RequestRecord> requestLog;
     // Bumped by clearRequestLog, so that a session does not stamp its answer time on someone else's record.
     int requestLogGeneration = 0;
@@ -88,7 +90,7 @@ struct Simulator::State {
 // One client connection: its socket, its thread and its libmodbus server context.
 class Session {
 public:
-    Session(Simulator::State* state, int fd, int stopFd, int connection, qint64 acceptedUs);
+    Session(Simulator::State* state, int fd, int stopFd, int connection, qint64 acceptedUs, Framing framing);
     ~Session();
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
@@ -99,13 +101,25 @@ public:
 
 private:
     enum class Outcome { Continue, Close, Closed };
+    enum class Arrival { Bytes, Quiet, Closed };
 
     void run();
+    // The next request as an MBAP frame, read by the connection's framing; false once the connection ends.
+    bool readMbapRequest(QByteArray* request);
+    bool readRtuRequest(QByteArray* request);
+    // RTU: drops the first pending byte while looking for a frame.
+    void discardPendingByte();
+    // Appends what arrives to `pending`; Quiet when nothing did within `quietMs` (-1: wait for ever).
+    Arrival receiveMore(int quietMs);
     bool readExact(char* data, int size);
     bool waitForStop(int ms);
     bool sendAll(const QByteArray& bytes);
     // sendAll for a whole answer, after stampAnswer.
     bool sendAnswer(const QByteArray& bytes);
+    // The answer in `chunkBytes` pieces, `delayMs` apart; the answer time is taken before the last piece.
+    Outcome sendInChunks(const QByteArray& bytes, int chunkBytes, int delayMs);
+    // An MBAP answer as the connection's framing puts it on the wire.
+    QByteArray toWire(const QByteArray& answer) const;
     // Takes the answer time of the current request and logs it. It is taken before the (last) bytes are
     // handed to the socket, so that whoever has read the answer finds its time in the log.
     void stampAnswer();
@@ -114,12 +128,20 @@ private:
     // libmodbus's answer from the tables of `unit`.
     QByteArray standardAnswer(const QByteArray& request, int unit);
     const FaultRule* selectFault(const RequestRecord& record, FaultRule* storage, bool* closeNow);
-    Outcome deliver(const FaultRule* fault, const QByteArray& answer);
+    Outcome deliver(const FaultRule* fault, const QByteArray& request, const RequestRecord& record,
+                    const QByteArray& answer);
+    // The answer another unit would give to `request`: a read from that unit's tables, otherwise `answer`
+    // under that unit's id (so that a write is not carried out twice).
+    QByteArray otherUnitAnswer(const QByteArray& request, const RequestRecord& record,
+                               const QByteArray& answer);
     void resetConnection();
 
     Simulator::State* state;
     int fd;
     int stopFd;
+    Framing framing;
+    // RTU: bytes received but not yet taken as a request.
+    QByteArray pending;
     std::thread thread;
     std::atomic<bool> done{false};
     modbus_t* context = nullptr;

@@ -100,8 +100,10 @@ void Simulator::State::acceptLoop() {
         ::setsockopt(client, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
         const qint64 acceptedUs = elapsedUs();
         int connection = 0;
+        Framing connectionFraming = Framing::Tcp;
         {
             std::lock_guard<std::mutex> lock(mutex);
+            connectionFraming = framing;
             if (connectionLimit > 0 && openConnections >= connectionLimit) {
                 ++rejectedConnections;
             } else {
@@ -116,7 +118,8 @@ void Simulator::State::acceptLoop() {
         }
         reapFinishedSessions(false);
         std::lock_guard<std::mutex> lock(sessionsMutex);
-        sessions.push_back(std::make_unique<Session>(this, client, stopPipe[0], connection, acceptedUs));
+        sessions.push_back(
+            std::make_unique<Session>(this, client, stopPipe[0], connection, acceptedUs, connectionFraming));
         sessions.back()->start();
     }
 }
@@ -220,6 +223,16 @@ uint16_t Simulator::port() const {
 QString Simulator::address() const {
     std::lock_guard<std::mutex> lifecycle(state->lifecycleMutex);
     return state->address;
+}
+
+void Simulator::setFraming(Framing framing) {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    state->framing = framing;
+}
+
+Framing Simulator::framing() const {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    return state->framing;
 }
 
 void Simulator::setUnits(const std::set<int>& units) {
@@ -400,6 +413,12 @@ void Simulator::clearRequestLog() {
     ++state->requestLogGeneration;
     state->functionCounts.clear();
     state->totalRequests = 0;
+    state->discardedBytes = 0;
+}
+
+int Simulator::discardedBytes() const {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    return state->discardedBytes;
 }
 
 int Simulator::acceptedConnections() const {

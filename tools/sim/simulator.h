@@ -1,7 +1,9 @@
 #pragma once
-// A Modbus TCP device simulator for tests and the command line. Standard requests are answered by libmodbus's
-// own server side (modbus_reply over a modbus_mapping_t); Read Device Identification (FC 43 / MEI 14), Report
-// Slave ID (FC 17) and the injected faults are answered here. Every client socket gets a thread of its own.
+// A Modbus device simulator for tests and the command line, speaking Modbus TCP or RTU over TCP (the framing
+// of a serial device behind a transparent serial-to-Ethernet converter). Standard requests are answered by
+// libmodbus's own server side (modbus_reply over a modbus_mapping_t); Read Device Identification (FC 43 / MEI
+// 14), Report Slave ID (FC 17) and the injected faults are answered here. Every client socket gets a thread
+// of its own.
 
 #include <QByteArray>
 #include <QString>
@@ -13,6 +15,12 @@
 #include <vector>
 
 namespace modbus_sim {
+
+// What the byte stream of a connection carries.
+enum class Framing {
+    Tcp,  // MBAP header (transaction id, protocol id, length, unit id), then the PDU
+    Rtu,  // unit id, PDU, CRC-16/MODBUS low byte first: no header, no transaction id; unit 0 is broadcast
+};
 
 enum class UnknownUnitReply {
     Silence,           // requests for a unit that is not served are never answered
@@ -32,6 +40,10 @@ enum class FaultKind {
     TrailingGarbage,     // append `garbage` after the answer
     HeaderOnly,          // answer with only the 7-byte MBAP header (length 1)
     BusyEvery,           // every `everyRequests`th matching request: exception 6 (server device busy)
+    BadCrc,              // RTU: answer with the CRC's last byte inverted (Modbus TCP has no CRC: unchanged)
+    GarbageBefore,       // send `garbage` before the answer (a converter's heartbeat or registration packet)
+    Split,               // send the answer in chunks of `chunkBytes` bytes, `delayMs` apart
+    OtherUnitFirst,      // first an answer to the same request from unit (unit + 1) % 248, then the answer
 };
 
 // A fault applies to a request when every given selector matches (-1 = any). `address` matches when the
@@ -53,6 +65,8 @@ struct FaultRule {
     int afterRequests = 0;
     int lengthField = 0;
     int everyRequests = 1;
+    int chunkBytes = 3;  // values below 1 act as 1
+    // Neither a Modbus TCP header nor an RTU frame: unit 0xDE would need function 0xAD, which no answer has.
     QByteArray garbage = QByteArray::fromHex("deadbeef");
 };
 
@@ -68,7 +82,7 @@ struct RequestRecord {
     qint64 receivedUs = 0;
     qint64 answeredUs = -1;
     int connection = 0;     // 1-based, in the order the served connections were accepted
-    int transactionId = 0;  // from the request's MBAP header
+    int transactionId = 0;  // from the request's MBAP header; 0 in RTU framing
     bool dropped = false;   // arrived within the minimum request gap, so never looked at nor answered
 };
 
@@ -84,6 +98,10 @@ struct DeviceIdentification {
 // testing.
 constexpr int kMaxConnectionLimit = 1024;
 constexpr int kMaxSettingMs = 60000;
+// RTU framing: a frame whose first bytes have come but whose rest does not follow within this time is given
+// up on (its first byte dropped), the way a serial device ends a frame at a silence on the line. Far above
+// the gaps inside one request sent over loopback or through a converter's packing interval.
+constexpr int kRtuFrameGapMs = 250;
 
 class Session;
 
@@ -101,6 +119,11 @@ public:
     bool running() const;
     uint16_t port() const;
     QString address() const;
+
+    // The framing of every connection (default Tcp). Set it before start(); connections already open keep the
+    // framing they were accepted with.
+    void setFraming(Framing framing);
+    Framing framing() const;
 
     // Unit ids served; empty set (the default) serves every unit id.
     void setUnits(const std::set<int>& units);
@@ -167,6 +190,10 @@ public:
     int totalRequests() const;
     std::vector<RequestRecord> requestLog() const;
     void clearRequestLog();
+    // RTU framing: bytes the reader dropped while looking for a request frame (frames whose CRC fails, bytes
+    // that start no request, the first byte of a frame left unfinished for kRtuFrameGapMs). These frames are
+    // neither logged nor answered. clearRequestLog zeroes this count too.
+    int discardedBytes() const;
     // acceptedConnections counts the served connections only; those closed at once by the connection limit
     // count as rejectedConnections instead (and never as open or closed).
     int acceptedConnections() const;

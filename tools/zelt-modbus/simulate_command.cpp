@@ -2,6 +2,7 @@
 #include <signal.h>
 
 #include <QTextStream>
+#include <optional>
 #include <set>
 
 #include "tools/sim/simulator.h"
@@ -21,6 +22,23 @@ bool readBoundedOption(const CommandLine& command, const QString& name, int mini
     QTextStream(stderr) << "zelt-modbus simulate: --" << name << " must be at most " << maximum << "\n"
                         << command.usage();
     return false;
+}
+
+// The --transport option into `framing` when given; false after printing the problem.
+bool readTransport(const CommandLine& command, std::optional<modbus_sim::Framing>* framing) {
+    if (!command.has(QStringLiteral("transport"))) return true;
+    const QString text = command.value(QStringLiteral("transport"));
+    if (text == QLatin1String("tcp")) {
+        *framing = modbus_sim::Framing::Tcp;
+    } else if (text == QLatin1String("rtu")) {
+        *framing = modbus_sim::Framing::Rtu;
+    } else {
+        QTextStream(stderr) << "zelt-modbus simulate: --transport must be tcp or rtu, not \"" << text
+                            << "\"\n"
+                            << command.usage();
+        return false;
+    }
+    return true;
 }
 
 // The dead units and their reply, each from its option when given; false after printing the problem.
@@ -65,7 +83,7 @@ bool readDeadUnits(const CommandLine& command, const modbus_sim::Simulator& simu
 int runSimulate(const QStringList& arguments) {
     CommandLine command(
         QStringLiteral("simulate"),
-        QStringLiteral("Runs the Modbus TCP device simulator until interrupted (Ctrl-C or SIGTERM)\n"
+        QStringLiteral("Runs the Modbus device simulator until interrupted (Ctrl-C or SIGTERM)\n"
                        "and prints the address and port it listens on."));
     command.addOption(QStringLiteral("listen"), QStringLiteral("ADDR"),
                       QStringLiteral("IPv4 address to listen on (default 127.0.0.1)"));
@@ -73,6 +91,9 @@ int runSimulate(const QStringList& arguments) {
                       QStringLiteral("TCP port; 0 picks a free one (default 0)"));
     command.addOption(QStringLiteral("map"), QStringLiteral("FILE"),
                       QStringLiteral("JSON map of units, register tables, identification and faults"));
+    command.addOption(QStringLiteral("transport"), QStringLiteral("NAME"),
+                      QStringLiteral("tcp (Modbus TCP, default) or rtu (RTU frames over TCP, as behind a "
+                                     "serial converter)"));
     command.addOption(QStringLiteral("connection-limit"), QStringLiteral("N"),
                       QStringLiteral("close connections beyond N open ones at once (0: no limit)"));
     command.addOption(QStringLiteral("serial-line"), QStringLiteral("MS"),
@@ -105,6 +126,8 @@ int runSimulate(const QStringList& arguments) {
                            &minimumRequestGapMs) ||
         !readNumberOption(command, QStringLiteral("busy-every"), 1, 0, &busyEvery))
         return kExitUsage;
+    std::optional<modbus_sim::Framing> framing;
+    if (!readTransport(command, &framing)) return kExitUsage;
 
     // The stopSignals are taken by sigwait below; blocking them before the simulator starts its threads keeps
     // those threads from receiving them.
@@ -134,6 +157,7 @@ int runSimulate(const QStringList& arguments) {
     if (command.has(QStringLiteral("connection-limit"))) simulator.setConnectionLimit(connectionLimit);
     if (command.has(QStringLiteral("serial-line"))) simulator.setSerialLine(serialLineMs);
     if (command.has(QStringLiteral("min-request-gap"))) simulator.setMinimumRequestGap(minimumRequestGapMs);
+    if (framing) simulator.setFraming(*framing);
     if (!simulator.start(command.value(QStringLiteral("listen"), QStringLiteral("127.0.0.1")),
                          static_cast<uint16_t>(port), &error))
         return fail(error);
