@@ -20,6 +20,8 @@ const QString kAddressKey = QStringLiteral("address");
 const QString kSettingsKey = QStringLiteral("settings");
 const QString kItemsKey = QStringLiteral("items");
 const QString kUidKey = QStringLiteral("uid");
+const QString kTcpName = QStringLiteral("tcp");
+const QString kRtuName = QStringLiteral("rtu");
 
 // The host numbers devices from 1; identity items are never made for lower ids.
 constexpr int kFirstDeviceId = 1;
@@ -61,6 +63,7 @@ private:
     bool readSettings(const QJsonObject& object, const QString& place, QMap<QString, QString>* settings);
     bool readText(const QJsonObject& object, const QString& key, const QString& place, bool required,
                   QString* out);
+    bool readTransport(const QString& place, QMap<QString, QString>* settings);
     bool readDevice(const QJsonValue& value, const QString& place, DeviceConfig* device);
     bool readItem(const QJsonValue& value, const QString& place, ItemConfig* item);
 
@@ -138,6 +141,18 @@ bool ConfigReader::readText(const QJsonObject& object, const QString& key, const
     return true;
 }
 
+bool ConfigReader::readTransport(const QString& place, QMap<QString, QString>* settings) {
+    if (!settings->contains(kTransportSetting)) return true;
+    const QString text = settings->value(kTransportSetting);
+    QString stored;
+    // The plugin would read a misspelt transport as Modbus TCP and talk to a converter in the wrong framing.
+    if (!transportSettingFor(text, &stored))
+        return fail(place + QLatin1Char('.') + kSettingsKey + QLatin1Char('.') + kTransportSetting,
+                    QStringLiteral("expected \"tcp\", \"rtu\", \"0\" or \"1\", not %1").arg(describe(text)));
+    settings->insert(kTransportSetting, stored);
+    return true;
+}
+
 bool ConfigReader::readDevice(const QJsonValue& value, const QString& place, DeviceConfig* device) {
     if (!value.isObject())
         return fail(place, QStringLiteral("expected an object, not %1").arg(describe(value)));
@@ -159,7 +174,8 @@ bool ConfigReader::readDevice(const QJsonValue& value, const QString& place, Dev
     if (!readText(object, kAddressKey, place, true, &device->address)) return false;
     device->name = QStringLiteral("device %1").arg(device->id);
     if (!readText(object, kNameKey, place, false, &device->name)) return false;
-    if (!readSettings(object, place, &device->settings)) return false;
+    if (!readSettings(object, place, &device->settings) || !readTransport(place, &device->settings))
+        return false;
 
     if (!object.contains(kItemsKey)) return true;
     const QJsonValue items = object.value(kItemsKey);
@@ -195,6 +211,23 @@ const DeviceConfig* Config::device(int id) const {
     for (const DeviceConfig& candidate : devices)
         if (candidate.id == id) return &candidate;
     return nullptr;
+}
+
+bool transportSettingFor(const QString& text, QString* stored) {
+    if (text == kTcpName || text == kModbusTcpSetting) {
+        *stored = kModbusTcpSetting;
+        return true;
+    }
+    if (text == kRtuName || text == kRtuOverTcpSetting) {
+        *stored = kRtuOverTcpSetting;
+        return true;
+    }
+    return false;
+}
+
+Transport transportOf(const DeviceConfig& device) {
+    return device.settings.value(kTransportSetting) == kRtuOverTcpSetting ? Transport::RtuOverTcp
+                                                                          : Transport::ModbusTcp;
 }
 
 bool parseConfig(const QByteArray& json, const QString& fileName, Config* config, QString* error) {

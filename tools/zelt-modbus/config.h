@@ -7,9 +7,15 @@
 #include <QMap>
 #include <QString>
 
+#include "connection/transport.h"
 #include "host/records.h"
 
 namespace zelt_cli {
+
+// The device setting that picks the framing on the device's TCP connection, and its stored texts.
+inline const QString kTransportSetting = QStringLiteral("transport");
+inline const QString kModbusTcpSetting = QStringLiteral("0");
+inline const QString kRtuOverTcpSetting = QStringLiteral("1");
 
 struct ItemConfig {
     QString uid;
@@ -35,6 +41,13 @@ struct Config {
 // Parses the JSON text of a configuration. `fileName` only prefixes the messages. False with a message that
 // names the file and the place in it, e.g. `meter.json: devices[0].items[1]: duplicate uid "t1"`.
 bool parseConfig(const QByteArray& json, const QString& fileName, Config* config, QString* error);
+
+// The stored text of the device setting "transport" for `text`, which may also name it: "tcp" for "0",
+// "rtu" for "1". False for any other text.
+bool transportSettingFor(const QString& text, QString* stored);
+
+// How the plugin reads the device's "transport": RTU over TCP for "1", Modbus TCP for anything else.
+Transport transportOf(const DeviceConfig& device);
 
 // Reads and parses the file at `path`.
 bool readConfigFile(const QString& path, Config* config, QString* error);

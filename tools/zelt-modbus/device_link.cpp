@@ -3,17 +3,27 @@
 #include <errno.h>
 #include <modbus.h>
 
+#include "connection/connection.h"
+#include "connection/request_discipline.h"
+
 namespace zelt_cli {
 
 namespace {
 
-constexpr int kMicrosecondsPerMs = 1000;
-constexpr int kMsPerSecond = 1000;
+// libmodbus's texts, not Connection::errToStr: that one shortens a connect time-out to "Timeout", and the
+// commands have always printed what libmodbus says.
+QString errorText(int code) {
+    return QString::fromUtf8(modbus_strerror(code));
+}
 
 }  // namespace
 
-DeviceLink::DeviceLink(QString host, int port, int unit, int responseTimeoutMs)
-    : host(std::move(host)), port(port), unit(unit), responseTimeoutMs(responseTimeoutMs) {}
+DeviceLink::DeviceLink(QString host, int port, int unit, int responseTimeoutMs, Transport transport)
+    : host(std::move(host)),
+      port(port),
+      unit(unit),
+      responseTimeoutMs(responseTimeoutMs),
+      transport(transport) {}
 
 DeviceLink::~DeviceLink() {
     close();
@@ -25,78 +35,78 @@ QString DeviceLink::describe() const {
 
 bool DeviceLink::connect(QString* error) {
     close();
-    context = modbus_new_tcp(host.toUtf8().constData(), port);
-    if (!context) {
+    Connection::Network network;
+    network.host = host;
+    network.port = port;
+    network.serverId = unit;
+    // A libmodbus context waits its response time-out for the connection too; the commands kept that.
+    network.connectTimeoutMs = responseTimeoutMs;
+    network.responseTimeoutMs = responseTimeoutMs;
+    network.transport = transport;
+    int code = 0;
+    errno = 0;
+    auto made = std::make_unique<Connection>(network, nullptr, &code);
+    const int contextError = errno;
+    if (*made && made->isConnected()) {
+        connection = std::move(made);
+        return true;
+    }
+    // No code: the context itself could not be made. EINVAL: the unit is one the connection cannot address,
+    // refused before anything was sent (a socket that fails to connect reports why it failed instead).
+    if (code == 0 || code == EINVAL) {
         *error =
-            QStringLiteral("cannot use %1: %2").arg(describe(), QString::fromUtf8(modbus_strerror(errno)));
+            QStringLiteral("cannot use %1: %2").arg(describe(), errorText(code == 0 ? contextError : code));
         return false;
     }
-    // A unit libmodbus cannot address would leave its default unit in place: nothing is sent then.
-    if (modbus_set_slave(context, unit) != 0) {
-        *error =
-            QStringLiteral("cannot use %1: %2").arg(describe(), QString::fromUtf8(modbus_strerror(errno)));
-        close();
-        return false;
-    }
-    modbus_set_response_timeout(context, responseTimeoutMs / kMsPerSecond,
-                                (responseTimeoutMs % kMsPerSecond) * kMicrosecondsPerMs);
-    if (modbus_connect(context) != 0) {
-        *error = QStringLiteral("cannot connect to %1: %2")
-                     .arg(describe(), QString::fromUtf8(modbus_strerror(errno)));
-        close();
-        return false;
-    }
-    return true;
+    *error = QStringLiteral("cannot connect to %1: %2").arg(describe(), errorText(code));
+    return false;
 }
 
 void DeviceLink::close() {
-    if (!context) return;
-    modbus_close(context);
-    modbus_free(context);
-    context = nullptr;
+    connection.reset();
 }
 
 ReadOutcome DeviceLink::read(RegisterTable table, int offset, int count, std::vector<uint16_t>* words,
                              std::vector<uint8_t>* bits) {
     ReadOutcome outcome;
-    if (!context) {
+    if (!connection) {
         QString error;
         if (!connect(&error)) {
             outcome.error = error;
             return outcome;
         }
     }
+    int code = 0;
     int result = -1;
     switch (table) {
         case RegisterTable::Coils:
             bits->assign(count, 0);
-            result = modbus_read_bits(context, offset, count, bits->data());
+            result = connection->readBits(OutputCoil, offset, count, bits->data(), &code);
             break;
         case RegisterTable::DiscreteInputs:
             bits->assign(count, 0);
-            result = modbus_read_input_bits(context, offset, count, bits->data());
+            result = connection->readBits(InputCoil, offset, count, bits->data(), &code);
             break;
         case RegisterTable::InputRegisters:
             words->assign(count, 0);
-            result = modbus_read_input_registers(context, offset, count, words->data());
+            result = connection->readWords(InputRegister, offset, count, words->data(), &code);
             break;
         case RegisterTable::HoldingRegisters:
             words->assign(count, 0);
-            result = modbus_read_registers(context, offset, count, words->data());
+            result = connection->readWords(HoldingRegister, offset, count, words->data(), &code);
             break;
     }
     if (result >= 0) {
         outcome.kind = ReadOutcome::Ok;
         return outcome;
     }
-    const int code = errno;
-    outcome.error = QString::fromUtf8(modbus_strerror(code));
-    if (code > MODBUS_ENOBASE && code < MODBUS_ENOBASE + MODBUS_EXCEPTION_MAX) {
+    outcome.error = errorText(code);
+    if (request_discipline::isExceptionAnswer(code)) {
         outcome.kind = ReadOutcome::Exception;
         outcome.exceptionCode = code - MODBUS_ENOBASE;
         return outcome;
     }
-    outcome.kind = code == ETIMEDOUT ? ReadOutcome::Timeout : ReadOutcome::Failed;
+    outcome.kind = request_discipline::isTimeout(code) ? ReadOutcome::Timeout : ReadOutcome::Failed;
     // A late answer to this request would be taken for the answer to the next one.
     close();
     return outcome;

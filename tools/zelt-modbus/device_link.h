@@ -1,14 +1,17 @@
 #pragma once
-// A direct libmodbus client for the commissioning commands: one request at a time, each answered, refused
-// with an exception, or timed out, so that the caller can tell a hole in the map from a silent device.
+// The client of the commissioning commands: one request at a time over the plugin's own Connection, each
+// answered, refused with an exception, or timed out, so that the caller can tell a hole in the map from a
+// silent device. The Connection frames the requests for the transport, Modbus TCP or RTU over TCP.
 
 #include <QString>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
+#include "connection/transport.h"
 #include "tools/zelt-modbus/register_table.h"
 
-typedef struct _modbus modbus_t;
+class Connection;
 
 namespace zelt_cli {
 
@@ -29,7 +32,8 @@ struct ReadOutcome {
 
 class DeviceLink {
 public:
-    DeviceLink(QString host, int port, int unit, int responseTimeoutMs = kDefaultResponseTimeoutMs);
+    DeviceLink(QString host, int port, int unit, int responseTimeoutMs = kDefaultResponseTimeoutMs,
+               Transport transport = Transport::ModbusTcp);
     ~DeviceLink();
     DeviceLink(const DeviceLink&) = delete;
     DeviceLink& operator=(const DeviceLink&) = delete;
@@ -47,7 +51,8 @@ private:
     int port;
     int unit;
     int responseTimeoutMs;
-    modbus_t* context = nullptr;
+    Transport transport;
+    std::unique_ptr<Connection> connection;
 };
 
 }  // namespace zelt_cli

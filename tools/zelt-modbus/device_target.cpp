@@ -11,6 +11,7 @@ namespace {
 
 constexpr int kLastPort = 65535;
 constexpr int kLastUnit = 255;
+const QString kTransportOption = QStringLiteral("transport");
 
 bool usageError(const CommandLine& command, const QString& commandName, const QString& message) {
     QTextStream(stderr) << "zelt-modbus " << commandName << ": " << message << "\n" << command.usage();
@@ -29,6 +30,30 @@ void addTargetOptions(CommandLine* command) {
                        QStringLiteral("...from the device with this id"));
     command->addOption(QStringLiteral("timeout"), QStringLiteral("MS"),
                        QStringLiteral("response timeout per request (default 1000)"));
+    addTransportOption(command);
+}
+
+void addTransportOption(CommandLine* command) {
+    command->addOption(
+        kTransportOption, QStringLiteral("NAME"),
+        QStringLiteral("tcp (Modbus TCP) or rtu (RTU over TCP, to a serial-to-Ethernet converter); "
+                       "default: the device's \"transport\" setting, else tcp"));
+}
+
+bool readTransportOption(const CommandLine& command, const QString& commandName, Transport* transport) {
+    if (!command.has(kTransportOption)) return true;
+    const QString name = command.value(kTransportOption);
+    if (name == QLatin1String("tcp")) {
+        *transport = Transport::ModbusTcp;
+        return true;
+    }
+    if (name == QLatin1String("rtu")) {
+        *transport = Transport::RtuOverTcp;
+        return true;
+    }
+    return usageError(
+        command, commandName,
+        QStringLiteral("--transport: unknown transport \"%1\" (expected tcp or rtu)").arg(name));
 }
 
 bool readTarget(const CommandLine& command, const QString& commandName, DeviceTarget* target) {
@@ -52,6 +77,7 @@ bool readTarget(const CommandLine& command, const QString& commandName, DeviceTa
         const int unit = device->settings.value(QStringLiteral("server_id")).toInt();
         target->port = port > 0 && port <= kLastPort ? port : kDefaultModbusPort;
         target->unit = device->settings.contains(QStringLiteral("server_id")) ? unit : kDefaultUnit;
+        target->transport = transportOf(*device);
     } else {
         target->address = command.value(QStringLiteral("address"));
         if (!readNumberOption(command, QStringLiteral("port"), 1, kDefaultModbusPort, &target->port) ||
@@ -63,7 +89,8 @@ bool readTarget(const CommandLine& command, const QString& commandName, DeviceTa
             return usageError(command, commandName, QStringLiteral("--unit must be at most 255"));
     }
     return readNumberOption(command, QStringLiteral("timeout"), 1, kDefaultResponseTimeoutMs,
-                            &target->responseTimeoutMs);
+                            &target->responseTimeoutMs) &&
+           readTransportOption(command, commandName, &target->transport);
 }
 
 }  // namespace zelt_cli

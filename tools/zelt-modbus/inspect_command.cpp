@@ -210,7 +210,7 @@ int runInspect(const QStringList& arguments) {
         return kExitUsage;
     }
 
-    DeviceLink link(target.address, target.port, target.unit, target.responseTimeoutMs);
+    DeviceLink link(target.address, target.port, target.unit, target.responseTimeoutMs, target.transport);
     std::vector<uint16_t> words;
     std::vector<uint8_t> bits;
     const ReadOutcome outcome = link.read(table, offset, count, &words, &bits);

@@ -46,6 +46,10 @@ Config mapConfig(const DeviceTarget& target, const QList<TableMap>& maps) {
             device.address = target.address;
             device.settings = {{QStringLiteral("port"), QString::number(target.port)},
                                {QStringLiteral("server_id"), QString::number(target.unit)}};
+            // Modbus TCP is what the plugin assumes without the setting: only the converter needs it spelt
+            // out.
+            if (target.transport == Transport::RtuOverTcp)
+                device.settings.insert(kTransportSetting, kRtuOverTcpSetting);
             for (int offset = run.first; offset <= run.last; ++offset) {
                 ItemConfig item;
                 item.uid = QStringLiteral("%1_%2").arg(tableKey(map.table)).arg(offset);
@@ -174,7 +178,7 @@ int runMap(const QStringList& arguments) {
         return kExitUsage;
 
     installInterruptHandler();
-    DeviceLink link(target.address, target.port, target.unit, target.responseTimeoutMs);
+    DeviceLink link(target.address, target.port, target.unit, target.responseTimeoutMs, target.transport);
     RegisterMapper mapper(
         [&link](RegisterTable table, int first, int count) {
             std::vector<uint16_t> words;

@@ -4,6 +4,7 @@
 #include "tools/zelt-modbus/batch_output.h"
 #include "tools/zelt-modbus/cli.h"
 #include "tools/zelt-modbus/config.h"
+#include "tools/zelt-modbus/device_target.h"
 #include "tools/zelt-modbus/session.h"
 
 namespace zelt_cli {
@@ -19,6 +20,7 @@ int runWrite(const QStringList& arguments) {
     command.addOption(QStringLiteral("item"), QStringLiteral("UID"), QStringLiteral("uid of the item"));
     command.addOption(QStringLiteral("value"), QStringLiteral("TEXT"),
                       QStringLiteral("value to write, as text"));
+    addTransportOption(&command);
     command.addFlag(QStringLiteral("json"), QStringLiteral("print the result as JSON"));
     command.addFlag(QStringLiteral("verbose"), QStringLiteral("also print the plugin's debug log"));
     if (int exitCode = 0; !command.parse(arguments, &exitCode)) return exitCode;
@@ -28,6 +30,8 @@ int runWrite(const QStringList& arguments) {
             return kExitUsage;
         }
     }
+    Transport transport = Transport::ModbusTcp;
+    if (!readTransportOption(command, QStringLiteral("write"), &transport)) return kExitUsage;
 
     const QString path = command.value(QStringLiteral("config"));
     Config config;
@@ -35,6 +39,14 @@ int runWrite(const QStringList& arguments) {
     if (!readConfigFile(path, &config, &error)) return fail(error, kExitUsage);
     bool idOk = false;
     const int deviceId = command.value(QStringLiteral("device")).toInt(&idOk);
+    // Set before anything points into the devices: the option stands for the setting, as if configured.
+    if (idOk && command.has(QStringLiteral("transport"))) {
+        for (DeviceConfig& candidate : config.devices)
+            if (candidate.id == deviceId)
+                candidate.settings.insert(kTransportSetting, transport == Transport::RtuOverTcp
+                                                                 ? kRtuOverTcpSetting
+                                                                 : kModbusTcpSetting);
+    }
     const DeviceConfig* device = idOk ? config.device(deviceId) : nullptr;
     if (!device)
         return fail(
