@@ -104,15 +104,15 @@ int RequestRunner::run(Request const& request, int* err, int firstAttempt) {
 
 bool RequestRunner::closesConnection(int error) const {
     if (!request_discipline::isTransportFailure(error)) return false;
-    // Over RTU the next request finds its answer among whatever the stream carries, so only a socket that is
-    // gone or a converter that stopped answering altogether is worth a new connection.
-    if (endpoint.connection.framing() == Transport::RtuOverTcp &&
+    // Over RTU the next request starts on a drained stream and finds its answer among whatever else comes, so
+    // a damaged answer is no reason for a new connection; a time-out is, as on Modbus TCP.
+    if (endpoint.connection.framing() == Transport::RtuOverTcp && !request_discipline::isTimeout(error) &&
         !request_discipline::isBrokenConnection(error))
-        return request_discipline::isTimeout(error) &&
-               endpoint.consecutiveTimeouts >= kSharedTimeoutsBeforeClose;
+        return false;
     // A time-out on a connection that other units share is most likely one dead unit behind a live gateway:
     // closing it would cost every neighbour a reconnect, and a late answer is dropped by its transaction id
-    // anyway. A second time-out in a row means the gateway itself no longer answers.
+    // (over RTU: by its unit, or by the wait before the same unit's next request) anyway. A second time-out
+    // in a row means the gateway itself no longer answers.
     if (request_discipline::isTimeout(error) && endpoint.userCount() > 1)
         return endpoint.consecutiveTimeouts >= kSharedTimeoutsBeforeClose;
     return true;
