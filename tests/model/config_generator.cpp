@@ -56,6 +56,8 @@ constexpr int kNoPausePercent = 85;
 constexpr int kHolesPercent = 35;
 constexpr int kHoleInGapPercent = 30;
 constexpr int kMaskRefusedPercent = 30;
+constexpr int kRtuSimulatorPercent = 40;
+constexpr int kMostChunkBytes = 5;
 
 enum class UnitChoice { Zero, MinusOne, Unset, Unaddressable, Pooled };
 const std::vector<std::pair<int, UnitChoice>> kUnitChoices = {{8, UnitChoice::Zero},
@@ -94,10 +96,21 @@ const std::vector<ValueType> kNumberTypes = {ValueType::Int16,  ValueType::UInt1
                                              ValueType::UInt32, ValueType::Float,  ValueType::Double,
                                              ValueType::Int64,  ValueType::UInt64};
 const std::vector<int> kClusterSpreads = {8, 40, 150, kClusterSpan - kLongestString};
-const std::vector<std::pair<int, FaultKind>> kFaultChoices = {
-    {25, FaultKind::Busy},      {12, FaultKind::IdentityDelay},   {10, FaultKind::DataDelay},
-    {15, FaultKind::DeadUnit},  {10, FaultKind::ConnectionLimit}, {14, FaultKind::Reset},
-    {14, FaultKind::CloseAfter}};
+const std::vector<std::pair<int, FaultKind>> kFaultChoices = {{25, FaultKind::Busy},
+                                                              {12, FaultKind::IdentityDelay},
+                                                              {10, FaultKind::DataDelay},
+                                                              {15, FaultKind::DeadUnit},
+                                                              {10, FaultKind::ConnectionLimit},
+                                                              {14, FaultKind::Reset},
+                                                              {14, FaultKind::CloseAfter},
+                                                              {10, FaultKind::Heartbeat},
+                                                              {10, FaultKind::SplitAnswer},
+                                                              {10, FaultKind::OtherUnitAnswer},
+                                                              {8, FaultKind::BadCrc}};
+// How a device on a Modbus TCP simulator may say so: not at all, "0", or a text that reads as "0".
+const std::vector<QString> kTcpTransportTexts = {QString(), QStringLiteral("0"), QStringLiteral("tcp")};
+// The highest unit id a serial device may have; above it (255 included) an RTU device cannot be addressed.
+constexpr int kMaxRtuUnit = 247;
 const std::vector<int> kResetFunctions = {kFunctionReadHoldingRegisters,
                                           kFunctionReadInputRegisters,
                                           kFunctionReadCoils,
@@ -219,6 +232,7 @@ void makeUnit(Random& random, DeviceModel& device) {
         case UnitChoice::Pooled:
             device.unit = random.pick(kUnitPool);
             settings.insert(kServerId, QString::number(device.unit));
+            if (device.rtu && device.unit > kMaxRtuUnit) device.unit = -1;
             break;
     }
 }
@@ -229,8 +243,15 @@ void maybeFlag(Random& random, QMap<QString, QString>& settings, const QString& 
     if (roll < 2) settings.insert(key, QString::number(roll));
 }
 
-void makeSettings(Random& random, DeviceModel& device, int responseTimeoutMs) {
+void makeSettings(Random& random, DeviceModel& device, int responseTimeoutMs, bool rtu) {
     QMap<QString, QString>& settings = device.settings;
+    device.rtu = rtu;
+    if (rtu) {
+        settings.insert(QStringLiteral("transport"), QStringLiteral("1"));
+    } else {
+        const QString text = random.pick(kTcpTransportTexts);
+        if (!text.isNull()) settings.insert(QStringLiteral("transport"), text);
+    }
     makeUnit(random, device);
     maybeFlag(random, settings, QStringLiteral("share_connection"));
     settings.insert(QStringLiteral("persistent_connection"), flagText(random));
@@ -351,6 +372,15 @@ bool makeFault(Random& random, const DeviceModel& device, ConfigModel& config, T
             fault.unit = -1;
             fault.parameter = random.between(kFewestRequestsBeforeClose, kMostRequestsBeforeClose);
             return true;
+        case FaultKind::Heartbeat:
+        case FaultKind::OtherUnitAnswer:
+        case FaultKind::BadCrc:
+            if (random.percent(kHalf)) fault.unit = -1;
+            return config.rtuSimulators[static_cast<size_t>(device.sim)];
+        case FaultKind::SplitAnswer:
+            if (random.percent(kHalf)) fault.unit = -1;
+            fault.parameter = random.between(1, kMostChunkBytes);
+            return config.rtuSimulators[static_cast<size_t>(device.sim)];
     }
     return false;
 }
@@ -397,11 +427,14 @@ ConfigModel generateConfig(uint64_t seed, const GeneratorLimits& limits) {
     config.responseTimeoutMs =
         (kResponseTimeoutBaseMs + kResponseTimeoutStepMs * random.between(0, kResponseTimeoutSteps)) *
         zelt_test::kTimeScale;
+    for (int sim = 0; sim < config.simCount; ++sim)
+        config.rtuSimulators.push_back(random.percent(kRtuSimulatorPercent));
     for (int i = 0; i < deviceCount; ++i) {
         DeviceModel device;
         device.id = i + 1;
         device.sim = random.between(0, config.simCount - 1);
-        makeSettings(random, device, config.responseTimeoutMs);
+        makeSettings(random, device, config.responseTimeoutMs,
+                     config.rtuSimulators[static_cast<size_t>(device.sim)]);
         makeItems(random, device, std::max(1, limits.maxItems));
         config.devices.push_back(device);
     }

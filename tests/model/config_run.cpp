@@ -46,6 +46,7 @@ ConfigRun::~ConfigRun() {
 bool ConfigRun::startSimulators(QString* error) {
     for (int s = 0; s < config.simCount; ++s) {
         auto sim = std::make_unique<modbus_sim::Simulator>();
+        if (config.rtuSimulators[static_cast<size_t>(s)]) sim->setFraming(modbus_sim::Framing::Rtu);
         if (!sim->start(QStringLiteral("127.0.0.1"), 0, error)) return false;
         // Every unit with tables of its own, and the shared tables, hold data of their own.
         const std::set<int> tableUnits = config.tableUnits(s);

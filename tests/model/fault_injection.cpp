@@ -11,6 +11,9 @@ constexpr int kIllegalFunctionCode = 1;
 constexpr int kIllegalDataAddressCode = 2;
 // A Report Slave ID payload: slave id, run indicator, a text.
 const QByteArray kReportSlaveId = QByteArray::fromHex("01ff") + QByteArray("model check gateway");
+// A converter's keep-alive, with bytes in it that could begin an answer of unit 1.
+const QByteArray kHeartbeat = QByteArray("alive") + QByteArray::fromHex("0103ff0d0a");
+constexpr int kSplitGapMs = 2;
 
 modbus_sim::FaultRule exceptionRule(int unit, int function, int address, int code) {
     modbus_sim::FaultRule rule;
@@ -69,6 +72,25 @@ void installTransientFaults(Simulators& sims, const ConfigModel& config) {
             case FaultKind::CloseAfter:
                 rule.kind = modbus_sim::FaultKind::CloseAfter;
                 rule.afterRequests = fault.parameter;
+                sim.addFault(rule);
+                break;
+            case FaultKind::Heartbeat:
+                rule.kind = modbus_sim::FaultKind::GarbageBefore;
+                rule.garbage = kHeartbeat;
+                sim.addFault(rule);
+                break;
+            case FaultKind::SplitAnswer:
+                rule.kind = modbus_sim::FaultKind::Split;
+                rule.chunkBytes = fault.parameter;
+                rule.delayMs = kSplitGapMs;
+                sim.addFault(rule);
+                break;
+            case FaultKind::OtherUnitAnswer:
+                rule.kind = modbus_sim::FaultKind::OtherUnitFirst;
+                sim.addFault(rule);
+                break;
+            case FaultKind::BadCrc:
+                rule.kind = modbus_sim::FaultKind::BadCrc;
                 sim.addFault(rule);
                 break;
         }

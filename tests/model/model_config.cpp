@@ -81,7 +81,8 @@ QString tableName(Table table) {
 
 QString faultName(FaultKind kind) {
     static const char* const kNames[] = {
-        "busy", "identity delay", "data delay", "dead unit", "connection limit", "reset", "close after"};
+        "busy",        "identity delay", "data delay",   "dead unit",           "connection limit", "reset",
+        "close after", "heartbeat",      "split answer", "other unit's answer", "bad CRC"};
     return QString::fromLatin1(kNames[static_cast<int>(kind)]);
 }
 
@@ -102,6 +103,9 @@ QString ConfigModel::describe() const {
                      .arg(simCount)
                      .arg(responseTimeoutMs)
                      .arg(faultResponseTimeoutMs > 0 ? faultResponseTimeoutMs : responseTimeoutMs));
+    for (int sim = 0; sim < simCount; ++sim)
+        if (rtuSimulators.at(static_cast<size_t>(sim)))
+            lines.append(QStringLiteral("  simulator %1 serves RTU over TCP").arg(sim));
     for (const DeviceModel& device : devices) {
         lines.append(QStringLiteral("  device %1 on simulator %2, unit %3: %4")
                          .arg(device.id)

@@ -82,6 +82,8 @@ struct DeviceModel {
     bool readGaps = true;
     bool multipleWrites = true;
     bool maskWrite = false;
+    // Its "transport" reads as RTU over TCP: requests go one at a time, in RTU frames.
+    bool rtu = false;
     int retries = 0;
     std::vector<ItemModel> items;
 
@@ -95,22 +97,37 @@ struct Hole {
     int address = 0;
 };
 
-// Misbehaviour that lasts only for the fault phase.
-enum class FaultKind { Busy, IdentityDelay, DataDelay, DeadUnit, ConnectionLimit, Reset, CloseAfter };
+// Misbehaviour that lasts only for the fault phase. The last four are what converters do to an RTU stream:
+// bytes before an answer, an answer in pieces, another unit's answer first, a damaged CRC.
+enum class FaultKind {
+    Busy,
+    IdentityDelay,
+    DataDelay,
+    DeadUnit,
+    ConnectionLimit,
+    Reset,
+    CloseAfter,
+    Heartbeat,
+    SplitAnswer,
+    OtherUnitAnswer,
+    BadCrc
+};
 
 struct TransientFault {
     FaultKind kind = FaultKind::Busy;
     int sim = 0;
-    int unit = -1;              // -1: every unit
-    int function = -1;          // -1: every function
-    int address = -1;           // -1: every address; else the requests that cover it
-    int parameter = 0;          // busy period, delay, connection limit or requests before the close
+    int unit = -1;      // -1: every unit
+    int function = -1;  // -1: every function
+    int address = -1;   // -1: every address; else the requests that cover it
+    int parameter = 0;  // busy period, delay, connection limit, requests before the close or chunk size
     bool gatewayReply = false;  // a dead unit answered with exception 11 instead of silence
 };
 
 struct ConfigModel {
     uint64_t seed = 0;
     int simCount = 1;
+    // Per simulator: it serves RTU frames (a serial line behind a converter) instead of Modbus TCP.
+    std::vector<bool> rtuSimulators;
     int responseTimeoutMs = 1000;
     // The devices' "response_timeout_ms" during a fault phase with late answers or silent units, so that
     // each time-out costs little; 0 keeps responseTimeoutMs.

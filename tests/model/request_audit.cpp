@@ -135,6 +135,22 @@ std::vector<RequestRange> writeAllowances(const WriteStep& step, const DeviceMod
     return allowed;
 }
 
+// RTU answers carry nothing to match them to requests in flight: each request must wait for the answer before
+// it. Only where every request was answered in time (no fault but busy answers).
+void auditOneAtATime(const DeviceModel& device, const std::vector<modbus_sim::RequestRecord>& records,
+                     Violations& violations, const QString& where) {
+    std::map<int, const modbus_sim::RequestRecord*> previous;
+    for (const modbus_sim::RequestRecord& record : records) {
+        const modbus_sim::RequestRecord*& before = previous[record.connection];
+        if (before && before->answeredUs >= 0 && record.receivedUs < before->answeredUs)
+            violations.add(Check::OneAtATime, QStringLiteral("%1: device %2 sent %3 before %4 was answered")
+                                                  .arg(where)
+                                                  .arg(device.id)
+                                                  .arg(describe(record), describe(*before)));
+        before = &record;
+    }
+}
+
 void auditPoll(const DeviceModel& device, const std::vector<modbus_sim::RequestRecord>& records,
                bool retryBound, Violations& violations, const QString& where) {
     if (!device.addressable()) {
@@ -175,6 +191,7 @@ void auditPoll(const DeviceModel& device, const std::vector<modbus_sim::RequestR
         ++sends[std::make_tuple(record.function, record.address, record.count)];
     }
     if (!retryBound) return;
+    if (device.rtu) auditOneAtATime(device, records, violations, where);
     for (const auto& sent : sends) {
         if (sent.second <= device.retries + 1) continue;
         violations.add(Check::Retries,

@@ -44,6 +44,8 @@ QString Violations::name(Check check) {
             return QStringLiteral("gaps");
         case Check::Retries:
             return QStringLiteral("retries");
+        case Check::OneAtATime:
+            return QStringLiteral("one-at-a-time");
         case Check::WriteRequest:
             return QStringLiteral("write-request");
         case Check::MaskWrite:

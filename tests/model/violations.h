@@ -18,6 +18,7 @@ enum class Check {
     Range,         // a read outside the device's items of that table, or of a table no item names
     Gaps,          // with "read_gaps" 0, a read of an address no item covers
     Retries,       // a read sent more often than "retries" allows
+    OneAtATime,    // over RTU, a request sent before the one before it on its connection was answered
     WriteRequest,  // a write request its items do not explain (function, address)
     MaskWrite,     // "mask_write" 1 and no FC 22 for a bit of a register
     WriteEffect,   // a write changed other registers or bits than its items name, or not these
