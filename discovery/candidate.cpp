@@ -10,6 +10,8 @@ namespace {
 
 // Preset for discovered devices: deliberately two below the 125-register limit of one read.
 constexpr int kPresetMaxReadRegisters = 123;
+// Value of the device setting "transport" that frames requests as RTU on the TCP connection.
+const QString kTransportRtuOverTcp = QStringLiteral("1");
 
 quint16 effectivePort(const Candidate& candidate) {
     return candidate.port == 0 ? static_cast<quint16>(kDefaultTcpPort) : candidate.port;
@@ -120,6 +122,9 @@ QJsonObject candidateToJson(const Candidate& candidate) {
     fields.insert(QStringLiteral("byte_order"), QStringLiteral("0"));
     fields.insert(QStringLiteral("string_endianness"), QStringLiteral("0"));
     fields.insert(QStringLiteral("string_byte_order"), QStringLiteral("0"));
+    if (candidate.source == kSourceRtuOverTcpScan) {
+        fields.insert(QStringLiteral("transport"), kTransportRtuOverTcp);
+    }
 
     const QString uid = uidFor(candidate);
     QJsonObject object;

@@ -10,6 +10,9 @@
 
 namespace ModbusDiscovery {
 
+// Source of a device that answered RTU frames on a TCP port; it is imported with RTU-over-TCP framing.
+inline const QString kSourceRtuOverTcpScan = QStringLiteral("rtu-over-tcp-scan");
+
 struct Candidate {
     QString address;
     QString deviceInterface;

@@ -66,11 +66,11 @@ struct RunState {
         return elapsed.count() >= options.timeoutMs;
     }
 
-    void collect(const QString& host, quint16 port, const IdentifyResult& result) {
+    void collect(const QString& host, quint16 port, const QString& source, const IdentifyResult& result) {
         Candidate candidate;
         candidate.address = host;
         candidate.port = port;
-        candidate.source = kSourceTcpScan;
+        candidate.source = source;
         applyIdentify(&candidate, result);
         const QString uid = uidFor(candidate);
         if (options.existingUids.contains(uid)) {
@@ -85,6 +85,19 @@ struct RunState {
         results.append(candidate);
     }
 
+    // An open port that gave no Modbus TCP answer may be a serial-to-Ethernet converter passing RTU frames.
+    void probeRtu(const QString& host, quint16 port) {
+        if (shouldStop()) {
+            return;
+        }
+        const QList<IdentifyResult> answers = transport.rtuIdentify(
+            host, port, options.unitIds.mid(0, kMaxRtuUnitIds), kTcpScanConnectTimeoutMs, kRtuReadTimeoutMs,
+            [this] { return shouldStop(); });
+        for (const IdentifyResult& answer : answers) {
+            collect(host, port, kSourceRtuOverTcpScan, answer);
+        }
+    }
+
     void work() {
         while (!shouldStop()) {
             const int index = nextHost.fetch_add(1);
@@ -96,10 +109,17 @@ struct RunState {
                 if (shouldStop()) {
                     return;
                 }
-                const QList<IdentifyResult> answers = transport.tcpIdentify(
-                    host, port, options.unitIds, kTcpScanConnectTimeoutMs, kTcpScanReadTimeoutMs, nullptr);
+                // The reachable flag is asked for only when RTU probing may follow, so that a run without it
+                // calls the transport exactly as before.
+                bool reachable = false;
+                const QList<IdentifyResult> answers =
+                    transport.tcpIdentify(host, port, options.unitIds, kTcpScanConnectTimeoutMs,
+                                          kTcpScanReadTimeoutMs, options.rtuOverTcp ? &reachable : nullptr);
                 for (const IdentifyResult& answer : answers) {
-                    collect(host, port, answer);
+                    collect(host, port, kSourceTcpScan, answer);
+                }
+                if (options.rtuOverTcp && reachable && answers.isEmpty()) {
+                    probeRtu(host, port);
                 }
             }
         }

@@ -16,7 +16,6 @@ constexpr int kMbapMaxLength = 260;
 constexpr int kRtuMinFrameSize = 5;
 constexpr int kRtuCrcSize = 2;
 
-
 // Start address 0, quantity 1: the smallest read a server must answer.
 constexpr unsigned char kSingleReadTail[] = {0x00, 0x00, 0x00, 0x01};
 

@@ -217,6 +217,9 @@ Options optionsFromRequest(const QJsonObject& request, QStringList* log) {
                                       {static_cast<quint8>(kDefaultUnitId)});
     options.tcpSubnetScan =
         switchedOn(getField(request, QStringLiteral("tcp_subnet_scan"), QStringLiteral("1")));
+    // Off unless asked for exactly: RTU probing sends frames a Modbus TCP device never expects.
+    options.rtuOverTcp =
+        getField(request, QStringLiteral("rtu_over_tcp"), QStringLiteral("0")) == QLatin1String("1");
     options.deviceInterface = getField(request, QStringLiteral("device_interface"), QString());
 
     const int baudrate = getField(request, QStringLiteral("baudrate"), QStringLiteral("9600")).toInt();

@@ -18,6 +18,10 @@ struct Options {
     QList<quint8> unitIds;
     QStringList existingUids;
     bool tcpSubnetScan = true;
+    // Open ports without a Modbus TCP answer are asked again in RTU frames. Placed in the padding after
+    // tcpSubnetScan, so that neither the size nor any other field's offset changes for callers built
+    // against the earlier layout.
+    bool rtuOverTcp = false;
     QStringList tcpHosts;  // explicit hosts; when empty the run enumerates the interface's subnet
     QString deviceInterface;
     int baudrate = 9600;

@@ -7,6 +7,7 @@
 
 #include "discovery/frames.h"
 #include "discovery/identification.h"
+#include "discovery/rtu_answer.h"
 #include "fuzz/fuzz_check.h"
 
 namespace {
@@ -42,6 +43,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         FUZZ_CHECK(ModbusDiscovery::wrapRtu(unitId, pdu) == frame);
     }
     ModbusDiscovery::parseRtu(frame, nullptr, nullptr);
+
+    // An answer found in a stream is a whole frame of that stream, of the unit and function asked for (the
+    // first two bytes pick them).
+    if (frame.size() > 2) {
+        const quint8 unit = static_cast<quint8>(frame.at(0));
+        const quint8 function = static_cast<quint8>(frame.at(1));
+        const QByteArray stream = frame.mid(2);
+        QByteArray answer;
+        if (ModbusDiscovery::findRtuAnswer(stream, unit, function, &answer)) {
+            FUZZ_CHECK(stream.contains(ModbusDiscovery::wrapRtu(unit, answer)));
+            const quint8 answered = static_cast<quint8>(answer.at(0));
+            FUZZ_CHECK(answered == function || answered == (function | 0x80));
+        }
+    }
 
     // The first byte picks the function code the rest is checked against.
     if (!frame.isEmpty()) {

@@ -177,6 +177,34 @@ TEST(CandidateToJson, WritesTheWholeObject) {
     EXPECT_EQ(candidateToJson(candidate), QJsonDocument::fromJson(expected).object());
 }
 
+TEST(CandidateToJson, AnRtuOverTcpCandidateIsImportedWithRtuFraming) {
+    Candidate candidate = candidateAt(QStringLiteral("10.0.0.5"), 4001, 3);
+    candidate.vendor = QStringLiteral("Serial Co");
+    candidate.productCode = QStringLiteral("RS-9");
+    candidate.source = QStringLiteral("rtu-over-tcp-scan");
+    const QByteArray expected = R"json({
+        "address": "10.0.0.5",
+        "description": "Serial Co RS-9 at 10.0.0.5:4001 unit 3",
+        "external_id": "modbus_10_0_0_5_4001_3",
+        "name": "RS-9 (10.0.0.5)",
+        "uid_hint": "modbus_10_0_0_5_4001_3",
+        "user_defined_fields": {
+            "byte_order": "0",
+            "endianness": "0",
+            "max_read_registers": "123",
+            "persistent_connection": "1",
+            "port": "4001",
+            "server_id": "3",
+            "string_byte_order": "0",
+            "string_endianness": "0",
+            "transport": "1",
+            "write_preset": "1"
+        }
+    })json";
+    EXPECT_EQ(candidateToJson(candidate), QJsonDocument::fromJson(expected).object());
+    EXPECT_EQ(ModbusDiscovery::kSourceRtuOverTcpScan, QStringLiteral("rtu-over-tcp-scan"));
+}
+
 TEST(CandidateToJson, NamesAndDescribesTheDevice) {
     struct Row {
         const char* name;

@@ -9,6 +9,7 @@
 #include "discovery/candidate.h"
 #include "discovery/discovery_run.h"
 #include "discovery/options.h"
+#include "discovery/transport.h"
 
 namespace {
 
@@ -18,10 +19,16 @@ using DiscoverDevices = QList<ModbusDiscovery::Candidate> (*)(const ModbusDiscov
                                                               ModbusDiscovery::Transport&, QStringList*,
                                                               std::atomic<bool>*);
 
+using RtuIdentify = QList<ModbusDiscovery::IdentifyResult> (*)(const QString&, quint16, const QList<quint8>&,
+                                                               int, int, const ModbusDiscovery::StopCheck&);
+
 const char kCandidateToJson[] = "_ZN15ModbusDiscovery15candidateToJsonERKNS_9CandidateE";
 const char kOptionsFromRequest[] = "_ZN15ModbusDiscovery18optionsFromRequestERK11QJsonObjectP11QStringList";
 const char kDiscoverDevices[] =
     "_ZN15ModbusDiscovery15discoverDevicesERKNS_7OptionsERNS_9TransportEP11QStringListPSt6atomicIbE";
+
+// zelt-modbus discover --rtu-over-tcp looks the RTU probe up by this name.
+const char kRtuIdentify[] = "_ZN15ModbusDiscovery11rtuIdentifyERK7QStringtRK5QListIhEiiRKSt8functionIFbvEE";
 
 class PluginFile : public ::testing::Test {
 protected:
@@ -74,6 +81,16 @@ TEST_F(PluginFile, ExportsDiscoverDevices) {
     QStringList log;
     EXPECT_TRUE(function(options, transport, &log, nullptr).isEmpty());
     EXPECT_EQ(log.size(), 1);
+}
+
+TEST_F(PluginFile, ExportsTheRtuProbe) {
+    const auto function = reinterpret_cast<RtuIdentify>(symbol(kRtuIdentify));
+    ASSERT_NE(function, nullptr);
+    EXPECT_EQ(function, &ModbusDiscovery::rtuIdentify);
+    // Told to stop before its first unit, the probe sends nothing; a closed loopback port is not even
+    // reached.
+    EXPECT_TRUE(
+        function(QStringLiteral("not an address"), 502, {1}, 100, 100, [] { return true; }).isEmpty());
 }
 
 }  // namespace

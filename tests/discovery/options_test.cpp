@@ -40,6 +40,7 @@ TEST(OptionsFromRequest, EmptyRequestGivesDefaults) {
     EXPECT_EQ(options.unitIds, QList<quint8>{1});
     EXPECT_TRUE(options.existingUids.isEmpty());
     EXPECT_TRUE(options.tcpSubnetScan);
+    EXPECT_FALSE(options.rtuOverTcp);
     EXPECT_TRUE(options.tcpHosts.isEmpty());
     EXPECT_EQ(options.deviceInterface, QString());
     EXPECT_EQ(options.baudrate, 9600);
@@ -87,6 +88,57 @@ TEST(OptionsFromRequest, ReadsTheSubnetScanSwitch) {
         SCOPED_TRACE(row.request);
         EXPECT_EQ(optionsFromRequest(json(row.request), nullptr).tcpSubnetScan, row.expected);
     }
+}
+
+TEST(OptionsFromRequest, ReadsTheRtuOverTcpSwitch) {
+    struct Row {
+        const char* request;
+        bool expected;
+    };
+    const Row rows[] = {
+        {R"({})", false},
+        {R"({"rtu_over_tcp": "1"})", true},
+        {R"({"rtu_over_tcp": " 1 "})", true},
+        {R"({"rtu_over_tcp": 1})", true},
+        {R"({"rtu_over_tcp": true})", true},
+        {R"({"options": {"rtu_over_tcp": "1"}})", true},
+        {R"({"rtu_over_tcp": "", "user_defined_fields": {"rtu_over_tcp": "1"}})", true},
+        {R"({"rtu_over_tcp": "0"})", false},
+        {R"({"rtu_over_tcp": false})", false},
+        {R"({"rtu_over_tcp": "true"})", false},
+        {R"({"rtu_over_tcp": "yes"})", false},
+        {R"({"rtu_over_tcp": "01"})", false},
+        {R"({"rtu_over_tcp": 2})", false},
+        {R"({"rtu_over_tcp": ""})", false},
+        {R"({"rtu_over_tcp": null})", false},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.request);
+        EXPECT_EQ(optionsFromRequest(json(row.request), nullptr).rtuOverTcp, row.expected);
+    }
+}
+
+// The layout before the RTU switch, as programs built against it see the options.
+struct OptionsWithoutRtuSwitch {
+    int timeoutMs;
+    QString networkInterface;
+    QList<quint16> tcpPorts;
+    QList<quint8> unitIds;
+    QStringList existingUids;
+    bool tcpSubnetScan;
+    QStringList tcpHosts;
+    QString deviceInterface;
+    int baudrate;
+    QString parity;
+    int databits;
+    int stopbits;
+    int serialMode;
+    int interframeDelay;
+};
+
+TEST(OptionsLayout, TheRtuSwitchLeavesTheSizeUnchanged) {
+    // The command-line tool receives the options by value from a plugin it loads at run time.
+    EXPECT_EQ(sizeof(Options), sizeof(OptionsWithoutRtuSwitch));
 }
 
 TEST(OptionsFromRequest, LooksInOptionsThenUserDefinedFields) {

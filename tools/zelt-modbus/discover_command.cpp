@@ -37,6 +37,8 @@ using DiscoverDevicesFn = QList<Candidate> (*)(const Options&, ModbusDiscovery::
 using CandidateToJsonFn = QJsonObject (*)(const Candidate&);
 using TcpIdentifyFn = QList<IdentifyResult> (*)(const QString&, quint16, const QList<quint8>&, int, int,
                                                 bool*);
+using RtuIdentifyFn = QList<IdentifyResult> (*)(const QString&, quint16, const QList<quint8>&, int, int,
+                                                const ModbusDiscovery::StopCheck&);
 
 constexpr char kOptionsFromRequestSymbol[] =
     "_ZN15ModbusDiscovery18optionsFromRequestERK11QJsonObjectP11QStringList";
@@ -44,6 +46,8 @@ constexpr char kDiscoverDevicesSymbol[] =
     "_ZN15ModbusDiscovery15discoverDevicesERKNS_7OptionsERNS_9TransportEP11QStringListPSt6atomicIbE";
 constexpr char kCandidateToJsonSymbol[] = "_ZN15ModbusDiscovery15candidateToJsonERKNS_9CandidateE";
 constexpr char kTcpIdentifySymbol[] = "_ZN15ModbusDiscovery11tcpIdentifyERK7QStringtRK5QListIhEiiPb";
+constexpr char kRtuIdentifySymbol[] =
+    "_ZN15ModbusDiscovery11rtuIdentifyERK7QStringtRK5QListIhEiiRKSt8functionIFbvEE";
 
 // Exit status of a run cut short by Ctrl-C, as shells report it.
 constexpr int kExitInterrupted = 130;
@@ -54,8 +58,13 @@ const QString kLoopbackPrefix = QStringLiteral("127.");
 // Probes through the plugin's socket transport and counts what it has done, for the progress line.
 class CountingTransport : public ModbusDiscovery::Transport {
 public:
-    CountingTransport(TcpIdentifyFn identify, int portsPerHost, int hostCount, bool showProgress)
-        : identify(identify), portsPerHost(portsPerHost), hostCount(hostCount), showProgress(showProgress) {}
+    CountingTransport(TcpIdentifyFn identify, RtuIdentifyFn identifyRtu, int portsPerHost, int hostCount,
+                      bool showProgress)
+        : identify(identify),
+          identifyRtu(identifyRtu),
+          portsPerHost(portsPerHost),
+          hostCount(hostCount),
+          showProgress(showProgress) {}
 
     QList<IdentifyResult> tcpIdentify(const QString& host, quint16 port, const QList<quint8>& unitIds,
                                       int connectTimeoutMs, int readTimeoutMs, bool* reachable) override {
@@ -63,13 +72,19 @@ public:
             identify(host, port, unitIds, connectTimeoutMs, readTimeoutMs, reachable);
         std::lock_guard<std::mutex> lock(mutex);
         if (++portsProbed[host] == portsPerHost) ++hostsDone;
-        for (const IdentifyResult& result : results)
-            if (result.ok) ++found;
-        if (showProgress) {
-            const QString total = hostCount > 0 ? QString::number(hostCount) : QStringLiteral("?");
-            QTextStream(stderr) << "\rscanning: " << hostsDone << " of " << total << " hosts done, " << found
-                                << " found" << Qt::flush;
-        }
+        count(results);
+        return results;
+    }
+
+    // Only called when --rtu-over-tcp asked for it, and then the plugin has been checked to export the probe.
+    QList<IdentifyResult> rtuIdentify(const QString& host, quint16 port, const QList<quint8>& unitIds,
+                                      int connectTimeoutMs, int readTimeoutMs,
+                                      const ModbusDiscovery::StopCheck& shouldStop) override {
+        if (!identifyRtu) return QList<IdentifyResult>();
+        const QList<IdentifyResult> results =
+            identifyRtu(host, port, unitIds, connectTimeoutMs, readTimeoutMs, shouldStop);
+        std::lock_guard<std::mutex> lock(mutex);
+        count(results);
         return results;
     }
 
@@ -79,7 +94,19 @@ public:
     }
 
 private:
+    // Called with the mutex held.
+    void count(const QList<IdentifyResult>& results) {
+        for (const IdentifyResult& result : results)
+            if (result.ok) ++found;
+        if (showProgress) {
+            const QString total = hostCount > 0 ? QString::number(hostCount) : QStringLiteral("?");
+            QTextStream(stderr) << "\rscanning: " << hostsDone << " of " << total << " hosts done, " << found
+                                << " found" << Qt::flush;
+        }
+    }
+
     TcpIdentifyFn identify;
+    RtuIdentifyFn identifyRtu;
     const int portsPerHost;
     const int hostCount;
     const bool showProgress;
@@ -171,6 +198,9 @@ int runDiscover(const QStringList& arguments) {
                       QStringLiteral("known devices: a configuration file or a JSON array"));
     command.addOption(QStringLiteral("config-out"), QStringLiteral("FILE"),
                       QStringLiteral("also write the candidates as a configuration for poll (no items yet)"));
+    command.addFlag(QStringLiteral("rtu-over-tcp"),
+                    QStringLiteral("also ask open ports without a Modbus TCP answer in RTU frames (serial "
+                                   "devices behind a serial-to-Ethernet converter)"));
     command.addFlag(QStringLiteral("json"), QStringLiteral("print a JSON array of candidates"));
     if (int exitCode = 0; !command.parse(arguments, &exitCode)) return exitCode;
 
@@ -198,6 +228,12 @@ int runDiscover(const QStringList& arguments) {
     auto tcpIdentify = reinterpret_cast<TcpIdentifyFn>(resolveExport(pluginPath, kTcpIdentifySymbol));
     if (!optionsFromRequest || !discoverDevices || !candidateToJson || !tcpIdentify)
         return fail(QStringLiteral("%1 does not export the discovery functions").arg(pluginPath));
+    const bool rtuOverTcp = command.flag(QStringLiteral("rtu-over-tcp"));
+    // Older plugins have no RTU probe; they still serve a discovery without it.
+    auto rtuIdentify =
+        rtuOverTcp ? reinterpret_cast<RtuIdentifyFn>(resolveExport(pluginPath, kRtuIdentifySymbol)) : nullptr;
+    if (rtuOverTcp && !rtuIdentify)
+        return fail(QStringLiteral("%1 cannot discover RTU-over-TCP devices").arg(pluginPath));
 
     // The request as the host builds it from the discover dialog; keys left out take the plugin's defaults.
     QJsonObject request;
@@ -208,6 +244,8 @@ int runDiscover(const QStringList& arguments) {
         {QStringLiteral("timeout"), QStringLiteral("timeout_ms")}};
     for (auto it = requestKeys.begin(); it != requestKeys.end(); ++it)
         if (command.has(it.key())) request.insert(it.value(), command.value(it.key()));
+    // Set through the request, as the host sets it, so that the plugin alone decides what the switch means.
+    if (rtuOverTcp) request.insert(QStringLiteral("rtu_over_tcp"), QStringLiteral("1"));
     if (command.has(QStringLiteral("existing"))) {
         QJsonArray existing;
         if (!readExistingDevices(command.value(QStringLiteral("existing")),
@@ -231,7 +269,8 @@ int runDiscover(const QStringList& arguments) {
     }
 
     installInterruptHandler();
-    CountingTransport transport(tcpIdentify, options.tcpPorts.size(), hostCount, isatty(STDERR_FILENO) != 0);
+    CountingTransport transport(tcpIdentify, rtuIdentify, options.tcpPorts.size(), hostCount,
+                                isatty(STDERR_FILENO) != 0);
     const QList<Candidate> candidates = discoverDevices(options, transport, &log, interruptFlag());
     transport.endProgress();
     for (const QString& line : log) QTextStream(stderr) << line.trimmed() << "\n";
