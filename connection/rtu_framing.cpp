@@ -51,11 +51,16 @@ Scan findAnswer(const unsigned char* data, int size, Expectation const& expected
         const answer_length::Sizing sizing =
             answer_length::answerPduLength(data + start + kUnitLength, available - kUnitLength, &pduLength);
         if (sizing == answer_length::Sizing::Unknown) continue;
-        if (sizing == answer_length::Sizing::Known && !exception && expected.byteCount >= 0 &&
+        // A read's answer must carry the byte count of the quantity asked for; one that has not arrived yet
+        // leaves the candidate open.
+        const bool countExpected = !exception && expected.byteCount >= 0;
+        const bool countArrived = available > kByteCountOffset;
+        if (sizing == answer_length::Sizing::Known && countExpected && countArrived &&
             data[start + kByteCountOffset] != expected.byteCount)
             continue;
         const int frameLength = pduLength + kOverhead;
-        if (sizing == answer_length::Sizing::NeedMore || available < frameLength) {
+        if (sizing == answer_length::Sizing::NeedMore || available < frameLength ||
+            (countExpected && !countArrived)) {
             if (!partial) scan.discardable = start;
             partial = true;
             continue;

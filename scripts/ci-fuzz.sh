@@ -12,7 +12,7 @@ started=$(date +%s)
 seconds=${FUZZ_SECONDS:-60}
 build_dir=${FUZZ_BUILD_DIR:-build-fuzz}
 jobs=${FUZZ_JOBS:-2}
-all_targets=(fuzz_frames fuzz_identification fuzz_options fuzz_addressing fuzz_decoding fuzz_exchange)
+all_targets=(fuzz_frames fuzz_identification fuzz_options fuzz_addressing fuzz_decoding fuzz_exchange fuzz_rtu_answer)
 if [ $# -gt 0 ]; then targets=("$@"); else targets=("${all_targets[@]}"); fi
 
 # clang with its sanitizer and libFuzzer runtimes; a fresh machine has neither.

@@ -186,6 +186,13 @@ TEST(RtuFraming, FindsTheAnswerAmongWhateverElseTheStreamCarries) {
         {"nothing at all", "", {1, 3, 2}, Scan::Nothing, 0, 0, false},
         {"garbage only", "deadbeef", {1, 3, 2}, Scan::Nothing, 4, 0, false},
         {"a unit id at the end may begin it", "aabb01", {1, 3, 2}, Scan::NeedMore, 2, 0, false},
+        {"a byte count asked of an answer whose count has not come",
+         "0105",
+         {1, 5, 2},
+         Scan::NeedMore,
+         0,
+         0,
+         false},
     };
     for (const ScanRow& row : rows) {
         const std::vector<unsigned char> stream = bytes(row.stream);
