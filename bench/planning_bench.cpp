@@ -2,12 +2,22 @@
 // sparse device with holes and a meter map) it counts the read requests of each poll in the simulator's log
 // against the greedy optimum of request_plan::planRequests over the same items, and then polls through
 // WireRelay (a fixed one-way latency on loopback) to set the poll time against requests x round trip, with 1,
-// 4 and 8 requests allowed in flight.
+// 4 and 8 requests allowed in flight. Last, the 200 FLOAT configuration and the 2,000-item mix are polled
+// over RTU over TCP ("transport" 1) and over Modbus TCP, on loopback and through the wire: RTU frames carry
+// no transaction id, so the plugin keeps one request in flight there, and the figures show what that framing
+// costs against Modbus TCP with one request in flight.
 //
-// Usage: planning_bench [--polls N] [--rtt-ms MS]
+// Usage: planning_bench [--polls N] [--rtt-ms MS] [--loopback-polls N] [--transports]
 //   --polls: timed polls per wire case (default 5), after two untimed ones
 //   --rtt-ms: one round trip instead of the 10 ms and 40 ms ones
+//   --loopback-polls: timed polls per transport on loopback (default 300), after two untimed ones
+//   --transports: only the comparison of RTU over TCP with Modbus TCP
+#include <arpa/inet.h>
 #include <modbus.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <QCoreApplication>
 #include <QString>
@@ -15,7 +25,9 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <functional>
+#include <memory>
 #include <utility>
 #include <vector>
 
@@ -23,6 +35,7 @@
 #include "bench/bench_support.h"
 #include "codec/addressing.h"
 #include "codec/var_type.h"
+#include "connection/crc16.h"
 #include "plugin/modbus.h"
 #include "plugin/request_plan.h"
 #include "tools/sim/simulator.h"
@@ -42,6 +55,9 @@ constexpr int kRoundTripsMs[] = {10, 40};
 constexpr int kInFlight[] = {1, 4, 8};
 constexpr int kCalibrationSamples = 5;
 constexpr int kMixItems = 2000;
+constexpr int kFloatItems = 200;
+constexpr int kFloatRegisters = 2;
+constexpr int kDefaultLoopbackPolls = 300;
 constexpr int kIllegalDataAddress = 2;
 
 constexpr double kWireGoal = 1.05;
@@ -52,6 +68,12 @@ constexpr double kMixGoalRoundTrips = 3.0;
 // The relay never delivers early, so a client that waits for each answer sends its next request at least a
 // whole round trip after the simulator answered; a quarter round trip of slack absorbs scheduling jitter.
 constexpr double kOverlapShare = 0.75;
+// RTU over TCP against Modbus TCP, both with one request in flight.
+constexpr double kRtuLoopbackGoal = 1.10;
+constexpr double kRtuWireGoal = 1.05;
+constexpr int kRtuGoalRttMs = 40;
+const QString kModbusTcp = QStringLiteral("0");
+const QString kRtuOverTcp = QStringLiteral("1");
 
 // Read functions by table (coils, discrete inputs, input registers, holding registers).
 constexpr int kReadFunction[request_plan::kTableCount] = {1, 2, 4, 3};
@@ -209,7 +231,9 @@ int observedInFlight(std::vector<modbus_sim::RequestRecord> log, double rttUs) {
 // -------------------------------------------------------------------------------------
 
 // A simulator with the benchmark's contents, refusing every read that covers one of the scenario's holes.
-bool startSimulator(modbus_sim::Simulator* simulator, const Scenario& scenario) {
+bool startSimulator(modbus_sim::Simulator* simulator, const Scenario& scenario,
+                    modbus_sim::Framing framing = modbus_sim::Framing::Tcp) {
+    simulator->setFraming(framing);
     if (!simulator->start()) return false;
     bench::fillSimulator(simulator);
     for (const Hole& hole : scenario.holes) {
@@ -223,8 +247,9 @@ bool startSimulator(modbus_sim::Simulator* simulator, const Scenario& scenario) 
     return true;
 }
 
-DeviceInstancePlugin deviceFor(uint16_t port, int inFlight) {
+DeviceInstancePlugin deviceFor(uint16_t port, int inFlight, const QString& transport = kModbusTcp) {
     QMap<QString, QString> settings = bench::deviceDefaults();
+    settings.insert(QStringLiteral("transport"), transport);
     settings.insert(QStringLiteral("max_read_registers"), QString::number(kReadLimit));
     settings.insert(QStringLiteral("read_gaps"), QStringLiteral("1"));
     settings.insert(QStringLiteral("max_outstanding_requests"), QString::number(inFlight));
@@ -233,14 +258,17 @@ DeviceInstancePlugin deviceFor(uint16_t port, int inFlight) {
 
 // One poll as the host makes it: values and errors of the last one cleared first. Counts the items that got a
 // value and no error among the first `itemCount` (the plugin may append identity items after them).
-bool pollOnce(Modbus* plugin, plugin_test::Batch* batch, int itemCount, int* valued, double* elapsedUs) {
+bool pollOnce(Modbus* plugin, plugin_test::Batch* batch, int itemCount, int* valued, double* elapsedUs,
+              double* cpuUs = nullptr) {
     for (DataItem* dataItem : batch->list.dataItems) {
         dataItem->values.clear();
         dataItem->item.lastError.clear();
     }
+    const double cpuStart = bench::threadCpuUs();
     const auto start = std::chrono::steady_clock::now();
     const bool ok = plugin->readData(&batch->list);
     if (elapsedUs) *elapsedUs = bench::elapsedUs(start);
+    if (cpuUs) *cpuUs = bench::threadCpuUs() - cpuStart;
     zelt_standin::Host::instance().clearLogs();
     *valued = 0;
     for (int i = 0; i < itemCount && i < batch->list.dataItems.size(); ++i) {
@@ -291,18 +319,20 @@ struct WireResult {
     bench::Summary pollMs;
 };
 
-bool pollThroughWire(const Scenario& scenario, int rttMs, int inFlight, int polls, WireResult* result) {
+bool pollThroughWire(const Scenario& scenario, int rttMs, int inFlight, int polls, WireResult* result,
+                     bool rtu = false) {
     zelt_standin::Host::instance().reset();
     modbus_sim::Simulator simulator;
     modbus_sim::WireRelay relay;
     QString error;
-    if (!startSimulator(&simulator, scenario) ||
+    if (!startSimulator(&simulator, scenario, rtu ? modbus_sim::Framing::Rtu : modbus_sim::Framing::Tcp) ||
         !relay.start(simulator.port(), std::chrono::microseconds(rttMs * 1000 / 2), &error)) {
         std::fprintf(stderr, "%s: the simulator or the relay did not start %s\n", scenario.name,
                      qPrintable(error));
         return false;
     }
-    auto batch = bench::makeBatch(deviceFor(relay.port(), inFlight), scenario.items);
+    auto batch =
+        bench::makeBatch(deviceFor(relay.port(), inFlight, rtu ? kRtuOverTcp : kModbusTcp), scenario.items);
     Modbus plugin;
     plugin.init();
     const int itemCount = static_cast<int>(scenario.items.size());
@@ -375,6 +405,301 @@ const char* verdict(bool met) {
     return met ? "met" : "NOT met";
 }
 
+// --- RTU over TCP against Modbus TCP
+// ------------------------------------------------------------------------
+
+// A bare client on one blocking socket that sends logged read requests in either framing and reads each
+// answer whole without looking into it: the floor the simulator and the kernel set for the same traffic, so
+// that what the plugin adds can be told from what the simulator's framing costs.
+class FramedReplay {
+public:
+    FramedReplay() = default;
+    FramedReplay(const FramedReplay&) = delete;
+    FramedReplay& operator=(const FramedReplay&) = delete;
+    ~FramedReplay() {
+        if (socket >= 0) ::close(socket);
+    }
+
+    bool connect(uint16_t port, bool rtuFraming) {
+        rtu = rtuFraming;
+        socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (socket < 0) return false;
+        const int on = 1;
+        ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(port);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        return ::connect(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    }
+
+    bool replay(const std::vector<modbus_sim::RequestRecord>& requests) {
+        for (const modbus_sim::RequestRecord& record : requests)
+            if (!exchange(record)) return false;
+        return true;
+    }
+
+private:
+    static constexpr int kMbapHeader = 7;
+    static constexpr int kRtuCrc = 2;
+    static constexpr int kRtuReadHeader = 3;  // unit, function, byte count
+    static constexpr int kExceptionFlag = 0x80;
+    static constexpr int kByteMask = 0xFF;
+    static constexpr int kBitsPerByte = 8;
+    static constexpr int kMaxFrame = 260;
+
+    bool exchange(const modbus_sim::RequestRecord& record) {
+        unsigned char frame[kMaxFrame];
+        const int pduLength = static_cast<int>(record.pdu.size());
+        if (pduLength + kMbapHeader > kMaxFrame) return false;
+        int length = 0;
+        if (rtu) {
+            frame[length++] = static_cast<unsigned char>(record.unit);
+            std::memcpy(frame + length, record.pdu.constData(), static_cast<size_t>(pduLength));
+            length += pduLength;
+            const uint16_t crc = modbus_crc::crc16(frame, static_cast<size_t>(length));
+            frame[length++] = static_cast<unsigned char>(crc & kByteMask);
+            frame[length++] = static_cast<unsigned char>(crc >> kBitsPerByte);
+        } else {
+            ++transactionId;
+            const int following = pduLength + 1;
+            const unsigned char header[kMbapHeader] = {
+                static_cast<unsigned char>(transactionId >> kBitsPerByte),
+                static_cast<unsigned char>(transactionId & kByteMask),
+                0,
+                0,
+                static_cast<unsigned char>(following >> kBitsPerByte),
+                static_cast<unsigned char>(following & kByteMask),
+                static_cast<unsigned char>(record.unit)};
+            std::memcpy(frame, header, sizeof header);
+            std::memcpy(frame + kMbapHeader, record.pdu.constData(), static_cast<size_t>(pduLength));
+            length = kMbapHeader + pduLength;
+        }
+        if (::send(socket, frame, static_cast<size_t>(length), MSG_NOSIGNAL) != length) return false;
+        if (!rtu) {
+            if (!receive(frame, kMbapHeader)) return false;
+            return receive(frame + kMbapHeader, ((frame[4] << kBitsPerByte) | frame[5]) - 1);
+        }
+        // Only reads are replayed: unit, function, byte count, data, CRC; an exception is 5 bytes.
+        if (!receive(frame, kRtuReadHeader)) return false;
+        const int rest = (frame[1] & kExceptionFlag) ? kRtuCrc - 1 : frame[2] + kRtuCrc;
+        return receive(frame + kRtuReadHeader, rest);
+    }
+
+    bool receive(unsigned char* data, int length) const {
+        for (int got = 0; got < length;) {
+            const ssize_t count = ::recv(socket, data + got, static_cast<size_t>(length - got), 0);
+            if (count <= 0) return false;
+            got += static_cast<int>(count);
+        }
+        return true;
+    }
+
+    int socket = -1;
+    bool rtu = false;
+    uint16_t transactionId = 0;
+};
+
+// One transport's side of the loopback comparison: its own simulator, plugin and batch, and a bare client
+// that replays the plugin's requests.
+struct LoopbackSide {
+    explicit LoopbackSide(bool rtu) : rtu(rtu) {}
+    ~LoopbackSide() {
+        plugin.stopPlugin();
+        simulator.stop();
+    }
+
+    bool start(const Scenario& scenario) {
+        if (!startSimulator(&simulator, scenario, rtu ? modbus_sim::Framing::Rtu : modbus_sim::Framing::Tcp))
+            return false;
+        batch =
+            bench::makeBatch(deviceFor(simulator.port(), 1, rtu ? kRtuOverTcp : kModbusTcp), scenario.items);
+        plugin.init();
+        return raw.connect(simulator.port(), rtu);
+    }
+
+    // One poll, its wall and CPU time kept when `timed`; false (with the reason on stderr) unless every item
+    // was valued.
+    bool poll(const Scenario& scenario, bool timed) {
+        simulator.clearRequestLog();
+        int valued = 0;
+        double elapsed = 0;
+        double cpu = 0;
+        const int itemCount = static_cast<int>(scenario.items.size());
+        if (!pollOnce(&plugin, batch.get(), itemCount, &valued, &elapsed, &cpu) || valued != itemCount) {
+            std::fprintf(stderr, "%s over %s: a poll failed (%d of %d valued): %s\n", scenario.name,
+                         rtu ? "RTU" : "Modbus TCP", valued, itemCount,
+                         qPrintable(batch->list.device.lastError));
+            return false;
+        }
+        const std::vector<modbus_sim::RequestRecord> log = simulator.requestLog();
+        requests = static_cast<int>(log.size());
+        if (!timed) return true;
+        wallMs.push_back(elapsed / 1000.0);
+        cpuUs.push_back(cpu);
+        // The same requests again from the bare client, at once, so that it meets the same machine state.
+        const auto start = std::chrono::steady_clock::now();
+        if (!raw.replay(log)) {
+            std::fprintf(stderr, "%s over %s: the bare replay failed\n", scenario.name,
+                         rtu ? "RTU" : "Modbus TCP");
+            return false;
+        }
+        rawMs.push_back(bench::elapsedUs(start) / 1000.0);
+        return true;
+    }
+
+    const bool rtu;
+    modbus_sim::Simulator simulator;
+    Modbus plugin;
+    std::unique_ptr<plugin_test::Batch> batch;
+    int requests = 0;
+    std::vector<double> wallMs;
+    std::vector<double> cpuUs;  // of the polling thread: the plugin's own work, without the simulator's
+    FramedReplay raw;
+    std::vector<double> rawMs;
+};
+
+struct TransportFigures {
+    int tcpRequests = 0;
+    int rtuRequests = 0;
+    bench::Summary tcpMs;
+    bench::Summary rtuMs;
+    bench::Summary tcpCpuUs;  // loopback only
+    bench::Summary rtuCpuUs;
+    bench::Summary tcpRawMs;
+    bench::Summary rtuRawMs;
+    double ratio() const { return tcpMs.median > 0 ? rtuMs.median / tcpMs.median : 0; }
+    double cpuRatio() const { return tcpCpuUs.median > 0 ? rtuCpuUs.median / tcpCpuUs.median : 0; }
+    double rawRatio() const { return tcpRawMs.median > 0 ? rtuRawMs.median / tcpRawMs.median : 0; }
+    // What the plugin adds to the bare client's time, RTU against Modbus TCP.
+    double shareRatio() const {
+        const double tcpShare = tcpMs.median - tcpRawMs.median;
+        return tcpShare > 0 ? (rtuMs.median - rtuRawMs.median) / tcpShare : 0;
+    }
+};
+
+// Both transports polled in turn (which goes first alternates), so load from elsewhere falls on both alike.
+bool compareOnLoopback(const Scenario& scenario, int polls, TransportFigures* figures) {
+    zelt_standin::Host::instance().reset();
+    LoopbackSide tcp(false);
+    LoopbackSide rtu(true);
+    if (!tcp.start(scenario) || !rtu.start(scenario)) {
+        std::fprintf(stderr, "%s: a simulator did not start\n", scenario.name);
+        return false;
+    }
+    for (int poll = 0; poll < kUntimedPolls + polls; ++poll) {
+        const bool timed = poll >= kUntimedPolls;
+        LoopbackSide& first = poll % 2 ? rtu : tcp;
+        LoopbackSide& second = poll % 2 ? tcp : rtu;
+        if (!first.poll(scenario, timed) || !second.poll(scenario, timed)) return false;
+    }
+    figures->tcpRequests = tcp.requests;
+    figures->rtuRequests = rtu.requests;
+    figures->tcpMs = bench::summarize(tcp.wallMs);
+    figures->rtuMs = bench::summarize(rtu.wallMs);
+    figures->tcpCpuUs = bench::summarize(tcp.cpuUs);
+    figures->rtuCpuUs = bench::summarize(rtu.cpuUs);
+    figures->tcpRawMs = bench::summarize(tcp.rawMs);
+    figures->rtuRawMs = bench::summarize(rtu.rawMs);
+    return true;
+}
+
+bool compareThroughWire(const Scenario& scenario, int rttMs, int polls, TransportFigures* figures) {
+    WireResult tcp;
+    WireResult rtu;
+    if (!pollThroughWire(scenario, rttMs, 1, polls, &tcp) ||
+        !pollThroughWire(scenario, rttMs, 1, polls, &rtu, true))
+        return false;
+    figures->tcpRequests = tcp.requests;
+    figures->rtuRequests = rtu.requests;
+    figures->tcpMs = tcp.pollMs;
+    figures->rtuMs = rtu.pollMs;
+    return true;
+}
+
+bool compareTransports(const std::vector<int>& roundTrips, int wirePolls, int loopbackPolls) {
+    std::vector<Scenario> scenarios;
+    scenarios.push_back(
+        Scenario{"200 FLOAT", bench::holdingItems(kFloatItems, bench::kTypeFloat, kFloatRegisters), {}});
+    scenarios.push_back(Scenario{"2,000 mixed", bench::mixedItems(kMixItems), {}});
+    bool ok = true;
+
+    std::printf(
+        "\n## RTU over TCP against Modbus TCP on loopback (one request in flight; %d timed polls each, "
+        "alternating)\n\n| Configuration | Requests TCP / RTU | Modbus TCP poll ms median (min to max) | "
+        "RTU poll ms median (min to max) | RTU / TCP | Plugin thread CPU µs median, TCP / RTU | CPU RTU / "
+        "TCP "
+        "| Bare replay ms median, TCP / RTU | Bare RTU / TCP | Poll - bare, RTU / TCP |\n"
+        "|---|---|---|---|---|---|---|---|---|---|\n",
+        loopbackPolls);
+    std::vector<TransportFigures> loopback(scenarios.size());
+    for (size_t s = 0; s < scenarios.size(); ++s) {
+        TransportFigures& f = loopback[s];
+        ok &= compareOnLoopback(scenarios[s], loopbackPolls, &f);
+        std::printf(
+            "| %s | %d / %d | %.3f (%.3f to %.3f) | %.3f (%.3f to %.3f) | %.3f | %.0f / %.0f | %.3f | %.3f / "
+            "%.3f | %.3f | %.3f |\n",
+            scenarios[s].name, f.tcpRequests, f.rtuRequests, f.tcpMs.median, f.tcpMs.min, f.tcpMs.max,
+            f.rtuMs.median, f.rtuMs.min, f.rtuMs.max, f.ratio(), f.tcpCpuUs.median, f.rtuCpuUs.median,
+            f.cpuRatio(), f.tcpRawMs.median, f.rtuRawMs.median, f.rawRatio(), f.shareRatio());
+        std::fflush(stdout);
+    }
+
+    std::printf(
+        "\n## RTU over TCP against Modbus TCP through the wire (one request in flight; %d timed polls "
+        "each)\n\n| Configuration | Round trip ms | Requests TCP / RTU | Modbus TCP poll ms median (min to "
+        "max) | RTU poll ms median (min to max) | RTU / TCP | TCP / (requests x round trip) | RTU / "
+        "(requests x round trip) |\n|---|---|---|---|---|---|---|---|\n",
+        wirePolls);
+    struct WireFigures {
+        size_t scenario;
+        int rtt;
+        TransportFigures figures;
+    };
+    std::vector<WireFigures> wire;
+    for (size_t s = 0; s < scenarios.size(); ++s) {
+        for (int rtt : roundTrips) {
+            WireFigures row{s, rtt, {}};
+            TransportFigures& f = row.figures;
+            ok &= compareThroughWire(scenarios[s], rtt, wirePolls, &f);
+            const double tcpSerial = double(f.tcpRequests) * rtt;
+            const double rtuSerial = double(f.rtuRequests) * rtt;
+            std::printf(
+                "| %s | %d | %d / %d | %.1f (%.1f to %.1f) | %.1f (%.1f to %.1f) | %.3f | %.3f | %.3f |\n",
+                scenarios[s].name, rtt, f.tcpRequests, f.rtuRequests, f.tcpMs.median, f.tcpMs.min,
+                f.tcpMs.max, f.rtuMs.median, f.rtuMs.min, f.rtuMs.max, f.ratio(),
+                tcpSerial > 0 ? f.tcpMs.median / tcpSerial : 0,
+                rtuSerial > 0 ? f.rtuMs.median / rtuSerial : 0);
+            std::fflush(stdout);
+            wire.push_back(row);
+        }
+    }
+
+    std::printf("\n## Goals, RTU over TCP\n\n");
+    for (size_t s = 0; s < scenarios.size(); ++s) {
+        const TransportFigures& f = loopback[s];
+        std::printf(
+            "- %s on loopback: RTU within %.2f x Modbus TCP: %s (%.3f ms against %.3f ms, ratio %.3f; the "
+            "bare "
+            "client's own ratio %.3f, the plugin's share of the poll %.3f, its thread's CPU %.3f)\n",
+            scenarios[s].name, kRtuLoopbackGoal, verdict(f.ratio() <= kRtuLoopbackGoal), f.rtuMs.median,
+            f.tcpMs.median, f.ratio(), f.rawRatio(), f.shareRatio(), f.cpuRatio());
+    }
+    for (const WireFigures& row : wire) {
+        if (row.rtt != kRtuGoalRttMs) continue;
+        const TransportFigures& f = row.figures;
+        const double serial = double(f.rtuRequests) * row.rtt;
+        std::printf(
+            "- %s through a %d ms wire: RTU within %.2f x requests x round trip: %s (%.1f ms against %.0f "
+            "ms, "
+            "ratio %.3f)\n",
+            scenarios[row.scenario].name, row.rtt, kRtuWireGoal,
+            verdict(f.rtuMs.median <= kRtuWireGoal * serial), f.rtuMs.median, serial,
+            serial > 0 ? f.rtuMs.median / serial : 0);
+    }
+    return ok;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -382,10 +707,18 @@ int main(int argc, char** argv) {
     const int polls = bench::intOption(argc, argv, "--polls", kDefaultPolls);
     std::vector<int> roundTrips(std::begin(kRoundTripsMs), std::end(kRoundTripsMs));
     const int onlyRtt = bench::intOption(argc, argv, "--rtt-ms", 0);
+    const int loopbackPolls = bench::intOption(argc, argv, "--loopback-polls", kDefaultLoopbackPolls);
     if (onlyRtt > 0) roundTrips = {onlyRtt};
     std::printf(
         "planning_bench: limit %d registers, %d timed polls per wire case after %d untimed, build type %s\n",
         kReadLimit, polls, kUntimedPolls, ZELT_BUILD_TYPE);
+
+    if (bench::hasFlag(argc, argv, "--transports")) {
+        const bool compared = compareTransports(roundTrips, polls, loopbackPolls);
+        std::printf("\n");
+        bench::printCommand(argc, argv);
+        return compared ? 0 : 1;
+    }
 
     std::vector<Scenario> scenarios;
     scenarios.push_back(Scenario{"2,000 mixed", bench::mixedItems(kMixItems), {}});
@@ -518,6 +851,7 @@ int main(int argc, char** argv) {
             scenarios[0].name, kMixGoalInFlight, row.rtt, kMixGoalRoundTrips,
             verdict(trips <= kMixGoalRoundTrips), trips, r.requests, kMixGoalInFlight, floorTrips);
     }
+    ok &= compareTransports(roundTrips, polls, loopbackPolls);
     std::printf("\n");
     bench::printCommand(argc, argv);
     return ok ? 0 : 1;

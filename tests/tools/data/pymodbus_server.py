@@ -1,13 +1,17 @@
 #!/usr/bin/python3
 """A Modbus TCP server built on pymodbus, for checking zelt-modbus against an implementation not written here.
 
-Usage: pymodbus_server.py PORT
+Usage: pymodbus_server.py PORT [--framer socket|rtu]
 Listens on 127.0.0.1:PORT until killed. Protocol address 0 is the first value of each table (zero mode).
+--framer rtu carries RTU frames (unit id, PDU, CRC-16) on the TCP stream, as a serial-to-Ethernet converter
+in front of a serial device would; the default "socket" speaks Modbus TCP (MBAP).
 """
-import sys
+import argparse
 
 from pymodbus.datastore import ModbusSequentialDataBlock, ModbusServerContext, ModbusSlaveContext
 from pymodbus.device import ModbusDeviceIdentification
+from pymodbus.framer.rtu_framer import ModbusRtuFramer
+from pymodbus.framer.socket_framer import ModbusSocketFramer
 from pymodbus.server import StartTcpServer
 
 HOLDING = [
@@ -33,8 +37,14 @@ IDENTITY = {
 }
 
 
+FRAMERS = {"socket": ModbusSocketFramer, "rtu": ModbusRtuFramer}
+
+
 def main():
-    port = int(sys.argv[1])
+    parser = argparse.ArgumentParser()
+    parser.add_argument("port", type=int)
+    parser.add_argument("--framer", choices=sorted(FRAMERS), default="socket")
+    arguments = parser.parse_args()
     slave = ModbusSlaveContext(
         di=ModbusSequentialDataBlock(0, DISCRETE_INPUTS + [0] * 16),
         co=ModbusSequentialDataBlock(0, COILS + [0] * 16),
@@ -44,7 +54,12 @@ def main():
     )
     context = ModbusServerContext(slaves=slave, single=True)
     identity = ModbusDeviceIdentification(info=IDENTITY)
-    StartTcpServer(context=context, identity=identity, address=("127.0.0.1", port))
+    StartTcpServer(
+        context=context,
+        identity=identity,
+        address=("127.0.0.1", arguments.port),
+        framer=FRAMERS[arguments.framer],
+    )
 
 
 if __name__ == "__main__":
