@@ -22,6 +22,7 @@ packages=(
   libc6 libstdc++6 libgcc-s1
   libqt5core5a libqt5network5 qtbase5-dev qtbase5-dev-tools
   libmodbus5 libmodbus-dev
+  libssl-dev libssl3
   libgtest-dev libgmock-dev
 )
 mirror=${ZELT_ARMHF_MIRROR:-http://deb.debian.org/debian}

@@ -5,6 +5,8 @@ set -euo pipefail
 packages=(
   build-essential cmake pkg-config git
   qtbase5-dev libmodbus-dev
+  # Modbus/TCP Security: OpenSSL 3 for the plugin and the simulator, stunnel for the interoperability tests
+  libssl-dev stunnel4
   googletest libgtest-dev libgmock-dev
   # pymodbus imports its serial transport even for TCP, and apt only recommends the serial packages.
   mbpoll python3 python3-pymodbus python3-serial python3-serial-asyncio

@@ -8,7 +8,6 @@ namespace modbus_sim {
 
 namespace {
 
-constexpr int kMbapProtocolIdOffset = 2;
 constexpr uint16_t kWrongProtocolId = 1;
 // The length field of a header-only answer: the unit id alone, no PDU.
 constexpr uint16_t kHeaderOnlyLength = 1;

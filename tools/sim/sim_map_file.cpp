@@ -90,6 +90,8 @@ struct MapFile {
     std::optional<DeviceIdentification> identification;
     std::optional<QByteArray> reportSlaveId;
     std::vector<FaultRule> faults;
+    std::optional<QString> tlsDirectory;
+    TlsFault tlsFault = TlsFault::None;
 };
 
 class MapReader {
@@ -119,6 +121,7 @@ private:
     bool readNumber(const QJsonValue& value, const QString& key, int min, int max, int* out);
     bool readFault(const QJsonValue& value, const QString& key, FaultRule* out);
     bool readFaults(const QJsonValue& value, const QString& key, std::vector<FaultRule>* out);
+    bool readTls(const QJsonValue& value, const QString& key, MapFile* map);
 };
 
 bool MapReader::readInt(const QJsonValue& value, const QString& key, int min, int max, int* out) {
@@ -376,6 +379,25 @@ bool MapReader::readFaults(const QJsonValue& value, const QString& key, std::vec
     return true;
 }
 
+bool MapReader::readTls(const QJsonValue& value, const QString& key, MapFile* map) {
+    if (!value.isObject()) return fail(key, QStringLiteral("expected an object with \"dir\" and \"fault\""));
+    const QJsonObject object = value.toObject();
+    if (!object.value(QLatin1String("dir")).isString())
+        return fail(key + QLatin1String(".dir"), QStringLiteral("expected the certificate directory"));
+    for (auto it = object.begin(); it != object.end(); ++it) {
+        const QString itemKey = key + QLatin1Char('.') + it.key();
+        if (it.key() == QLatin1String("dir")) {
+            map->tlsDirectory = it.value().toString();
+        } else if (it.key() == QLatin1String("fault")) {
+            if (!tlsFaultFromName(it.value().toString(), &map->tlsFault))
+                return fail(itemKey, QStringLiteral("expected one of %1").arg(tlsFaultNames()));
+        } else {
+            return fail(itemKey, QStringLiteral("unknown key"));
+        }
+    }
+    return true;
+}
+
 bool MapReader::read(const QJsonObject& root, MapFile* map) {
     for (auto it = root.begin(); it != root.end(); ++it) {
         const QString key = it.key();
@@ -414,6 +436,8 @@ bool MapReader::read(const QJsonObject& root, MapFile* map) {
             map->reportSlaveId = payload;
         } else if (key == QLatin1String("faults")) {
             if (!readFaults(value, key, &map->faults)) return false;
+        } else if (key == QLatin1String("tls")) {
+            if (!readTls(value, key, map)) return false;
         } else {
             return fail(key, QStringLiteral("unknown key"));
         }
@@ -484,6 +508,7 @@ bool Simulator::loadMapJson(const QByteArray& json, QString* error) {
     if (map.identification) setDeviceIdentification(*map.identification);
     if (map.reportSlaveId) setReportSlaveId(*map.reportSlaveId);
     for (const auto& fault : map.faults) addFault(fault);
+    if (map.tlsDirectory) setTlsKit(*map.tlsDirectory, map.tlsFault);
     return true;
 }
 

@@ -13,6 +13,7 @@ namespace modbus_sim {
 // id and the PDU.
 constexpr int kMbapHeaderLength = 7;
 constexpr int kMbapTransactionIdLength = 2;
+constexpr int kMbapProtocolIdOffset = 2;
 constexpr int kMbapLengthFieldOffset = 4;
 constexpr int kMbapUnitIdOffset = 6;
 // Modbus Application Protocol 1.1b3, 4.1: a PDU is at most 253 bytes (256-byte serial ADU minus address and

@@ -1,5 +1,5 @@
 // One client connection of the simulator: reads request frames (by their MBAP length, or RTU frames by their
-// function code), answers them and applies the injected faults.
+// function code), answers them and applies the injected faults and the client's role.
 
 #include <errno.h>
 #include <poll.h>
@@ -24,6 +24,9 @@ constexpr char kContextAddress[] = "127.0.0.1";
 constexpr uint32_t kReplyFlushTimeoutUs = 1;
 // One recv takes at most this much; an RTU frame is never longer.
 constexpr int kReceiveChunk = kMaxRtuFrameLength;
+// What a plain Modbus TCP port gives a frame that is not Modbus TCP: exception 1 under transaction, unit and
+// function 0. Its second byte is not 3, so a TLS client reading it as a record header sees no TLS.
+constexpr char kForeignFrameAnswerHex[] = "000000000003008001";
 
 bool isRead(int function) {
     return function == kFunctionReadCoils || function == kFunctionReadDiscreteInputs ||
@@ -33,11 +36,13 @@ bool isRead(int function) {
 }  // namespace
 
 Session::Session(Simulator::State* state, int fd, int stopFd, int connection, qint64 acceptedUs,
-                 Framing framing)
+                 Framing framing, SSL_CTX* tlsContext, TlsFault tlsFault)
     : state(state),
       fd(fd),
       stopFd(stopFd),
       framing(framing),
+      tlsContext(tlsContext),
+      tlsFault(tlsFault),
       connection(connection),
       lastAnswerUs(acceptedUs) {
     context = modbus_new_tcp(kContextAddress, 0);
@@ -59,6 +64,7 @@ Session::~Session() {
         if (end >= 0) ::close(end);
         end = -1;
     }
+    if (ssl) SSL_free(ssl);
 }
 
 void Session::start() {
@@ -71,14 +77,17 @@ void Session::join() {
 
 void Session::run() {
     bool alreadyClosed = false;
-    for (;;) {
+    for (bool serving = startConnection(); serving;) {
         QByteArray request;
         if (!(framing == Framing::Rtu ? readRtuRequest(&request) : readMbapRequest(&request))) break;
         const Outcome outcome = handleReceived(request);
         if (outcome == Outcome::Closed) alreadyClosed = true;
         if (outcome != Outcome::Continue) break;
     }
-    if (!alreadyClosed) ::close(fd);
+    if (!alreadyClosed) {
+        endTls();
+        ::close(fd);
+    }
     fd = -1;
     {
         std::lock_guard<std::mutex> lock(state->mutex);
@@ -94,6 +103,13 @@ bool Session::readMbapRequest(QByteArray* request) {
     const int length = readBigEndian16(*request, kMbapLengthFieldOffset);
     // A frame without even a unit id cannot be answered, and the stream cannot be trusted after it.
     if (length < 1) return false;
+    if (tlsFault == TlsFault::PlainTcp && readBigEndian16(*request, kMbapProtocolIdOffset) != 0) {
+        // Read no further: the length of a frame that is not Modbus TCP means nothing. The client's bytes
+        // are drained rather than left unread, which would turn the close into a reset.
+        sendAll(QByteArray::fromHex(kForeignFrameAnswerHex));
+        discardUntilClosed();
+        return false;
+    }
     request->resize(kMbapHeaderLength - 1 + length);
     return length == 1 || readExact(request->data() + kMbapHeaderLength, length - 1);
 }
@@ -131,6 +147,15 @@ void Session::discardPendingByte() {
 }
 
 Session::Arrival Session::receiveMore(int quietMs) {
+    char bytes[kReceiveChunk];
+    int received = 0;
+    const Arrival arrival = receiveSome(bytes, sizeof(bytes), quietMs, &received);
+    if (arrival == Arrival::Bytes) pending.append(bytes, received);
+    return arrival;
+}
+
+Session::Arrival Session::receiveSome(char* data, int size, int quietMs, int* received) {
+    if (ssl) return receiveTls(data, size, quietMs, received);
     for (;;) {
         pollfd fds[2] = {{fd, POLLIN, 0}, {stopFd, POLLIN, 0}};
         const int ready = ::poll(fds, 2, quietMs);
@@ -140,14 +165,13 @@ Session::Arrival Session::receiveMore(int quietMs) {
         }
         if (ready == 0) return Arrival::Quiet;
         if (fds[1].revents != 0) return Arrival::Closed;
-        char bytes[kReceiveChunk];
-        const ssize_t n = ::recv(fd, bytes, sizeof(bytes), 0);
+        const ssize_t n = ::recv(fd, data, size, 0);
         if (n == 0) return Arrival::Closed;
         if (n < 0) {
             if (errno == EINTR || errno == EAGAIN) continue;
             return Arrival::Closed;
         }
-        pending.append(bytes, static_cast<int>(n));
+        *received = static_cast<int>(n);
         return Arrival::Bytes;
     }
 }
@@ -155,21 +179,18 @@ Session::Arrival Session::receiveMore(int quietMs) {
 bool Session::readExact(char* data, int size) {
     int received = 0;
     while (received < size) {
-        pollfd fds[2] = {{fd, POLLIN, 0}, {stopFd, POLLIN, 0}};
-        if (::poll(fds, 2, -1) < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        if (fds[1].revents != 0) return false;
-        const ssize_t n = ::recv(fd, data + received, size - received, 0);
-        if (n == 0) return false;
-        if (n < 0) {
-            if (errno == EINTR || errno == EAGAIN) continue;
-            return false;
-        }
-        received += static_cast<int>(n);
+        int n = 0;
+        if (receiveSome(data + received, size - received, -1, &n) != Arrival::Bytes) return false;
+        received += n;
     }
     return true;
+}
+
+void Session::discardUntilClosed() {
+    char bytes[kReceiveChunk];
+    int received = 0;
+    while (receiveSome(bytes, sizeof(bytes), -1, &received) == Arrival::Bytes) {
+    }
 }
 
 bool Session::waitForStop(int ms) {
@@ -179,6 +200,7 @@ bool Session::waitForStop(int ms) {
 }
 
 bool Session::sendAll(const QByteArray& bytes) {
+    if (ssl) return sendTls(bytes);
     int sent = 0;
     while (sent < bytes.size()) {
         const ssize_t n = ::send(fd, bytes.constData() + sent, bytes.size() - sent, MSG_NOSIGNAL);
@@ -221,6 +243,10 @@ Session::Outcome Session::handleReceived(const QByteArray& request) {
     RequestRecord record = describeRequest(request);
     record.receivedUs = state->elapsedUs();
     record.connection = connection;
+    record.tls = tlsEstablished;
+    record.tlsResumed = tlsResumed;
+    record.role = authority.role;
+    if (record.function >= 0) record.refusal = roleRefusal(authority, record.function);
     int serialLineMs = 0;
     {
         std::lock_guard<std::mutex> lock(state->mutex);
@@ -272,6 +298,13 @@ Session::Outcome Session::handle(const QByteArray& request, const RequestRecord&
                        : Outcome::Close;
         }
         return Outcome::Continue;
+    }
+    if (!record.refusal.isEmpty()) {
+        // Refused before the device looks at the request: no fault applies and nothing is carried out.
+        if (broadcast) return Outcome::Continue;
+        return sendAnswer(toWire(exceptionAnswer(request, record.function, kExceptionIllegalFunction)))
+                   ? Outcome::Continue
+                   : Outcome::Close;
     }
     rule = selectFault(record, &fault, &closeNow);
     if (closeNow) return Outcome::Close;

@@ -2,6 +2,7 @@
 // The simulator's shared state: settings, register tables, counters and the client sessions.
 
 #include <modbus.h>
+#include <openssl/ssl.h>
 
 #include <atomic>
 #include <chrono>
@@ -12,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "tools/sim/sim_roles.h"
 #include "tools/sim/simulator.h"
 
 namespace modbus_sim {
@@ -64,6 +66,14 @@ struct Simulator::State {
     int rejectedConnections = 0;
     int openConnections = 0;
     int closedConnections = 0;
+    TlsServerSettings tls;
+    QString tlsKitDirectory;
+    TlsFault tlsKitFault = TlsFault::None;
+    bool tlsKitCreated = false;
+    int tlsHandshakes = 0;
+    int tlsResumedHandshakes = 0;
+    int tlsFailedHandshakes = 0;
+    std::vector<QString> tlsHandshakeErrors;
 
     // Lifecycle: start and stop are serialized by lifecycleMutex; sessions are guarded by sessionsMutex.
     std::mutex lifecycleMutex;
@@ -74,6 +84,10 @@ struct Simulator::State {
     std::thread acceptThread;
     uint16_t port = 0;
     QString address;
+    // What the connections accepted while running serve: the TLS context (null: plain Modbus TCP, also for
+    // the plain_tcp and stall_handshake faults) and the TLS fault (None when TLS is off).
+    SSL_CTX* tlsContext = nullptr;
+    TlsFault servedTlsFault = TlsFault::None;
     std::mutex sessionsMutex;
     std::list<std::unique_ptr<Session>> sessions;
     // Held by the session whose request is on the simulated serial line.
@@ -90,7 +104,8 @@ struct Simulator::State {
 // One client connection: its socket, its thread and its libmodbus server context.
 class Session {
 public:
-    Session(Simulator::State* state, int fd, int stopFd, int connection, qint64 acceptedUs, Framing framing);
+    Session(Simulator::State* state, int fd, int stopFd, int connection, qint64 acceptedUs, Framing framing,
+            SSL_CTX* tlsContext, TlsFault tlsFault);
     ~Session();
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
@@ -102,8 +117,26 @@ public:
 private:
     enum class Outcome { Continue, Close, Closed };
     enum class Arrival { Bytes, Quiet, Closed };
+    enum class Wait { Ready, TimedOut, Stopped };
 
     void run();
+    // Before the first request: the TLS handshake, or a fault's stalling; false when the connection ends.
+    bool startConnection();
+    // TLS (sim_session_tls.cpp): the handshake within kTlsHandshakeTimeoutMs, its counting, and the byte I/O
+    // over the TLS session.
+    bool acceptTls();
+    bool handshakeFailed(const QString& reason);
+    Arrival receiveTls(char* data, int size, int quietMs, int* received);
+    bool sendTls(const QByteArray& bytes);
+    // close_notify, when a session was established.
+    void endTls();
+    // Waits until the socket is ready for `events` (timeoutMs -1: for ever) or the simulator stops.
+    Wait waitForSocket(short events, int timeoutMs);
+    // Reads and drops everything until the client closes or the simulator stops.
+    void discardUntilClosed();
+    // Up to `size` bytes of what arrives, over TLS or the plain socket; Quiet when nothing did within
+    // `quietMs` (-1: wait for ever).
+    Arrival receiveSome(char* data, int size, int quietMs, int* received);
     // The next request as an MBAP frame, read by the connection's framing; false once the connection ends.
     bool readMbapRequest(QByteArray* request);
     bool readRtuRequest(QByteArray* request);
@@ -140,6 +173,12 @@ private:
     int fd;
     int stopFd;
     Framing framing;
+    SSL_CTX* tlsContext;
+    TlsFault tlsFault;
+    SSL* ssl = nullptr;
+    bool tlsEstablished = false;
+    bool tlsResumed = false;
+    ClientAuthority authority;
     // RTU: bytes received but not yet taken as a request.
     QByteArray pending;
     std::thread thread;

@@ -16,6 +16,8 @@
 
 #include "tools/sim/sim_protocol.h"
 #include "tools/sim/sim_state.h"
+#include "tools/sim/sim_tls_context.h"
+#include "tools/sim/sim_tls_kit.h"
 
 namespace modbus_sim {
 
@@ -118,8 +120,8 @@ void Simulator::State::acceptLoop() {
         }
         reapFinishedSessions(false);
         std::lock_guard<std::mutex> lock(sessionsMutex);
-        sessions.push_back(
-            std::make_unique<Session>(this, client, stopPipe[0], connection, acceptedUs, connectionFraming));
+        sessions.push_back(std::make_unique<Session>(this, client, stopPipe[0], connection, acceptedUs,
+                                                     connectionFraming, tlsContext, servedTlsFault));
         sessions.back()->start();
     }
 }
@@ -158,6 +160,8 @@ bool Simulator::start(const QString& address, uint16_t port, QString* error) {
         closeFd(&state->listenFd);
         closeFd(&state->stopPipe[0]);
         closeFd(&state->stopPipe[1]);
+        SSL_CTX_free(state->tlsContext);
+        state->tlsContext = nullptr;
         return false;
     };
     if (state->running) {
@@ -165,6 +169,8 @@ bool Simulator::start(const QString& address, uint16_t port, QString* error) {
         return false;
     }
     if (!state->mapping) return fail(QStringLiteral("could not allocate the register tables"));
+    QString tlsError;
+    if (!startTls(address, &tlsError)) return fail(tlsError);
 
     sockaddr_in bindAddress{};
     bindAddress.sin_family = AF_INET;
@@ -208,7 +214,89 @@ void Simulator::stop() {
     state->reapFinishedSessions(true);
     closeFd(&state->stopPipe[0]);
     closeFd(&state->stopPipe[1]);
+    SSL_CTX_free(state->tlsContext);
+    state->tlsContext = nullptr;
     state->running = false;
+}
+
+bool Simulator::startTls(const QString& address, QString* error) {
+    TlsServerSettings settings;
+    QString kitDirectory;
+    TlsFault kitFault = TlsFault::None;
+    {
+        std::lock_guard<std::mutex> lock(state->mutex);
+        settings = state->tls;
+        kitDirectory = state->tlsKitDirectory;
+        kitFault = state->tlsKitFault;
+    }
+    if (!kitDirectory.isEmpty()) {
+        bool created = false;
+        if (!tlsServerSettingsForKit(kitDirectory, address, kitFault, &settings, &created, error))
+            return false;
+        std::lock_guard<std::mutex> lock(state->mutex);
+        state->tls = settings;
+        state->tlsKitCreated = created;
+    }
+    state->servedTlsFault = settings.enabled ? settings.fault : TlsFault::None;
+    // These two faults never complete a handshake, so they need no certificate.
+    const bool handshakes = settings.enabled && settings.fault != TlsFault::PlainTcp &&
+                            settings.fault != TlsFault::StallHandshake;
+    if (!handshakes) return true;
+    state->tlsContext = newTlsServerContext(settings, error);
+    return state->tlsContext != nullptr;
+}
+
+void Simulator::setTls(const TlsServerSettings& settings) {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    state->tls = settings;
+    state->tlsKitDirectory.clear();
+    state->tlsKitCreated = false;
+}
+
+void Simulator::setTlsKit(const QString& dir, TlsFault fault) {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    state->tlsKitDirectory = dir;
+    state->tlsKitFault = fault;
+    state->tlsKitCreated = false;
+    // The files are chosen at start(); what is known now shows in tls() already.
+    state->tls = TlsServerSettings();
+    state->tls.enabled = !dir.isEmpty();
+    state->tls.fault = dir.isEmpty() ? TlsFault::None : fault;
+}
+
+TlsServerSettings Simulator::tls() const {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    return state->tls;
+}
+
+QString Simulator::tlsKitDirectory() const {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    return state->tlsKitDirectory;
+}
+
+bool Simulator::tlsKitCreated() const {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    return state->tlsKitCreated;
+}
+
+int Simulator::tlsHandshakes() const {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    return state->tlsHandshakes;
+}
+
+int Simulator::tlsResumedHandshakes() const {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    return state->tlsResumedHandshakes;
+}
+
+int Simulator::tlsFailedHandshakes() const {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    return state->tlsFailedHandshakes;
+}
+
+std::vector<QString> Simulator::tlsHandshakeErrors() const {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    return state->tlsHandshakeErrors;
 }
 
 bool Simulator::running() const {

@@ -14,6 +14,8 @@
 #include <set>
 #include <vector>
 
+#include "tools/sim/sim_tls.h"
+
 namespace modbus_sim {
 
 // What the byte stream of a connection carries.
@@ -84,6 +86,13 @@ struct RequestRecord {
     int connection = 0;     // 1-based, in the order the served connections were accepted
     int transactionId = 0;  // from the request's MBAP header; 0 in RTU framing
     bool dropped = false;   // arrived within the minimum request gap, so never looked at nor answered
+    // Modbus/TCP Security: whether the connection is TLS, whether its handshake resumed a session, the role
+    // its client certificate carries (empty: none), and why that role may not use this request's function
+    // (empty when it may; such a request is answered with exception 1 and not carried out).
+    bool tls = false;
+    bool tlsResumed = false;
+    QString role;
+    QString refusal;
 };
 
 struct DeviceIdentification {
@@ -124,6 +133,24 @@ public:
     // framing they were accepted with.
     void setFraming(Framing framing);
     Framing framing() const;
+
+    // Modbus/TCP Security (see sim_tls.h). Set it before start(); connections already open keep what they
+    // were accepted with. start() fails with a reason when the files cannot be loaded.
+    void setTls(const TlsServerSettings& settings);
+    // Serve the certificate kit in `dir` with `fault`: at start() the kit is made there when it is missing
+    // (for the listen address) and its files chosen as tlsServerSettingsForKit does. An empty `dir` turns
+    // TLS off.
+    void setTlsKit(const QString& dir, TlsFault fault = TlsFault::None);
+    // The settings served (after start(), those chosen from a kit), and whether start() made the kit.
+    TlsServerSettings tls() const;
+    QString tlsKitDirectory() const;
+    bool tlsKitCreated() const;
+    // Handshakes completed (resumed ones among them) and failed since the simulator was created, with the
+    // failures' reasons in order (OpenSSL's reason text, "handshake timed out" or "connection closed").
+    int tlsHandshakes() const;
+    int tlsResumedHandshakes() const;
+    int tlsFailedHandshakes() const;
+    std::vector<QString> tlsHandshakeErrors() const;
 
     // Unit ids served; empty set (the default) serves every unit id.
     void setUnits(const std::set<int>& units);
@@ -203,6 +230,8 @@ public:
 
 private:
     friend class Session;
+    // Chooses the TLS settings (from the kit, when one is set) and builds the server context.
+    bool startTls(const QString& address, QString* error);
     struct State;
     std::unique_ptr<State> state;
 };

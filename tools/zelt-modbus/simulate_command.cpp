@@ -5,6 +5,7 @@
 #include <optional>
 #include <set>
 
+#include "tools/sim/sim_tls_kit.h"
 #include "tools/sim/simulator.h"
 #include "tools/zelt-modbus/cli.h"
 
@@ -78,6 +79,42 @@ bool readDeadUnits(const CommandLine& command, const modbus_sim::Simulator& simu
     return true;
 }
 
+// --tls and --tls-fault over the map's "tls"; false after printing the problem.
+bool readTls(const CommandLine& command, modbus_sim::Simulator* simulator) {
+    QString directory = simulator->tlsKitDirectory();
+    if (command.has(QStringLiteral("tls"))) directory = command.value(QStringLiteral("tls"));
+    modbus_sim::TlsFault fault = simulator->tls().fault;
+    if (command.has(QStringLiteral("tls-fault"))) {
+        const QString name = command.value(QStringLiteral("tls-fault"));
+        if (!modbus_sim::tlsFaultFromName(name, &fault)) {
+            QTextStream(stderr) << "zelt-modbus simulate: --tls-fault must be one of "
+                                << modbus_sim::tlsFaultNames() << ", not \"" << name << "\"\n"
+                                << command.usage();
+            return false;
+        }
+        if (directory.isEmpty()) {
+            QTextStream(stderr) << "zelt-modbus simulate: --tls-fault needs --tls DIR\n" << command.usage();
+            return false;
+        }
+    }
+    if (!directory.isEmpty()) simulator->setTlsKit(directory, fault);
+    return true;
+}
+
+// File paths only: the keys stay in their files.
+void printTls(const modbus_sim::Simulator& simulator) {
+    const QString directory = simulator.tlsKitDirectory();
+    if (directory.isEmpty()) return;
+    QTextStream out(stdout);
+    if (simulator.tlsKitCreated())
+        out << "tls: created a certificate kit in " << directory
+            << ": ca.pem, device.pem and client.pem (role operator) with their keys\n";
+    if (simulator.tls().fault != modbus_sim::TlsFault::None)
+        out << "tls: fault " << modbus_sim::tlsFaultName(simulator.tls().fault) << "\n";
+    out << "tls: device settings: "
+        << modbus_sim::tlsDeviceSettingsText(directory, simulator.port(), simulator.address()) << "\n";
+}
+
 }  // namespace
 
 int runSimulate(const QStringList& arguments) {
@@ -106,6 +143,12 @@ int runSimulate(const QStringList& arguments) {
                       QStringLiteral("comma-separated unit ids that never answer"));
     command.addOption(QStringLiteral("dead-unit-reply"), QStringLiteral("REPLY"),
                       QStringLiteral("what dead units give: silence (default) or gateway_exception"));
+    command.addOption(QStringLiteral("tls"), QStringLiteral("DIR"),
+                      QStringLiteral("serve Modbus/TCP Security with DIR's ca.pem, device.pem, device.key "
+                                     "(made when missing)"));
+    command.addOption(QStringLiteral("tls-fault"), QStringLiteral("NAME"),
+                      QStringLiteral("with --tls: expired_certificate, wrong_ca, wrong_name, "
+                                     "no_client_certificate_demanded, plain_tcp or stall_handshake"));
     if (int exitCode = 0; !command.parse(arguments, &exitCode)) return exitCode;
     int port = 0;
     if (!readNumberOption(command, QStringLiteral("port"), 0, 0, &port)) return kExitUsage;
@@ -158,10 +201,12 @@ int runSimulate(const QStringList& arguments) {
     if (command.has(QStringLiteral("serial-line"))) simulator.setSerialLine(serialLineMs);
     if (command.has(QStringLiteral("min-request-gap"))) simulator.setMinimumRequestGap(minimumRequestGapMs);
     if (framing) simulator.setFraming(*framing);
+    if (!readTls(command, &simulator)) return kExitUsage;
     if (!simulator.start(command.value(QStringLiteral("listen"), QStringLiteral("127.0.0.1")),
                          static_cast<uint16_t>(port), &error))
         return fail(error);
     QTextStream(stdout) << "listening on " << simulator.address() << ":" << simulator.port() << "\n";
+    printTls(simulator);
 
     int received = 0;
     sigwait(&stopSignals, &received);
