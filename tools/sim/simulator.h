@@ -3,7 +3,7 @@
 // of a serial device behind a transparent serial-to-Ethernet converter). Standard requests are answered by
 // libmodbus's own server side (modbus_reply over a modbus_mapping_t); Read Device Identification (FC 43 / MEI
 // 14), Report Slave ID (FC 17) and the injected faults are answered here. Every client socket gets a thread
-// of its own.
+// of its own. Either framing can run inside TLS (Modbus/TCP Security, see setTls).
 
 #include <QByteArray>
 #include <QString>
