@@ -35,6 +35,7 @@ Connection::Connection(Network const& net, PluginInterface* pluginInterface, int
     connectTimeoutMs = net.connectTimeoutMs;
     requestPauseMs = net.requestPauseMs;
     transport = net.transport;
+    tls = net.tls;
     setResponseTimeoutMs(net.responseTimeoutMs);
     connected = connect(net.serverId, err) == 0;
 }
@@ -59,6 +60,11 @@ Connection& Connection::operator=(Connection&& other) noexcept {
     std::swap(lastExchange, other.lastExchange);
     std::swap(transport, other.transport);
     std::swap(lateAnswer, other.lateAnswer);
+    std::swap(tls, other.tls);
+    std::swap(stream, other.stream);
+    std::swap(handshake, other.handshake);
+    std::swap(clientCertificateDaysLeft, other.clientCertificateDaysLeft);
+    std::swap(tlsFailure, other.tlsFailure);
     return *this;
 }
 
@@ -77,6 +83,8 @@ int Connection::connect(int slave, int* err) {
         *err = error;
         return -1;
     }
+    // The time-out covers the whole attempt: name resolution, TCP and the TLS handshake.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(connectTimeoutMs);
     const int socket = SocketStream::connectTcp(host, service, connectTimeoutMs, err);
     if (socket < 0) {
         errno = *err;
@@ -85,6 +93,15 @@ int Connection::connect(int slave, int* err) {
         return -1;
     }
     modbus_set_socket(ctx, socket);
+    if (transport == Transport::ModbusTcpSecurity) {
+        if (!startTls(socket, deadline, err)) {
+            if (plugin) plugin->logDebug(QStringLiteral("Could not connect: %1").arg(errToStr(*err)));
+            disconnect();
+            return -1;
+        }
+    } else {
+        stream = std::make_unique<SocketStream>(socket);
+    }
     connected = true;
     // The device counts from the moment the connection reached it, a little after connect() returned here.
     lastExchange = std::chrono::steady_clock::now() + std::chrono::milliseconds(kConnectPauseMarginMs);
@@ -97,7 +114,31 @@ bool Connection::setSlave(int unit) {
     return true;
 }
 
+bool Connection::startTls(int socket, std::chrono::steady_clock::time_point deadline, int* err) {
+    const QString target = QString::fromLocal8Bit(host) + QLatin1Char(':') + QString::fromLatin1(service);
+    QStringList warnings;
+    std::shared_ptr<TlsEndpoint> endpoint = TlsEndpoint::forTarget(target, tls, &tlsFailure, &warnings);
+    if (plugin)
+        for (QString const& warning : warnings) plugin->logWarning(warning);
+    if (!endpoint) {
+        *err = kTlsSetupFailure;
+        return false;
+    }
+    clientCertificateDaysLeft = endpoint->clientCertificateDaysLeft();
+    std::unique_ptr<TlsStream> session =
+        TlsStream::handshake(socket, std::move(endpoint), tls.serverName, deadline, &tlsFailure);
+    if (!session) {
+        *err = kTlsFailure;
+        return false;
+    }
+    handshake = std::make_unique<TlsHandshake>(session->established());
+    stream = std::move(session);
+    return true;
+}
+
 void Connection::disconnect() {
+    // A TLS session says goodbye on the socket before the socket goes.
+    stream.reset();
     if (ctx) {
         modbus_close(ctx);
         modbus_free(ctx);
@@ -112,7 +153,7 @@ int Connection::socket() const {
 
 void Connection::flush() {
     // What libmodbus's flush does, without its select().
-    SocketStream(socket()).discardWaiting();
+    if (stream) stream->discardWaiting();
 }
 
 bool Connection::getResponseTimeout(unsigned int* sec, unsigned int* usec) const {
@@ -157,6 +198,8 @@ int Connection::settle(int result, int error, int* err, const char* failureLog) 
 
 QString Connection::errToStr(int code) const {
     if (code == -1) return QStringLiteral("Non-bit input type. Input or Output Coil required.");
+    if (code == kTlsFailure) return QStringLiteral("TLS: ") + tlsFailure;
+    if (code == kTlsSetupFailure) return tlsFailure;
     if (code == kTimeoutErrno) return QStringLiteral("Timeout");
     return QString::fromLocal8Bit(modbus_strerror(code));
 }

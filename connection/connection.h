@@ -12,10 +12,13 @@
 #include <QByteArray>
 #include <QString>
 #include <chrono>
+#include <memory>
 #include <vector>
 
 #include "connection/register_type.h"
 #include "connection/rtu_framing.h"
+#include "connection/tls_settings.h"
+#include "connection/tls_stream.h"
 #include "connection/transport.h"
 
 struct _modbus;
@@ -32,6 +35,7 @@ public:
         int responseTimeoutMs = kDefaultTimeoutMs;
         int requestPauseMs = 0;
         Transport transport = Transport::ModbusTcp;
+        TlsSettings tls;  // with ModbusTcpSecurity
     };
     // The serial variant is an empty shell: nothing builds a serial context.
     struct Serial {};
@@ -40,6 +44,11 @@ public:
     static constexpr unsigned char max_read_registers = 125;
     // libmodbus's own default response time-out, also used for connecting unless a device sets its own.
     static constexpr int kDefaultTimeoutMs = 500;
+    // Connect failures of Modbus/TCP Security, below libmodbus's codes and above any errno: the handshake or
+    // the device's certificate failed (errToStr gives "TLS: " and OpenSSL's reason), or the gateway's own
+    // certificates could not be read (errToStr names the setting and the file).
+    static constexpr int kTlsFailure = 100000;
+    static constexpr int kTlsSetupFailure = 100001;
 
     Connection() = default;
     Connection(Network const& net, PluginInterface* plugin, int* err);
@@ -109,6 +118,10 @@ public:
     int exchangePdu(QByteArray const& request, QByteArray* response, int* err);
 
     QString errToStr(int code) const;
+    // What the TLS handshake of this connection established; null without one.
+    TlsHandshake const* tlsHandshake() const { return handshake ? handshake.get() : nullptr; }
+    // Days until the gateway's own certificate expires; INT_MIN without one.
+    int tlsClientCertificateDaysLeft() const { return clientCertificateDaysLeft; }
     bool setDeviceError(int code) const;
     int getDeviceError() const { return deviceError; }
 
@@ -147,6 +160,8 @@ private:
     void waitForRequestPause() const;
     std::chrono::steady_clock::time_point responseDeadline() const;
     int socket() const;
+    // Completes the TLS handshake on the connected `socket` before `deadline`; false with *err set.
+    bool startTls(int socket, std::chrono::steady_clock::time_point deadline, int* err);
     // Sends a standard request PDU and checks the reply the way libmodbus checks a confirmation; returns the
     // reply PDU's length with the reply in `reply`, or -1 with *err set.
     int transact(const unsigned char* pdu, int length, int expectedReplyPdu, unsigned char* reply,
@@ -179,6 +194,13 @@ private:
     mutable std::chrono::steady_clock::time_point lastExchange{};
     Transport transport = Transport::ModbusTcp;
     mutable LateAnswer lateAnswer;
+    TlsSettings tls;
+    // The bytes of the connection: the socket itself, or TLS over it. Null while not connected.
+    std::unique_ptr<ByteStream> stream;
+    std::unique_ptr<TlsHandshake> handshake;
+    int clientCertificateDaysLeft = 0;
+    // Why the last TLS connect failed, for errToStr.
+    QString tlsFailure;
 
     mutable int deviceError = 0;
     bool connected = false;

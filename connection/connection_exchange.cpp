@@ -1,6 +1,6 @@
 // One request and its answer, in Modbus TCP or in RTU framing. What frames a request lives in
-// mbap_framing / rtu_framing, what moves the bytes in SocketStream; this is the discipline between them: the
-// request pause, late answers, and what is dropped on the way to the answer.
+// mbap_framing / rtu_framing, what moves the bytes in a ByteStream (a socket, or TLS over one); this is the
+// discipline between them: the request pause, late answers, and what is dropped on the way to the answer.
 
 #include <errno.h>
 #include <modbus.h>
@@ -13,7 +13,6 @@
 #include "connection/connection.h"
 #include "connection/mbap_framing.h"
 #include "connection/rtu_framing.h"
-#include "connection/socket_stream.h"
 #include "host/plugin_interface.h"
 
 namespace {
@@ -49,6 +48,10 @@ int sizedPduLength(const unsigned char* pdu, int available, bool* known) {
 
 int Connection::exchange(const unsigned char* pdu, int length, int byteCount, AnswerSize size,
                          unsigned char* reply, int* err) const {
+    if (!stream) {
+        *err = ENOTCONN;
+        return -1;
+    }
     if (transport == Transport::RtuOverTcp) return exchangeRtu(pdu, length, byteCount, reply, err);
     return exchangeMbap(pdu, length, size, reply, err);
 }
@@ -66,7 +69,7 @@ int Connection::sendMbap(const unsigned char* pdu, int length, int* err) const {
     unsigned char frame[mbap_framing::kPrefixLength + mbap_framing::kMaxFrameLength];
     const int total = mbap_framing::buildRequest(transactionId, slaveId, pdu, length, frame);
     waitForRequestPause();
-    return SocketStream(socket()).sendAll(frame, total, responseDeadline(), err);
+    return stream->sendAll(frame, total, responseDeadline(), err);
 }
 
 int Connection::exchangeMbap(const unsigned char* pdu, int length, AnswerSize size, unsigned char* reply,
@@ -111,7 +114,6 @@ int Connection::receiveMbapAnswer(unsigned short sentId, unsigned char* frame, i
 // leaving the rest in the socket; the raw PDUs of identity are therefore read by the MBAP length field.
 int Connection::receiveMbapFrame(unsigned char* frame, int capacity, Clock::time_point deadline,
                                  AnswerSize size, int* err) const {
-    const SocketStream stream(socket());
     uint32_t byteSec = 0;
     uint32_t byteUsec = 0;
     modbus_get_byte_timeout(ctx, &byteSec, &byteUsec);
@@ -120,7 +122,7 @@ int Connection::receiveMbapFrame(unsigned char* frame, int capacity, Clock::time
     int wanted = mbap_framing::kHeaderLength + (size == AnswerSize::ByFunction ? 1 : 0);
     bool sized = false;
     while (received < wanted) {
-        const int count = stream.receiveSome(frame + received, wanted - received, deadline, err);
+        const int count = stream->receiveSome(frame + received, wanted - received, deadline, err);
         if (count < 0) return -1;
         received += count;
         // Like libmodbus, once an answer has begun each further byte gets the byte time-out of its own.
@@ -164,15 +166,14 @@ int Connection::exchangeRtu(const unsigned char* pdu, int length, int byteCount,
     }
     awaitLateRtuAnswer(pdu[0]);
     waitForRequestPause();
-    const SocketStream stream(socket());
     // Whatever waits now answers no request of this one: a converter's heartbeat, or an answer that came
     // late.
-    const int dropped = stream.discardWaiting();
+    const int dropped = stream->discardWaiting();
     if (dropped > 0 && plugin)
         plugin->logDebug(QStringLiteral("Dropped %1 bytes that came before a request to unit %2")
                              .arg(dropped)
                              .arg(slaveId));
-    if (stream.sendAll(frame, total, responseDeadline(), err) < 0) return -1;
+    if (stream->sendAll(frame, total, responseDeadline(), err) < 0) return -1;
     if (broadcast) {
         // The devices need the pause to carry the write out before the line is theirs again.
         lastExchange = Clock::now();
@@ -199,7 +200,6 @@ int Connection::receiveRtuAnswer(int function, int byteCount, unsigned char* rep
 
 int Connection::searchRtuAnswer(rtu_framing::Expectation const& expected, Clock::time_point deadline,
                                 unsigned char* reply, int* skipped, int* err) const {
-    const SocketStream stream(socket());
     uint32_t byteSec = 0;
     uint32_t byteUsec = 0;
     modbus_get_byte_timeout(ctx, &byteSec, &byteUsec);
@@ -227,7 +227,7 @@ int Connection::searchRtuAnswer(rtu_framing::Expectation const& expected, Clock:
             size -= drop;
             *skipped += drop;
         }
-        const int count = stream.receiveSome(buffer + size, kRtuReceiveBuffer - size, deadline, err);
+        const int count = stream->receiveSome(buffer + size, kRtuReceiveBuffer - size, deadline, err);
         if (count < 0) {
             if (*err == ETIMEDOUT && crcMismatch) *err = EMBBADCRC;
             return -1;

@@ -85,7 +85,7 @@ int SocketStream::connectTcp(QByteArray const& host, QByteArray const& service, 
     return connectedSocket;
 }
 
-bool SocketStream::waitFor(short events, Deadline deadline, int* err) const {
+bool SocketStream::waitFor(int socket, short events, Deadline deadline, int* err) {
     for (;;) {
         pollfd descriptor{socket, events, 0};
         const int ready = ::poll(&descriptor, 1, millisecondsUntil(deadline));
@@ -96,10 +96,10 @@ bool SocketStream::waitFor(short events, Deadline deadline, int* err) const {
     }
 }
 
-int SocketStream::sendAll(const unsigned char* data, int length, Deadline deadline, int* err) const {
+int SocketStream::sendAll(const unsigned char* data, int length, Deadline deadline, int* err) {
     int sent = 0;
     while (sent < length) {
-        if (!waitFor(POLLOUT, deadline, err)) return -1;
+        if (!waitFor(socket, POLLOUT, deadline, err)) return -1;
         const ssize_t count = ::send(socket, data + sent, static_cast<size_t>(length - sent), MSG_NOSIGNAL);
         if (count < 0) {
             if (errno == EINTR || errno == EAGAIN) continue;
@@ -111,9 +111,9 @@ int SocketStream::sendAll(const unsigned char* data, int length, Deadline deadli
     return sent;
 }
 
-int SocketStream::receiveSome(unsigned char* data, int capacity, Deadline deadline, int* err) const {
+int SocketStream::receiveSome(unsigned char* data, int capacity, Deadline deadline, int* err) {
     for (;;) {
-        if (!waitFor(POLLIN, deadline, err)) return -1;
+        if (!waitFor(socket, POLLIN, deadline, err)) return -1;
         const ssize_t count = ::recv(socket, data, static_cast<size_t>(capacity), 0);
         if (count > 0) return static_cast<int>(count);
         if (count == 0) {
@@ -126,7 +126,7 @@ int SocketStream::receiveSome(unsigned char* data, int capacity, Deadline deadli
     }
 }
 
-int SocketStream::discardWaiting() const {
+int SocketStream::discardWaiting() {
     if (socket < 0) return 0;
     unsigned char discard[kDiscardChunk];
     int total = 0;

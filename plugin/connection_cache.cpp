@@ -1,3 +1,4 @@
+#include <QCryptographicHash>
 #include <QStringBuilder>
 #include <algorithm>
 
@@ -8,11 +9,28 @@ namespace {
 
 // Units behind one gateway or converter name the same address, port and framing; a device that wants its own
 // connection gets a key no other device has.
-QString endpointKey(int deviceId, QString const& address, quint16 port, bool shared, Transport transport) {
+QString endpointKey(int deviceId, QString const& address, quint16 port, bool shared,
+                    DeviceOptions const& options) {
     if (!shared) return QStringLiteral("device:") % QString::number(deviceId);
-    const QString scheme =
-        transport == Transport::RtuOverTcp ? QStringLiteral("rtu:") : QStringLiteral("tcp:");
-    return scheme % address % QLatin1Char(':') % QString::number(port);
+    const QString target = address % QLatin1Char(':') % QString::number(port);
+    switch (options.transport) {
+        case Transport::RtuOverTcp:
+            return QStringLiteral("rtu:") % target;
+        case Transport::ModbusTcpSecurity: {
+            // Units behind one secured gateway share a session only when they present the same certificates.
+            QCryptographicHash certificates(QCryptographicHash::Sha256);
+            for (QString const& part : {options.tls.caCertificates, options.tls.certificate,
+                                        options.tls.privateKey, options.tls.serverName}) {
+                certificates.addData(part.toUtf8());
+                certificates.addData("\0", 1);
+            }
+            return QStringLiteral("tls:") % target % QLatin1Char('/') %
+                   QString::fromLatin1(certificates.result().toHex());
+        }
+        case Transport::ModbusTcp:
+            break;
+    }
+    return QStringLiteral("tcp:") % target;
 }
 
 // A device that has not used its connection for this long is taken to be gone from the host: it no longer
@@ -66,7 +84,7 @@ std::shared_ptr<Modbus::TcpDeviceConnection> Modbus::tcpDeviceConnection(int dev
     std::shared_ptr<TcpDeviceConnection>& entry = connections[deviceId];
     if (!entry) {
         entry = std::make_shared<TcpDeviceConnection>();
-        entry->key = endpointKey(deviceId, QString(), 0, false, Transport::ModbusTcp);
+        entry->key = endpointKey(deviceId, QString(), 0, false, DeviceOptions{});
         endpoints.insert(entry->key, entry);
     }
     return entry;
@@ -75,8 +93,8 @@ std::shared_ptr<Modbus::TcpDeviceConnection> Modbus::tcpDeviceConnection(int dev
 std::shared_ptr<Modbus::TcpDeviceConnection> Modbus::tcpDeviceConnection(DeviceInstancePlugin const& device,
                                                                          DeviceOptions const& options,
                                                                          bool* stoppingOut) {
-    const QString key = endpointKey(device.id, device.address, devicePort(device.settings),
-                                    options.shareConnection, options.transport);
+    const QString key =
+        endpointKey(device.id, device.address, devicePort(device.settings), options.shareConnection, options);
     std::shared_ptr<TcpDeviceConnection> unused;
     std::shared_ptr<TcpDeviceConnection> left;
     std::shared_ptr<TcpDeviceConnection> bound;
@@ -136,6 +154,7 @@ Connection Modbus::makeConnection(DeviceInstancePlugin& device, int* error) {
     network.responseTimeoutMs = options.responseTimeoutMs;
     network.requestPauseMs = options.requestPauseMs;
     network.transport = options.transport;
+    network.tls = options.tls;
     return Connection(network, &pluginInterface, error);
 }
 

@@ -5,6 +5,7 @@
 #include <QDateTime>
 #include <QtGlobal>
 #include <array>
+#include <climits>
 
 struct DeviceHealth {
     static constexpr int kRecentResponses = 100;
@@ -20,6 +21,15 @@ struct DeviceHealth {
     double maxResponseMs = 0;
     double lastPollMs = 0;
     QDateTime lastOk;  // UTC; null before the first poll without error
+    // Modbus/TCP Security: handshakes made for the device, how many of them resumed a session, and the days
+    // until the device's certificate (from the last handshake) and the gateway's own expire; INT_MIN:
+    // unknown.
+    quint64 tlsHandshakes = 0;
+    quint64 tlsResumed = 0;
+    int tlsCertificateDaysLeft = INT_MIN;
+    int tlsClientCertificateDaysLeft = INT_MIN;
+    // When expiry was last warned of (plugin clock, ms); a day later it is warned of again.
+    qint64 tlsExpiryWarnedMs = LLONG_MIN;
 
     void recordResponse(double ms);
     // Mean of the last kRecentResponses round trips; 0 before the first.

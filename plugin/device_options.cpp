@@ -11,6 +11,7 @@ constexpr int kMaxRetries = 5;
 constexpr int kMaxBackoffMs = 600000;
 constexpr int kFirstUnitId = 1;
 constexpr quint16 kDefaultPort = 502;
+constexpr quint16 kDefaultSecurePort = 802;
 constexpr int kMostOutstandingRequests = 16;
 
 int boundedNumber(QMap<QString, QString> const& settings, QString const& key, int low, int high,
@@ -27,9 +28,16 @@ int deviceUnitId(QMap<QString, QString> const& settings) {
     return unit < kFirstUnitId ? kFirstUnitId : unit;
 }
 
+Transport deviceTransport(QMap<QString, QString> const& settings) {
+    return static_cast<Transport>(boundedNumber(settings, setting_keys::kTransport, 0,
+                                                static_cast<int>(Transport::ModbusTcpSecurity),
+                                                static_cast<int>(DeviceOptions::kDefaultTransport)));
+}
+
 quint16 devicePort(QMap<QString, QString> const& settings) {
     const quint16 port = setting_keys::settingText(settings, setting_keys::kPort).toUShort();
-    return port == 0 ? kDefaultPort : port;
+    if (port != 0) return port;
+    return deviceTransport(settings) == Transport::ModbusTcpSecurity ? kDefaultSecurePort : kDefaultPort;
 }
 
 DeviceOptions deviceOptions(QMap<QString, QString> const& settings) {
@@ -52,8 +60,12 @@ DeviceOptions deviceOptions(QMap<QString, QString> const& settings) {
                       DeviceOptions::kDefaultMaxOutstandingRequests);
     options.maskWrite =
         boundedNumber(settings, kMaskWrite, 0, 1, DeviceOptions::kDefaultMaskWrite ? 1 : 0) == 1;
-    options.transport = static_cast<Transport>(boundedNumber(settings, kTransport, 0,
-                                                             static_cast<int>(Transport::RtuOverTcp),
-                                                             static_cast<int>(DeviceOptions::kDefaultTransport)));
+    options.transport = deviceTransport(settings);
+    if (options.transport == Transport::ModbusTcpSecurity) {
+        options.tls.caCertificates = settingText(settings, kTlsCaCertificates);
+        options.tls.certificate = settingText(settings, kTlsCertificate);
+        options.tls.privateKey = settingText(settings, kTlsPrivateKey);
+        options.tls.serverName = settingText(settings, kTlsServerName);
+    }
     return options;
 }

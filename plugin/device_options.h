@@ -5,6 +5,7 @@
 #include <QMap>
 #include <QString>
 
+#include "connection/tls_settings.h"
 #include "connection/transport.h"
 
 struct DeviceOptions {
@@ -29,12 +30,17 @@ struct DeviceOptions {
     int maxOutstandingRequests = kDefaultMaxOutstandingRequests;
     bool maskWrite = kDefaultMaskWrite;
     Transport transport = kDefaultTransport;
+    TlsSettings tls;  // read only with Transport::ModbusTcpSecurity
 };
 
 DeviceOptions deviceOptions(QMap<QString, QString> const& settings);
 
+// How requests travel: "transport", Modbus TCP when missing or unknown.
+Transport deviceTransport(QMap<QString, QString> const& settings);
+
 // The unit id a poll addresses: "server_id", at least 1 (unit 0 is the broadcast id; polling never addresses
 // it).
 int deviceUnitId(QMap<QString, QString> const& settings);
-// The TCP port: "port" as a 16-bit number, 502 when missing, not a number or 0.
+// The TCP port: "port" as a 16-bit number; when missing, not a number or 0, 802 for Modbus/TCP Security and
+// 502 otherwise.
 quint16 devicePort(QMap<QString, QString> const& settings);

@@ -1,6 +1,7 @@
 #include "plugin/diagnostics.h"
 
 #include <QHash>
+#include <climits>
 
 namespace diagnostics {
 
@@ -22,6 +23,10 @@ enum class Name {
     BackoffS,
     LastError,
     LastOk,
+    TlsHandshakes,
+    TlsResumed,
+    TlsCertificateDaysLeft,
+    TlsClientCertificateDaysLeft,
 };
 
 struct NameTable {
@@ -47,6 +52,10 @@ NameTable const& table() {
             {"backoff_s", Name::BackoffS},
             {"last_error", Name::LastError},
             {"last_ok", Name::LastOk},
+            {"tls_handshakes", Name::TlsHandshakes},
+            {"tls_resumed", Name::TlsResumed},
+            {"tls_certificate_days_left", Name::TlsCertificateDaysLeft},
+            {"tls_client_certificate_days_left", Name::TlsClientCertificateDaysLeft},
         };
         NameTable names;
         for (auto const& entry : kNames) {
@@ -56,6 +65,11 @@ NameTable const& table() {
         return names;
     }();
     return kTable;
+}
+
+// Days as a number, or empty while they are not known (before a handshake, or without a certificate).
+QString days(int value) {
+    return value == INT_MIN ? QStringLiteral("") : QString::number(value);
 }
 
 // Milliseconds with one decimal, as a person reads them.
@@ -104,6 +118,14 @@ QString valueOf(QString const& address, DeviceView const& view) {
             return view.lastError.isNull() ? QStringLiteral("") : view.lastError;
         case Name::LastOk:
             return health.lastOk.isNull() ? QStringLiteral("") : health.lastOk.toString(Qt::ISODate);
+        case Name::TlsHandshakes:
+            return QString::number(health.tlsHandshakes);
+        case Name::TlsResumed:
+            return QString::number(health.tlsResumed);
+        case Name::TlsCertificateDaysLeft:
+            return days(health.tlsCertificateDaysLeft);
+        case Name::TlsClientCertificateDaysLeft:
+            return days(health.tlsClientCertificateDaysLeft);
     }
     return QString();
 }

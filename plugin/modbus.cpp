@@ -145,13 +145,29 @@ QList<DatabaseColumnStructure> deviceColumns(const QList<NetworkInterfaceInstanc
                     "Write a bit of a holding register with function 22 (mask write), so that the device "
                     "changes that bit alone and no other bit is written back stale. A device that refuses "
                     "function 22 is written by reading and writing the register, as with No."));
-    DatabaseColumnStructure transport =
-        column("transport", kTypeText, 3, "0",
-               "How requests travel on the TCP connection: Modbus TCP (MBAP header), or RTU frames with CRC for "
-               "serial devices behind a transparent serial-to-Ethernet converter.");
+    DatabaseColumnStructure transport = column(
+        "transport", kTypeText, 3, "0",
+        "How requests travel on the TCP connection: Modbus TCP (MBAP header), or RTU frames with CRC for "
+        "serial devices behind a transparent serial-to-Ethernet converter.");
     transport.insertSelectionValues(QStringLiteral("Modbus TCP"), QStringLiteral("0"));
     transport.insertSelectionValues(QStringLiteral("RTU over TCP"), QStringLiteral("1"));
+    transport.insertSelectionValues(QStringLiteral("Modbus/TCP Security (TLS)"), QStringLiteral("2"));
     columns.append(transport);
+    // Free texts (a file path or a whole PEM text), in the type the host gives such texts.
+    columns.append(column("tls_ca_certificates", kTypeRegister, 0, "",
+                          "Certificate authorities that may sign the device's certificate: a PEM file on the "
+                          "gateway, or the PEM text itself."));
+    columns.append(
+        column("tls_certificate", kTypeRegister, 0, "",
+               "This gateway's certificate (carrying its Modbus role), shown to the device: a PEM file "
+               "on the gateway, or the PEM text itself."));
+    columns.append(
+        column("tls_private_key", kTypeRegister, 0, "",
+               "The private key of that certificate: a PEM file on the gateway, or the PEM text itself. "
+               "Never logged or shown."));
+    columns.append(column("tls_server_name", kTypeRegister, 0, "",
+                          "The name or IP address the device's certificate must carry. Empty: only the "
+                          "certificate chain is checked."));
     return columns;
 }
 

@@ -1,11 +1,15 @@
 #include "plugin/request_runner.h"
 
 #include <chrono>
+#include <climits>
 
 #include "connection/request_discipline.h"
 
 namespace {
 constexpr int kSharedTimeoutsBeforeClose = 2;
+// Certificates are warned of this long before they expire, once a day.
+constexpr int kExpiryWarningDays = 30;
+constexpr qint64 kExpiryWarningEveryMs = 24LL * 60 * 60 * 1000;
 }  // namespace
 
 RequestRunner::RequestRunner(Modbus& plugin, Modbus::TcpDeviceConnection& endpoint,
@@ -23,6 +27,7 @@ bool RequestRunner::ensureConnected(int* error) {
         }
         ++endpoint.generation;
         endpoint.consecutiveTimeouts = 0;
+        noteTlsHandshake(connection);
     }
     // A shared connection carries the settings of whichever device uses it now (a new one was made with this
     // device's unit). A unit id libmodbus cannot address fails the device as it does on a connection of its
@@ -37,6 +42,31 @@ bool RequestRunner::ensureConnected(int* error) {
     connection.setRequestPause(options.requestPauseMs);
     connection.setResponseTimeoutMs(options.responseTimeoutMs);
     return true;
+}
+
+void RequestRunner::noteTlsHandshake(Connection const& connection) {
+    TlsHandshake const* handshake = connection.tlsHandshake();
+    if (!handshake) return;
+    DeviceHealth& health = state.health;
+    ++health.tlsHandshakes;
+    if (handshake->resumed) ++health.tlsResumed;
+    health.tlsCertificateDaysLeft = handshake->deviceCertificateDaysLeft;
+    health.tlsClientCertificateDaysLeft = connection.tlsClientCertificateDaysLeft();
+    const qint64 now = Backoff::clockMs();
+    if (health.tlsExpiryWarnedMs != LLONG_MIN && now - health.tlsExpiryWarnedMs < kExpiryWarningEveryMs)
+        return;
+    bool warned = false;
+    auto warn = [&](int daysLeft, QString const& whose) {
+        if (daysLeft == INT_MIN || daysLeft > kExpiryWarningDays) return;
+        warned = true;
+        plugin.writeLogWarning(
+            daysLeft < 0 ? QStringLiteral("%1: %2 has expired").arg(device.name, whose)
+                         : QStringLiteral("%1: %2 expires in %3 days").arg(device.name, whose).arg(daysLeft));
+    };
+    warn(health.tlsCertificateDaysLeft, QStringLiteral("the device's TLS certificate"));
+    warn(health.tlsClientCertificateDaysLeft,
+         QStringLiteral("this gateway's TLS certificate (tls_certificate)"));
+    if (warned) health.tlsExpiryWarnedMs = now;
 }
 
 bool RequestRunner::refuseConnect(int reason, int* error) {

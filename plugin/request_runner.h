@@ -51,6 +51,9 @@ public:
 private:
     // The batch cannot use the connection: `reason` into *error and the counts; false.
     bool refuseConnect(int reason, int* error);
+    // Counts a new connection's TLS handshake into the device's health, and warns (once a day) of a
+    // certificate about to expire.
+    void noteTlsHandshake(Connection const& connection);
     // Whether a request that failed with `error` leaves the connection unusable.
     bool closesConnection(int error) const;
 

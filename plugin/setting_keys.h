@@ -32,6 +32,10 @@ inline const QString kReadGaps = QStringLiteral("read_gaps");
 inline const QString kMaxOutstandingRequests = QStringLiteral("max_outstanding_requests");
 inline const QString kMaskWrite = QStringLiteral("mask_write");
 inline const QString kTransport = QStringLiteral("transport");
+inline const QString kTlsCaCertificates = QStringLiteral("tls_ca_certificates");
+inline const QString kTlsCertificate = QStringLiteral("tls_certificate");
+inline const QString kTlsPrivateKey = QStringLiteral("tls_private_key");
+inline const QString kTlsServerName = QStringLiteral("tls_server_name");
 
 // The entry of DataItem::values that holds the value text.
 inline const QString kValue = QStringLiteral("value");

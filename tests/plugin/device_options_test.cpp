@@ -57,7 +57,8 @@ TEST(DeviceOptionsTest, EachTextReadsAsItsNumberOrTheDefault) {
         {"transport", "0", 0},
         {"transport", "1", 1},
         {"transport", " 1 ", 1},
-        {"transport", "2", 0},
+        {"transport", "2", 2},
+        {"transport", "3", 0},
         {"transport", "-1", 0},
         {"transport", "rtu", 0},
         {"mask_write", nullptr, 0},
@@ -99,3 +100,34 @@ TEST(RequestDisciplineTest, OnlyTransportFailuresCloseTheConnection) {
 }
 
 }  // namespace
+
+TEST(DevicePortTest, ModbusTcpSecurityDefaultsTo802AndEverythingElseTo502) {
+    const struct {
+        const char* port;  // nullptr: not set
+        const char* transport;
+        quint16 expected;
+    } rows[] = {
+        {nullptr, nullptr, 502}, {"0", "0", 502},  {"abc", "1", 502},   {nullptr, "2", 802},
+        {"0", "2", 802},         {"x", "2", 802},  {"1502", "2", 1502}, {"1502", "0", 1502},
+        {nullptr, "3", 502},     {"", " 2 ", 802},
+    };
+    for (const auto& row : rows) {
+        QMap<QString, QString> settings;
+        if (row.port) settings.insert(QStringLiteral("port"), QString::fromLatin1(row.port));
+        if (row.transport) settings.insert(QStringLiteral("transport"), QString::fromLatin1(row.transport));
+        EXPECT_EQ(devicePort(settings), row.expected)
+            << (row.port ? row.port : "-") << " " << (row.transport ? row.transport : "-");
+    }
+}
+
+TEST(DeviceOptionsTlsTest, CertificateSettingsAreReadOnlyForModbusTcpSecurity) {
+    QMap<QString, QString> settings{{"tls_ca_certificates", "/etc/ca.pem"},
+                                    {"tls_certificate", "/etc/gw.pem"},
+                                    {"tls_private_key", "/etc/gw.key"},
+                                    {"tls_server_name", "meter.example"}};
+    EXPECT_EQ(deviceOptions(settings).tls, TlsSettings{});
+    settings.insert(QStringLiteral("transport"), QStringLiteral("2"));
+    const TlsSettings expected{QStringLiteral("/etc/ca.pem"), QStringLiteral("/etc/gw.pem"),
+                               QStringLiteral("/etc/gw.key"), QStringLiteral("meter.example")};
+    EXPECT_EQ(deviceOptions(settings).tls, expected);
+}

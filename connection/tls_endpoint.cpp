@@ -1,0 +1,148 @@
+#include "connection/tls_endpoint.h"
+
+#include <openssl/err.h>
+#include <openssl/x509v3.h>
+
+#include <QCryptographicHash>
+#include <QFile>
+#include <climits>
+#include <map>
+
+#include "connection/tls_credentials.h"
+
+namespace {
+
+// Offered first on a CPU without AES instructions (the 32-bit Arm gateways), where it is several times
+// faster.
+constexpr const char* kChaChaFirstSuites =
+    "TLS_CHACHA20_POLY1305_SHA256:TLS_AES_128_GCM_SHA256:TLS_AES_256_GCM_SHA384";
+constexpr const char* kChaChaFirstCiphers =
+    "ECDHE-ECDSA-CHACHA20-POLY1305:ECDHE-RSA-CHACHA20-POLY1305:ECDHE-ECDSA-AES128-GCM-SHA256:"
+    "ECDHE-RSA-AES128-GCM-SHA256:ECDHE-ECDSA-AES256-GCM-SHA384:ECDHE-RSA-AES256-GCM-SHA384";
+constexpr const char* kAesFirstCiphers =
+    "ECDHE-ECDSA-AES128-GCM-SHA256:ECDHE-RSA-AES128-GCM-SHA256:ECDHE-ECDSA-AES256-GCM-SHA384:"
+    "ECDHE-RSA-AES256-GCM-SHA384:ECDHE-ECDSA-CHACHA20-POLY1305:ECDHE-RSA-CHACHA20-POLY1305";
+constexpr qint64 kMostCpuinfoBytes = 256 * 1024;
+
+bool cpuLacksAes() {
+    static const bool lacks = [] {
+        QFile cpuinfo(QStringLiteral("/proc/cpuinfo"));
+        return cpuinfo.open(QIODevice::ReadOnly) && TlsEndpoint::lacksAes(cpuinfo.read(kMostCpuinfoBytes));
+    }();
+    return lacks;
+}
+
+QByteArray cacheKey(QString const& target, TlsSettings const& settings) {
+    QCryptographicHash hash(QCryptographicHash::Sha256);
+    for (QString const& part :
+         {target, settings.caCertificates, settings.certificate, settings.privateKey, settings.serverName}) {
+        hash.addData(part.toUtf8());
+        hash.addData("\0", 1);
+    }
+    return hash.result();
+}
+
+std::mutex& cacheMutex() {
+    static std::mutex mutex;
+    return mutex;
+}
+
+std::map<QByteArray, std::shared_ptr<TlsEndpoint>>& cache() {
+    static std::map<QByteArray, std::shared_ptr<TlsEndpoint>> endpoints;
+    return endpoints;
+}
+
+}  // namespace
+
+bool TlsEndpoint::lacksAes(QByteArray const& cpuinfo) {
+    // x86 lists "aes" among its "flags", Arm among its "Features".
+    for (QByteArray const& line : cpuinfo.split('\n')) {
+        if (!line.startsWith("flags") && !line.startsWith("Features")) continue;
+        const int colon = line.indexOf(':');
+        if (colon < 0) continue;
+        for (QByteArray const& flag : line.mid(colon + 1).simplified().split(' '))
+            if (flag == "aes") return false;
+    }
+    return true;
+}
+
+std::shared_ptr<TlsEndpoint> TlsEndpoint::forTarget(QString const& target, TlsSettings const& settings,
+                                                    QString* error, QStringList* warnings) {
+    const QByteArray key = cacheKey(target, settings);
+    const QString stamp = tlsFileStamp(settings);
+    {
+        std::lock_guard<std::mutex> lock(cacheMutex());
+        auto found = cache().find(key);
+        if (found != cache().end() && found->second->fileStamp == stamp) return found->second;
+    }
+    const TlsCredentials credentials = loadTlsCredentials(settings);
+    *warnings = credentials.warnings;
+    if (!credentials.ok()) {
+        *error = credentials.error;
+        return {};
+    }
+    std::shared_ptr<TlsEndpoint> endpoint(new TlsEndpoint);
+    endpoint->fileStamp = stamp;
+    SSL_CTX* ctx = SSL_CTX_new(TLS_client_method());
+    endpoint->ctx = ctx;
+    if (!ctx) {
+        *error = QStringLiteral("TLS: cannot set up a context");
+        return {};
+    }
+    SSL_CTX_set_min_proto_version(ctx, TLS1_2_VERSION);
+    SSL_CTX_set_verify(ctx, SSL_VERIFY_PEER, nullptr);
+    // Many idle devices: each keeps no read or write buffer while nothing moves.
+    SSL_CTX_set_mode(ctx, SSL_MODE_RELEASE_BUFFERS);
+    if (cpuLacksAes()) {
+        SSL_CTX_set_ciphersuites(ctx, kChaChaFirstSuites);
+        SSL_CTX_set_cipher_list(ctx, kChaChaFirstCiphers);
+    } else {
+        SSL_CTX_set_cipher_list(ctx, kAesFirstCiphers);
+    }
+    X509_STORE* store = SSL_CTX_get_cert_store(ctx);
+    for (CertificatePtr const& authority : credentials.authorities)
+        X509_STORE_add_cert(store, authority.get());
+    if (!credentials.chain.empty()) {
+        SSL_CTX_use_certificate(ctx, credentials.chain.front().get());
+        for (size_t i = 1; i < credentials.chain.size(); ++i)
+            SSL_CTX_add1_chain_cert(ctx, credentials.chain[i].get());
+        SSL_CTX_use_PrivateKey(ctx, credentials.key.get());
+        endpoint->clientDaysLeft = daysUntilExpiry(credentials.chain.front().get());
+    } else {
+        endpoint->clientDaysLeft = INT_MIN;
+    }
+    ERR_clear_error();
+    // Sessions are kept here, one per endpoint, not in OpenSSL's cache: the newest is the one to resume.
+    SSL_CTX_set_session_cache_mode(ctx, SSL_SESS_CACHE_CLIENT | SSL_SESS_CACHE_NO_INTERNAL_STORE);
+    SSL_CTX_set_app_data(ctx, endpoint.get());
+    SSL_CTX_sess_set_new_cb(ctx, &TlsEndpoint::onNewSession);
+    std::lock_guard<std::mutex> lock(cacheMutex());
+    cache()[key] = endpoint;
+    return endpoint;
+}
+
+TlsEndpoint::~TlsEndpoint() {
+    if (session) SSL_SESSION_free(session);
+    if (ctx) SSL_CTX_free(ctx);
+}
+
+int TlsEndpoint::onNewSession(SSL* ssl, SSL_SESSION* session) {
+    auto* endpoint = static_cast<TlsEndpoint*>(SSL_CTX_get_app_data(SSL_get_SSL_CTX(ssl)));
+    if (!endpoint) return 0;
+    ++endpoint->offered;
+    endpoint->keepSession(session);
+    return 1;  // the reference is the endpoint's now
+}
+
+SSL_SESSION* TlsEndpoint::sessionToResume() {
+    std::lock_guard<std::mutex> lock(sessionMutex);
+    if (!session || !SSL_SESSION_is_resumable(session)) return nullptr;
+    SSL_SESSION_up_ref(session);
+    return session;
+}
+
+void TlsEndpoint::keepSession(SSL_SESSION* newSession) {
+    std::lock_guard<std::mutex> lock(sessionMutex);
+    if (session) SSL_SESSION_free(session);
+    session = newSession;
+}
