@@ -152,28 +152,32 @@ std::vector<ColumnRow> expectedDeviceColumns(const QList<QPair<QString, QString>
          0,
          3,
          "0",
-         "How requests travel on the TCP connection: Modbus TCP (MBAP header), or RTU frames with CRC for serial "
+         "How requests travel on the TCP connection: Modbus TCP (MBAP header), or RTU frames with CRC for "
+         "serial "
          "devices behind a transparent serial-to-Ethernet converter.",
          {{"Modbus TCP", "0"}, {"RTU over TCP", "1"}, {"Modbus/TCP Security (TLS)", "2"}}},
         {"tls_ca_certificates",
          2,
          0,
          "",
-         "Certificate authorities that may sign the device's certificate: a PEM file on the gateway, or the PEM "
+         "Certificate authorities that may sign the device's certificate: a PEM file on the gateway, or the "
+         "PEM "
          "text itself.",
          {}},
         {"tls_certificate",
          2,
          0,
          "",
-         "This gateway's certificate (carrying its Modbus role), shown to the device: a PEM file on the gateway, "
+         "This gateway's certificate (carrying its Modbus role), shown to the device: a PEM file on the "
+         "gateway, "
          "or the PEM text itself.",
          {}},
         {"tls_private_key",
          2,
          0,
          "",
-         "The private key of that certificate: a PEM file on the gateway, or the PEM text itself. Never logged or "
+         "The private key of that certificate: a PEM file on the gateway, or the PEM text itself. Never "
+         "logged or "
          "shown.",
          {}},
         {"tls_server_name",
