@@ -228,11 +228,13 @@ TEST(TransportColumn, ColumnsListsTheDevicesTransport) {
     EXPECT_EQ(transport.value(QStringLiteral("size")).toInt(), 3);
     EXPECT_EQ(transport.value(QStringLiteral("choices")).toArray(),
               (QJsonArray{QJsonObject{{"label", "Modbus TCP"}, {"value", "0"}},
-                          QJsonObject{{"label", "RTU over TCP"}, {"value", "1"}}}));
+                          QJsonObject{{"label", "RTU over TCP"}, {"value", "1"}},
+                          QJsonObject{{"label", "Modbus/TCP Security (TLS)"}, {"value", "2"}}}));
 
     const auto text = runTool({QStringLiteral("columns")});
     ASSERT_EQ(text.exitCode, 0) << text.err.toStdString();
-    EXPECT_TRUE(text.out.contains(QStringLiteral("Modbus TCP=0, RTU over TCP=1\n")))
+    EXPECT_TRUE(
+        text.out.contains(QStringLiteral("Modbus TCP=0, RTU over TCP=1, Modbus/TCP Security (TLS)=2\n")))
         << text.out.toStdString();
     EXPECT_TRUE(text.out.contains(
         QStringLiteral("  transport: How requests travel on the TCP connection: Modbus TCP (MBAP header), or "
