@@ -23,6 +23,9 @@ constexpr const char* kAesFirstCiphers =
     "ECDHE-ECDSA-AES128-GCM-SHA256:ECDHE-RSA-AES128-GCM-SHA256:ECDHE-ECDSA-AES256-GCM-SHA384:"
     "ECDHE-RSA-AES256-GCM-SHA384:ECDHE-ECDSA-CHACHA20-POLY1305:ECDHE-RSA-CHACHA20-POLY1305";
 constexpr qint64 kMostCpuinfoBytes = 256 * 1024;
+// Endpoints of devices that left the host would otherwise stay for the life of the process: beyond this many,
+// those no connection holds are dropped (their next connect makes a full handshake).
+constexpr size_t kMostKeptEndpoints = 512;
 
 bool cpuLacksAes() {
     static const bool lacks = [] {
@@ -117,6 +120,10 @@ std::shared_ptr<TlsEndpoint> TlsEndpoint::forTarget(QString const& target, TlsSe
     SSL_CTX_set_app_data(ctx, endpoint.get());
     SSL_CTX_sess_set_new_cb(ctx, &TlsEndpoint::onNewSession);
     std::lock_guard<std::mutex> lock(cacheMutex());
+    if (cache().size() >= kMostKeptEndpoints) {
+        for (auto kept = cache().begin(); kept != cache().end();)
+            kept = kept->second.use_count() == 1 ? cache().erase(kept) : std::next(kept);
+    }
     cache()[key] = endpoint;
     return endpoint;
 }

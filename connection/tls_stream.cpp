@@ -5,6 +5,7 @@
 #include <openssl/err.h>
 #include <openssl/x509v3.h>
 #include <poll.h>
+#include <sys/socket.h>
 
 #include <QStringList>
 #include <climits>
@@ -82,6 +83,34 @@ QString handshakeFailure(SSL* ssl, int sslError) {
     return QStringLiteral("handshake failed");
 }
 
+// OpenSSL writes a socket with write(2): a device that closed the connection would raise SIGPIPE and end the
+// whole host. This socket BIO sends with MSG_NOSIGNAL instead and is otherwise OpenSSL's own.
+int sendWithoutSignal(BIO* bio, const char* data, int length) {
+    int socket = -1;
+    BIO_get_fd(bio, &socket);
+    errno = 0;
+    const ssize_t sent = ::send(socket, data, static_cast<size_t>(length), MSG_NOSIGNAL);
+    BIO_clear_retry_flags(bio);
+    if (sent < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) BIO_set_retry_write(bio);
+    return static_cast<int>(sent);
+}
+
+BIO_METHOD const* socketWithoutSignal() {
+    static BIO_METHOD* const kMethod = [] {
+        const BIO_METHOD* base = BIO_s_socket();
+        BIO_METHOD* method = BIO_meth_new(BIO_get_new_index() | BIO_TYPE_SOURCE_SINK | BIO_TYPE_DESCRIPTOR,
+                                          "socket without SIGPIPE");
+        BIO_meth_set_write(method, sendWithoutSignal);
+        BIO_meth_set_read(method, BIO_meth_get_read(base));
+        BIO_meth_set_puts(method, BIO_meth_get_puts(base));
+        BIO_meth_set_ctrl(method, BIO_meth_get_ctrl(base));
+        BIO_meth_set_create(method, BIO_meth_get_create(base));
+        BIO_meth_set_destroy(method, BIO_meth_get_destroy(base));
+        return method;
+    }();
+    return kMethod;
+}
+
 }  // namespace
 
 TlsStream::TlsStream(SSL* ssl, int socket, std::shared_ptr<TlsEndpoint> endpoint)
@@ -113,7 +142,13 @@ std::unique_ptr<TlsStream> TlsStream::handshake(int socket, std::shared_ptr<TlsE
         return nullptr;
     }
     std::unique_ptr<TlsStream> stream(new TlsStream(ssl, socket, endpoint));
-    SSL_set_fd(ssl, socket);
+    BIO* bio = BIO_new(socketWithoutSignal());
+    if (!bio) {
+        *failure = QStringLiteral("cannot start a session");
+        return nullptr;
+    }
+    BIO_set_fd(bio, socket, BIO_NOCLOSE);
+    SSL_set_bio(ssl, bio, bio);
     const QString name = serverName.trimmed();
     if (!name.isEmpty()) {
         const QByteArray text = name.toUtf8();

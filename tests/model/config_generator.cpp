@@ -56,7 +56,8 @@ constexpr int kNoPausePercent = 85;
 constexpr int kHolesPercent = 35;
 constexpr int kHoleInGapPercent = 30;
 constexpr int kMaskRefusedPercent = 30;
-constexpr int kRtuSimulatorPercent = 40;
+constexpr int kRtuSimulatorPercent = 35;
+constexpr int kTlsSimulatorPercent = 30;  // of those that are not RTU
 constexpr int kMostChunkBytes = 5;
 
 enum class UnitChoice { Zero, MinusOne, Unset, Unaddressable, Pooled };
@@ -243,11 +244,14 @@ void maybeFlag(Random& random, QMap<QString, QString>& settings, const QString& 
     if (roll < 2) settings.insert(key, QString::number(roll));
 }
 
-void makeSettings(Random& random, DeviceModel& device, int responseTimeoutMs, bool rtu) {
+void makeSettings(Random& random, DeviceModel& device, int responseTimeoutMs, bool rtu, bool tls) {
     QMap<QString, QString>& settings = device.settings;
     device.rtu = rtu;
+    device.tls = tls;
     if (rtu) {
         settings.insert(QStringLiteral("transport"), QStringLiteral("1"));
+    } else if (tls) {
+        settings.insert(QStringLiteral("transport"), QStringLiteral("2"));
     } else {
         const QString text = random.pick(kTcpTransportTexts);
         if (!text.isNull()) settings.insert(QStringLiteral("transport"), text);
@@ -427,14 +431,18 @@ ConfigModel generateConfig(uint64_t seed, const GeneratorLimits& limits) {
     config.responseTimeoutMs =
         (kResponseTimeoutBaseMs + kResponseTimeoutStepMs * random.between(0, kResponseTimeoutSteps)) *
         zelt_test::kTimeScale;
-    for (int sim = 0; sim < config.simCount; ++sim)
-        config.rtuSimulators.push_back(random.percent(kRtuSimulatorPercent));
+    for (int sim = 0; sim < config.simCount; ++sim) {
+        const bool rtu = random.percent(kRtuSimulatorPercent);
+        config.rtuSimulators.push_back(rtu);
+        config.tlsSimulators.push_back(!rtu && random.percent(kTlsSimulatorPercent));
+    }
     for (int i = 0; i < deviceCount; ++i) {
         DeviceModel device;
         device.id = i + 1;
         device.sim = random.between(0, config.simCount - 1);
         makeSettings(random, device, config.responseTimeoutMs,
-                     config.rtuSimulators[static_cast<size_t>(device.sim)]);
+                     config.rtuSimulators[static_cast<size_t>(device.sim)],
+                     config.tlsSimulators[static_cast<size_t>(device.sim)]);
         makeItems(random, device, std::max(1, limits.maxItems));
         config.devices.push_back(device);
     }

@@ -13,6 +13,7 @@
 #include "model/request_audit.h"
 #include "model/value_texts.h"
 #include "model/write_effects.h"
+#include "tools/sim/sim_pki.h"
 #include "tools/standin/standin_host.h"
 
 namespace model_check {
@@ -43,10 +44,24 @@ ConfigRun::~ConfigRun() {
     zelt_standin::Host::instance().reset();
 }
 
+bool ConfigRun::makeCertificateKit(QString* error) {
+    if (pkiMade) return true;
+    if (!pki.isValid()) {
+        *error = QStringLiteral("no directory for the certificate kit");
+        return false;
+    }
+    pkiMade = modbus_sim::makeTestPki(pki.path(), QStringLiteral("127.0.0.1"), error);
+    return pkiMade;
+}
+
 bool ConfigRun::startSimulators(QString* error) {
     for (int s = 0; s < config.simCount; ++s) {
         auto sim = std::make_unique<modbus_sim::Simulator>();
         if (config.rtuSimulators[static_cast<size_t>(s)]) sim->setFraming(modbus_sim::Framing::Rtu);
+        if (config.tlsSimulators[static_cast<size_t>(s)]) {
+            if (!makeCertificateKit(error)) return false;
+            sim->setTlsKit(pki.path(), modbus_sim::TlsFault::None);
+        }
         if (!sim->start(QStringLiteral("127.0.0.1"), 0, error)) return false;
         // Every unit with tables of its own, and the shared tables, hold data of their own.
         const std::set<int> tableUnits = config.tableUnits(s);
@@ -62,8 +77,14 @@ bool ConfigRun::startSimulators(QString* error) {
         sims.push_back(std::move(sim));
     }
     for (const DeviceModel& device : config.devices) {
-        hostDevices.push_back(plugin_test::makeDevice(
-            device.id, sims[static_cast<size_t>(device.sim)]->port(), device.settings));
+        QMap<QString, QString> settings = device.settings;
+        if (device.tls) {
+            settings.insert(QStringLiteral("tls_ca_certificates"), pki.filePath(QStringLiteral("ca.pem")));
+            settings.insert(QStringLiteral("tls_certificate"), pki.filePath(QStringLiteral("client.pem")));
+            settings.insert(QStringLiteral("tls_private_key"), pki.filePath(QStringLiteral("client.key")));
+        }
+        hostDevices.push_back(
+            plugin_test::makeDevice(device.id, sims[static_cast<size_t>(device.sim)]->port(), settings));
         std::vector<ItemInstancePlugin> items;
         for (const ItemModel& item : device.items)
             items.push_back(plugin_test::makeItem(item.uid, item.registerText, item.registerTypeText,

@@ -4,6 +4,7 @@
 // them, each batch checked against the model.
 
 #include <QString>
+#include <QTemporaryDir>
 #include <atomic>
 #include <map>
 #include <memory>
@@ -44,6 +45,8 @@ private:
     };
 
     bool startSimulators(QString* error);
+    // The certificates of the Modbus/TCP Security simulators and their devices, made once per configuration.
+    bool makeCertificateKit(QString* error);
     // Stops the plugin and waits until the simulators have seen every connection close, so that each request
     // sent so far is in their logs and nothing arrives later.
     void quiesce(const QString& where);
@@ -77,6 +80,8 @@ private:
     std::vector<std::vector<ItemInstancePlugin>> hostItems;
     std::atomic<long> pollCount{0};
     std::atomic<long> writeCount{0};
+    QTemporaryDir pki;
+    bool pkiMade = false;
 };
 
 }  // namespace model_check

@@ -106,6 +106,8 @@ QString ConfigModel::describe() const {
     for (int sim = 0; sim < simCount; ++sim)
         if (rtuSimulators.at(static_cast<size_t>(sim)))
             lines.append(QStringLiteral("  simulator %1 serves RTU over TCP").arg(sim));
+        else if (tlsSimulators.at(static_cast<size_t>(sim)))
+            lines.append(QStringLiteral("  simulator %1 serves Modbus/TCP Security").arg(sim));
     for (const DeviceModel& device : devices) {
         lines.append(QStringLiteral("  device %1 on simulator %2, unit %3: %4")
                          .arg(device.id)

@@ -84,6 +84,8 @@ struct DeviceModel {
     bool maskWrite = false;
     // Its "transport" reads as RTU over TCP: requests go one at a time, in RTU frames.
     bool rtu = false;
+    // Its "transport" is Modbus/TCP Security: the certificate settings are added once the kit is made.
+    bool tls = false;
     int retries = 0;
     std::vector<ItemModel> items;
 
@@ -126,8 +128,10 @@ struct TransientFault {
 struct ConfigModel {
     uint64_t seed = 0;
     int simCount = 1;
-    // Per simulator: it serves RTU frames (a serial line behind a converter) instead of Modbus TCP.
+    // Per simulator: it serves RTU frames (a serial line behind a converter) instead of Modbus TCP, or
+    // Modbus/TCP Security (never both).
     std::vector<bool> rtuSimulators;
+    std::vector<bool> tlsSimulators;
     int responseTimeoutMs = 1000;
     // The devices' "response_timeout_ms" during a fault phase with late answers or silent units, so that
     // each time-out costs little; 0 keeps responseTimeoutMs.
