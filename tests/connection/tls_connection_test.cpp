@@ -253,3 +253,87 @@ TEST(TlsEndpointTest, ChaChaComesFirstOnlyWithoutAesInstructions) {
 }
 
 }  // namespace
+
+TEST_F(TlsConnectionTest, ADeviceThatClosesTheConnectionNeverRaisesSigpipe) {
+    modbus_sim::Simulator secured;
+    secured.setTlsKit(pki.path(), modbus_sim::TlsFault::None);
+    modbus_sim::FaultRule close;
+    close.kind = modbus_sim::FaultKind::CloseAfter;
+    close.afterRequests = 1;
+    secured.addFault(close);
+    ASSERT_TRUE(secured.start());
+    int err = 0;
+    Connection connection(network(secured.port()), &host, &err);
+    ASSERT_TRUE(connection.isConnected()) << connection.errToStr(err).toStdString();
+    unsigned short word = 0;
+    EXPECT_EQ(connection.readWords(HoldingRegister, 0, 1, &word, &err), 1);
+    // The second request is not answered: the device closes. Writes after that meet a closed socket; a signal
+    // would end this test program.
+    EXPECT_EQ(connection.readWords(HoldingRegister, 0, 1, &word, &err), -1);
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        EXPECT_EQ(connection.writeWord(1, 2, &err), -1);
+        EXPECT_TRUE(err == EPIPE || err == ECONNRESET) << err;
+    }
+}
+
+// The simulator's own Modbus/TCP Security, with each of its faults: the connect failure text the plugin
+// shows.
+class TlsSimulatorFaultTest : public TlsConnectionTest {
+protected:
+    QString connectTo(modbus_sim::TlsFault fault, QString const& serverName = QString(),
+                      int connectTimeoutMs = kTimeoutMs) {
+        modbus_sim::Simulator secured;
+        secured.setTlsKit(pki.path(), fault);
+        EXPECT_TRUE(secured.start());
+        Connection::Network net = network(secured.port());
+        net.tls.serverName = serverName;
+        net.connectTimeoutMs = connectTimeoutMs;
+        int err = 0;
+        Connection connection(net, &host, &err);
+        if (!connection.isConnected())
+            return QStringLiteral("Could not connect. ") + connection.errToStr(err);
+        unsigned short word = 0;
+        return connection.readWords(HoldingRegister, 0, 1, &word, &err) == 1 ? QStringLiteral("read")
+                                                                             : connection.errToStr(err);
+    }
+};
+
+TEST_F(TlsSimulatorFaultTest, EachFaultGivesItsOwnText) {
+    EXPECT_EQ(connectTo(modbus_sim::TlsFault::None), QStringLiteral("read"));
+    EXPECT_EQ(connectTo(modbus_sim::TlsFault::ExpiredCertificate),
+              QStringLiteral("Could not connect. TLS: certificate has expired"));
+    EXPECT_EQ(connectTo(modbus_sim::TlsFault::WrongCa),
+              QStringLiteral("Could not connect. TLS: unable to get local issuer certificate"));
+    EXPECT_EQ(connectTo(modbus_sim::TlsFault::WrongName, QStringLiteral("localhost")),
+              QStringLiteral("Could not connect. TLS: hostname mismatch"));
+    EXPECT_EQ(connectTo(modbus_sim::TlsFault::WrongName), QStringLiteral("read"));  // no name asked for
+    EXPECT_EQ(connectTo(modbus_sim::TlsFault::NoClientCertificateDemanded), QStringLiteral("read"));
+    EXPECT_EQ(connectTo(modbus_sim::TlsFault::PlainTcp),
+              QStringLiteral("Could not connect. TLS: wrong version number"));
+    EXPECT_EQ(connectTo(modbus_sim::TlsFault::StallHandshake, QString(), 300),
+              QStringLiteral("Could not connect. TLS: no handshake within the connect time-out"));
+}
+
+TEST_F(TlsSimulatorFaultTest, AViewerMayReadButItsWriteIsAnIllegalFunction) {
+    QString error;
+    ASSERT_TRUE(modbus_sim::makeClientCertificate(pki.path(), QStringLiteral("viewer"),
+                                                  QStringLiteral("viewer"), modbus_sim::kDefaultValidDays,
+                                                  &error))
+        << error.toStdString();
+    modbus_sim::Simulator secured;
+    secured.setTlsKit(pki.path(), modbus_sim::TlsFault::None);
+    secured.setHoldingRegisters(0, {77});
+    ASSERT_TRUE(secured.start());
+    Connection::Network net = network(secured.port());
+    net.tls.certificate = file("viewer.pem");
+    net.tls.privateKey = file("viewer.key");
+    int err = 0;
+    Connection connection(net, &host, &err);
+    ASSERT_TRUE(connection.isConnected()) << connection.errToStr(err).toStdString();
+    unsigned short word = 0;
+    EXPECT_EQ(connection.readWords(HoldingRegister, 0, 1, &word, &err), 1);
+    EXPECT_EQ(word, 77);
+    EXPECT_EQ(connection.writeWord(0, 5, &err), -1);
+    EXPECT_EQ(connection.errToStr(err), QStringLiteral("Illegal function"));
+    EXPECT_EQ(secured.holdingRegisters(0, 1), std::vector<uint16_t>({77}));
+}
