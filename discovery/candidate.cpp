@@ -11,7 +11,9 @@ namespace {
 // Preset for discovered devices: deliberately two below the 125-register limit of one read.
 constexpr int kPresetMaxReadRegisters = 123;
 // Value of the device setting "transport" that frames requests as RTU on the TCP connection.
-const QString kTransportRtuOverTcp = QStringLiteral("1");
+const QString kRtuOverTcpText = QString::number(kTransportRtuOverTcp);
+const QString kSecureTransportText = QString::number(kTransportModbusTcpSecurity);
+const QString kSecureName = QStringLiteral("Modbus/TCP Security");
 
 quint16 effectivePort(const Candidate& candidate) {
     return candidate.port == 0 ? static_cast<quint16>(kDefaultTcpPort) : candidate.port;
@@ -36,6 +38,23 @@ QString withoutUnpairedSurrogates(const QString& text) {
         }
     }
     return valid;
+}
+
+void insertIfSet(QJsonObject* fields, const QString& key, const QString& value) {
+    if (!value.isEmpty()) {
+        fields->insert(key, value);
+    }
+}
+
+// Names the device by its certificate, since nothing could be asked of it.
+QString refusedDescription(const Candidate& candidate, const QString& portText) {
+    const QString subject = candidate.certificateSubject.isEmpty() ? QStringLiteral("without a subject")
+                                                                   : candidate.certificateSubject;
+    const QString verdict = candidate.tls.certificate.isEmpty()
+                                ? QStringLiteral("a client certificate is needed")
+                                : QStringLiteral("it refused the gateway's client certificate");
+    return QStringLiteral("%1 device at %2:%3 (certificate %4, expires %5); %6")
+        .arg(kSecureName, candidate.address, portText, subject, candidate.certificateExpiry, verdict);
 }
 
 }  // namespace
@@ -100,16 +119,23 @@ QJsonObject candidateToJson(const Candidate& candidate) {
         name = QStringLiteral("%1 (%2)").arg(label, candidate.address);
     }
 
+    const bool secure = candidate.source == kSourceTlsScan;
     QString description;
-    if (!candidate.vendor.isEmpty() || !label.isEmpty()) {
+    if (secure && candidate.clientCertificateRefused) {
+        description = refusedDescription(candidate, portText);
+    } else if (!candidate.vendor.isEmpty() || !label.isEmpty()) {
         description = QStringLiteral("%1 %2").arg(candidate.vendor, label).trimmed();
         if (!candidate.version.isEmpty()) {
             description += QStringLiteral(" %1").arg(candidate.version);
         }
         description += QStringLiteral(" at %1:%2 unit %3").arg(candidate.address, portText, unitText);
+        if (secure) {
+            description += QStringLiteral(" (%1)").arg(kSecureName);
+        }
     } else {
         description = QStringLiteral("%1 at %2:%3 unit %4")
-                          .arg(QStringLiteral("Modbus TCP"), candidate.address, portText, unitText);
+                          .arg(secure ? kSecureName : QStringLiteral("Modbus TCP"), candidate.address,
+                               portText, unitText);
     }
 
     QJsonObject fields;
@@ -123,7 +149,15 @@ QJsonObject candidateToJson(const Candidate& candidate) {
     fields.insert(QStringLiteral("string_endianness"), QStringLiteral("0"));
     fields.insert(QStringLiteral("string_byte_order"), QStringLiteral("0"));
     if (candidate.source == kSourceRtuOverTcpScan) {
-        fields.insert(QStringLiteral("transport"), kTransportRtuOverTcp);
+        fields.insert(QStringLiteral("transport"), kRtuOverTcpText);
+    }
+    if (secure) {
+        // The gateway's own settings as the request gave them; a key given as PEM text goes nowhere else.
+        fields.insert(QStringLiteral("transport"), kSecureTransportText);
+        insertIfSet(&fields, QStringLiteral("tls_ca_certificates"), candidate.tls.caCertificates);
+        insertIfSet(&fields, QStringLiteral("tls_certificate"), candidate.tls.certificate);
+        insertIfSet(&fields, QStringLiteral("tls_private_key"), candidate.tls.privateKey);
+        insertIfSet(&fields, QStringLiteral("tls_server_name"), candidate.tls.serverName);
     }
 
     const QString uid = uidFor(candidate);

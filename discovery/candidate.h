@@ -5,6 +5,7 @@
 #include <QString>
 #include <QtGlobal>
 
+#include "connection/tls_settings.h"
 #include "discovery/constants.h"
 #include "discovery/identify_result.h"
 
@@ -12,6 +13,9 @@ namespace ModbusDiscovery {
 
 // Source of a device that answered RTU frames on a TCP port; it is imported with RTU-over-TCP framing.
 inline const QString kSourceRtuOverTcpScan = QStringLiteral("rtu-over-tcp-scan");
+// Source of a device found over Modbus/TCP Security; it is imported with transport 2 and the scan's
+// certificate settings.
+inline const QString kSourceTlsScan = QStringLiteral("tls-scan");
 
 struct Candidate {
     QString address;
@@ -33,6 +37,13 @@ struct Candidate {
     int serialMode = 1;
     int interframeDelay = 200;
     int reservedValue = 5000;
+    // With kSourceTlsScan: the certificate settings of the scan, which become the device's own.
+    TlsSettings tls;
+    // The device ended the handshake for want of a client certificate (none was configured, or it did not
+    // take the one given); its certificate tells the integrator which device it is.
+    bool clientCertificateRefused = false;
+    QString certificateSubject;
+    QString certificateExpiry;
 };
 
 // Folds an identification into a candidate; fields already set are kept.

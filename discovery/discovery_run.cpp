@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "connection/tls_credentials.h"
 #include "discovery/constants.h"
 #include "discovery/discovery_run_internal.h"
 #include "discovery/subnet.h"
@@ -18,6 +19,7 @@ namespace {
 
 const QString kTypeName = QStringLiteral("Modbus TCP");
 const QString kSourceTcpScan = QStringLiteral("tcp-scan");
+const QString kSecureProbeName = QStringLiteral("Modbus/TCP Security (TLS)");
 const QString kAnyAddress = QStringLiteral("0.0.0.0");
 const QString kLoopbackPrefix = QStringLiteral("127.");
 const char kDebugVariable[] = "ZELT_DISCOVERY_DEBUG";
@@ -30,6 +32,22 @@ void logDiscovery(const QString& line) {
     const QByteArray text = line.toUtf8() + '\n';
     std::fwrite(text.constData(), 1, static_cast<size_t>(text.size()), stderr);
     std::fflush(stderr);
+}
+
+// The certificate settings are read once before any host is asked: a setting that cannot be read would fail
+// every handshake alike. The messages name settings and files, never what a key holds.
+bool secureSettingsUsable(const TlsSettings& tls, QStringList* log) {
+    const TlsCredentials credentials = loadTlsCredentials(tls);
+    if (log) {
+        for (const QString& warning : credentials.warnings) {
+            log->append(QStringLiteral("%1 discovery: %2").arg(kTypeName, warning));
+        }
+        if (!credentials.ok()) {
+            log->append(QStringLiteral("%1 discovery cannot make TLS connections: %2")
+                            .arg(kTypeName, credentials.error));
+        }
+    }
+    return credentials.ok();
 }
 
 template <typename T>
@@ -72,6 +90,10 @@ struct RunState {
         candidate.port = port;
         candidate.source = source;
         applyIdentify(&candidate, result);
+        add(candidate);
+    }
+
+    void add(const Candidate& candidate) {
         const QString uid = uidFor(candidate);
         if (options.existingUids.contains(uid)) {
             return;
@@ -98,6 +120,44 @@ struct RunState {
         }
     }
 
+    void collectSecure(const QString& host, quint16 port, const IdentifyResult* result,
+                       const SecureProbe& probe) {
+        Candidate candidate;
+        candidate.address = host;
+        candidate.port = port;
+        candidate.source = kSourceTlsScan;
+        candidate.tls = options.tls;
+        if (result) {
+            applyIdentify(&candidate, *result);
+        } else {
+            // Nothing was asked of any unit: the uid takes the first one the request names.
+            candidate.unitId =
+                options.unitIds.isEmpty() ? static_cast<quint8>(kDefaultUnitId) : options.unitIds.first();
+            candidate.clientCertificateRefused = true;
+            candidate.certificateSubject = probe.certificateSubject;
+            candidate.certificateExpiry = probe.certificateExpiry;
+        }
+        add(candidate);
+    }
+
+    // Every port of a Modbus/TCP Security scan is asked inside a TLS session only: a plain request to a
+    // secured device, or a ClientHello to a plain one, finds nothing.
+    void probeSecure(const QString& host, quint16 port) {
+        const SecureProbe probe =
+            transport.tlsIdentify(host, port, options.unitIds, options.tls, kTcpScanConnectTimeoutMs,
+                                  kTlsScanHandshakeTimeoutMs, kTcpScanReadTimeoutMs);
+        if (!probe.failure.isEmpty()) {
+            logDiscovery(QStringLiteral("%1 %2:%3 TLS: %4")
+                             .arg(kTypeName, host, QString::number(port), probe.failure));
+        }
+        for (const IdentifyResult& answer : probe.answers) {
+            collectSecure(host, port, &answer, probe);
+        }
+        if (probe.answers.isEmpty() && probe.clientCertificateRefused) {
+            collectSecure(host, port, nullptr, probe);
+        }
+    }
+
     void work() {
         while (!shouldStop()) {
             const int index = nextHost.fetch_add(1);
@@ -108,6 +168,10 @@ struct RunState {
             for (const quint16 port : options.tcpPorts) {
                 if (shouldStop()) {
                     return;
+                }
+                if (options.secure()) {
+                    probeSecure(host, port);
+                    continue;
                 }
                 // The reachable flag is asked for only when RTU probing may follow, so that a run without it
                 // calls the transport exactly as before.
@@ -147,11 +211,14 @@ QList<Candidate> runDiscovery(const Options& options, Transport& transport, QStr
     logDiscovery(QStringLiteral("%1 discovery interface=%2 tcp=%3 unit=%4 timeout_ms=%5")
                      .arg(kTypeName, interfaceLabel, ports, units, QString::number(options.timeoutMs)));
     if (log) {
-        log->append(QStringLiteral("%1 discovery probes TCP %2 on the selected subnet, then reads device "
+        log->append(QStringLiteral("%1 discovery probes %2 %3 on the selected subnet, then reads device "
                                    "identification if available and Report Slave ID. ")
-                        .arg(kTypeName, ports));
+                        .arg(kTypeName, options.secure() ? kSecureProbeName : QStringLiteral("TCP"), ports));
     }
     if (!options.tcpSubnetScan) {
+        return QList<Candidate>();
+    }
+    if (options.secure() && !secureSettingsUsable(options.tls, log)) {
         return QList<Candidate>();
     }
 

@@ -25,6 +25,7 @@ constexpr int kMinDatabits = 5;
 constexpr int kMaxDatabits = 8;
 constexpr int kOneStopBit = 1;
 constexpr int kTwoStopBits = 2;
+const QString kSecureTransportText = QString::number(kTransportModbusTcpSecurity);
 
 QString jsonValueToString(const QJsonValue& value) {
     switch (value.type()) {
@@ -211,8 +212,17 @@ Options optionsFromRequest(const QJsonObject& request, QStringList* log) {
     options.networkInterface =
         hasField(request, interfaceKey) ? getField(request, interfaceKey, QString()) : QStringLiteral("eth0");
 
-    options.tcpPorts = parsePortList(getField(request, QStringLiteral("tcp_ports"), QStringLiteral("502")),
-                                     {static_cast<quint16>(kDefaultTcpPort)});
+    // Only the exact setting text: anything else keeps the plain scan a request without it always had.
+    if (getField(request, QStringLiteral("transport"), QString()) == kSecureTransportText) {
+        options.transport = kTransportModbusTcpSecurity;
+        options.tls.caCertificates = getField(request, QStringLiteral("tls_ca_certificates"), QString());
+        options.tls.certificate = getField(request, QStringLiteral("tls_certificate"), QString());
+        options.tls.privateKey = getField(request, QStringLiteral("tls_private_key"), QString());
+        options.tls.serverName = getField(request, QStringLiteral("tls_server_name"), QString());
+    }
+    const quint16 defaultPort = static_cast<quint16>(options.secure() ? kDefaultSecurePort : kDefaultTcpPort);
+    options.tcpPorts = parsePortList(
+        getField(request, QStringLiteral("tcp_ports"), QString::number(defaultPort)), {defaultPort});
     options.unitIds = parseUnitIdList(getField(request, QStringLiteral("server_ids"), QStringLiteral("1")),
                                       {static_cast<quint8>(kDefaultUnitId)});
     options.tcpSubnetScan =

@@ -7,11 +7,14 @@
 #include <QStringList>
 #include <QtGlobal>
 
+#include "connection/tls_settings.h"
 #include "discovery/constants.h"
 
 namespace ModbusDiscovery {
 
-struct Options {
+// The options as plugins before Modbus/TCP Security laid them out. The command-line tool receives the options
+// by value from a plugin it loads at run time; from such a plugin it reads this part alone.
+struct OptionsCore {
     int timeoutMs = kDefaultTimeoutMs;
     QString networkInterface;
     QList<quint16> tcpPorts;
@@ -30,6 +33,15 @@ struct Options {
     int stopbits = 1;
     int serialMode = 1;
     int interframeDelay = 200;
+};
+
+struct Options : OptionsCore {
+    // The device setting "transport" asked for: kTransportModbusTcpSecurity probes every port over TLS.
+    int transport = kTransportModbusTcp;
+    // The certificates of those handshakes, as the device settings tls_* hold them (paths or PEM texts).
+    TlsSettings tls;
+
+    bool secure() const { return transport == kTransportModbusTcpSecurity; }
 };
 
 Options optionsFromRequest(const QJsonObject& request, QStringList* log);

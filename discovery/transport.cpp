@@ -1,122 +1,30 @@
 #include "discovery/transport.h"
 
-#include "discovery/constants.h"
-#include "discovery/frames.h"
-#include "discovery/identification_internal.h"
+#include "discovery/mbap_probe.h"
+#include "discovery/probe_channel.h"
 #include "discovery/rtu_probe.h"
 #include "discovery/socket_io.h"
-#include "discovery/unit_identification.h"
+#include "discovery/tls_probe.h"
 
 namespace ModbusDiscovery {
 
 namespace {
-
-// MBAP header up to and including the length field: transaction id (2), protocol id (2), length (2).
-constexpr int kMbapPrefixSize = 6;
-constexpr int kMbapLengthOffset = 4;
-// The length counts the unit id plus the PDU: at least a function code, at most the 253-byte PDU.
-constexpr int kMbapMinLength = 2;
-constexpr int kMbapMaxLength = 260;
-
-// Gateways often answer only on this unit id; it is tried when nothing else answered.
-constexpr quint8 kGatewayUnitId = 255;
-
-QByteArray readMbapFrame(int fd, int timeoutMs) {
-    QByteArray header;
-    if (!recvExact(fd, &header, kMbapPrefixSize, timeoutMs)) {
-        return QByteArray();
-    }
-    const int length = (static_cast<quint8>(header.at(kMbapLengthOffset)) << 8) |
-                       static_cast<quint8>(header.at(kMbapLengthOffset + 1));
-    if (length < kMbapMinLength || length > kMbapMaxLength) {
-        return QByteArray();
-    }
-    QByteArray body;
-    if (!recvExact(fd, &body, length, timeoutMs)) {
-        return QByteArray();
-    }
-    return header + body;
-}
-
-IdentifyResult exchangeConnected(int fd, quint8 unitId, const QByteArray& pdu, quint8 expectedFc,
-                                 int timeoutMs, quint16* transactionId) {
-    if (fd < 0) {
-        return IdentifyResult();
-    }
-    quint16 transaction = 1;
-    if (transactionId) {
-        transaction = (*transactionId)++;
-    }
-    if (!sendAll(fd, wrapMbap(transaction, unitId, pdu), timeoutMs)) {
-        return IdentifyResult();
-    }
-    const QByteArray frame = readMbapFrame(fd, timeoutMs);
-    quint16 answerTransaction = 0;
-    unsigned char answerUnit = 0;
-    QByteArray answerPdu;
-    if (!parseMbap(frame, &answerTransaction, &answerUnit, &answerPdu)) {
-        return IdentifyResult();
-    }
-    // The next frame on the connection is the answer: devices that echo a wrong transaction or unit id
-    // are still Modbus servers worth reporting.
-    return resultFromPdu(unitId, expectedFc, answerPdu);
-}
-
-IdentifyResult probeConnected(int fd, quint8 unitId, int timeoutMs, quint16* transactionId) {
-    const UnitExchange exchange = [&](const QByteArray& pdu, quint8 expectedFc) {
-        return exchangeConnected(fd, unitId, pdu, expectedFc, timeoutMs, transactionId);
-    };
-    const UnitIdentification identification = readIdentification(exchange, unitId, RegularObjects::AlwaysAsk);
-    if (identification.identified) {
-        return identification.result;
-    }
-    if (identification.responded) {
-        return answeredWithoutIdentification(identification.result);
-    }
-    // Nothing spoke yet: a plain read tells a Modbus server from a silent port.
-    const IdentifyResult holding = exchange(readHoldingRegistersPdu(), kFcReadHolding);
-    if (holding.ok) {
-        return holding;
-    }
-    const IdentifyResult coil = exchange(readCoilsPdu(), kFcReadCoils);
-    if (coil.ok) {
-        return coil;
-    }
-    return IdentifyResult();
-}
 
 QList<IdentifyResult> identifyOnTcp(const QString& host, quint16 port, const QList<quint8>& unitIds,
                                     int connectTimeoutMs, int readTimeoutMs, bool* reachable) {
     if (reachable) {
         *reachable = false;
     }
-    QList<IdentifyResult> results;
     const int fd = connectTcp(host, port, connectTimeoutMs);
     if (fd < 0) {
-        return results;
+        return QList<IdentifyResult>();
     }
     const ScopedSocket closer(fd);
     if (reachable) {
         *reachable = true;
     }
-    QList<quint8> units = unitIds;
-    if (units.isEmpty()) {
-        units.append(static_cast<quint8>(kDefaultUnitId));
-    }
-    quint16 transactionId = 1;
-    for (const quint8 unit : units) {
-        const IdentifyResult result = probeConnected(fd, unit, readTimeoutMs, &transactionId);
-        if (result.ok) {
-            results.append(result);
-        }
-    }
-    if (results.isEmpty() && !units.contains(kGatewayUnitId)) {
-        const IdentifyResult result = probeConnected(fd, kGatewayUnitId, readTimeoutMs, &transactionId);
-        if (result.ok) {
-            results.append(result);
-        }
-    }
-    return results;
+    SocketChannel channel(fd);
+    return identifyUnitsOverMbap(channel, unitIds, readTimeoutMs);
 }
 
 }  // namespace
@@ -133,6 +41,12 @@ QList<IdentifyResult> QtTransport::rtuIdentify(const QString& host, quint16 port
     return identifyOnRtu(host, port, unitIds, connectTimeoutMs, readTimeoutMs, shouldStop);
 }
 
+SecureProbe QtTransport::tlsIdentify(const QString& host, quint16 port, const QList<quint8>& unitIds,
+                                     const TlsSettings& tls, int connectTimeoutMs, int handshakeTimeoutMs,
+                                     int readTimeoutMs) {
+    return identifyOnTls(host, port, unitIds, tls, connectTimeoutMs, handshakeTimeoutMs, readTimeoutMs);
+}
+
 QList<IdentifyResult> tcpIdentify(const QString& host, quint16 port, const QList<quint8>& unitIds,
                                   int connectTimeoutMs, int readTimeoutMs, bool* reachable) {
     return identifyOnTcp(host, port, unitIds, connectTimeoutMs, readTimeoutMs, reachable);
@@ -141,6 +55,12 @@ QList<IdentifyResult> tcpIdentify(const QString& host, quint16 port, const QList
 QList<IdentifyResult> rtuIdentify(const QString& host, quint16 port, const QList<quint8>& unitIds,
                                   int connectTimeoutMs, int readTimeoutMs, const StopCheck& shouldStop) {
     return identifyOnRtu(host, port, unitIds, connectTimeoutMs, readTimeoutMs, shouldStop);
+}
+
+SecureProbe tlsIdentify(const QString& host, quint16 port, const QList<quint8>& unitIds,
+                        const TlsSettings& tls, int connectTimeoutMs, int handshakeTimeoutMs,
+                        int readTimeoutMs) {
+    return identifyOnTls(host, port, unitIds, tls, connectTimeoutMs, handshakeTimeoutMs, readTimeoutMs);
 }
 
 }  // namespace ModbusDiscovery

@@ -6,7 +6,9 @@
 #include <QtGlobal>
 #include <functional>
 
+#include "connection/tls_settings.h"
 #include "discovery/identify_result.h"
+#include "discovery/secure_probe.h"
 
 namespace ModbusDiscovery {
 
@@ -28,6 +30,15 @@ public:
                                               int /*readTimeoutMs*/, const StopCheck& /*shouldStop*/) {
         return QList<IdentifyResult>();
     }
+    // The same identification inside a Modbus/TCP Security session made with `tls`; the handshake has
+    // handshakeTimeoutMs after the TCP connection. A transport that cannot carry TLS finds nothing. Declared
+    // last, so that the entries before it in the table of virtual functions stay where they were.
+    virtual SecureProbe tlsIdentify(const QString& /*host*/, quint16 /*port*/,
+                                    const QList<quint8>& /*unitIds*/, const TlsSettings& /*tls*/,
+                                    int /*connectTimeoutMs*/, int /*handshakeTimeoutMs*/,
+                                    int /*readTimeoutMs*/) {
+        return SecureProbe();
+    }
 };
 
 class QtTransport : public Transport {
@@ -37,11 +48,17 @@ public:
     QList<IdentifyResult> rtuIdentify(const QString& host, quint16 port, const QList<quint8>& unitIds,
                                       int connectTimeoutMs, int readTimeoutMs,
                                       const StopCheck& shouldStop) override;
+    SecureProbe tlsIdentify(const QString& host, quint16 port, const QList<quint8>& unitIds,
+                            const TlsSettings& tls, int connectTimeoutMs, int handshakeTimeoutMs,
+                            int readTimeoutMs) override;
 };
 
 QList<IdentifyResult> tcpIdentify(const QString& host, quint16 port, const QList<quint8>& unitIds,
                                   int connectTimeoutMs, int readTimeoutMs, bool* reachable);
 QList<IdentifyResult> rtuIdentify(const QString& host, quint16 port, const QList<quint8>& unitIds,
                                   int connectTimeoutMs, int readTimeoutMs, const StopCheck& shouldStop);
+SecureProbe tlsIdentify(const QString& host, quint16 port, const QList<quint8>& unitIds,
+                        const TlsSettings& tls, int connectTimeoutMs, int handshakeTimeoutMs,
+                        int readTimeoutMs);
 
 }  // namespace ModbusDiscovery

@@ -138,7 +138,7 @@ struct OptionsWithoutRtuSwitch {
 
 TEST(OptionsLayout, TheRtuSwitchLeavesTheSizeUnchanged) {
     // The command-line tool receives the options by value from a plugin it loads at run time.
-    EXPECT_EQ(sizeof(Options), sizeof(OptionsWithoutRtuSwitch));
+    EXPECT_EQ(sizeof(ModbusDiscovery::OptionsCore), sizeof(OptionsWithoutRtuSwitch));
 }
 
 TEST(OptionsFromRequest, LooksInOptionsThenUserDefinedFields) {

@@ -5,6 +5,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QJsonParseError>
+#include <QPair>
 #include <QSet>
 #include <climits>
 #include <cmath>
@@ -22,6 +23,7 @@ const QString kItemsKey = QStringLiteral("items");
 const QString kUidKey = QStringLiteral("uid");
 const QString kTcpName = QStringLiteral("tcp");
 const QString kRtuName = QStringLiteral("rtu");
+const QString kTlsName = QStringLiteral("tls");
 
 // The host numbers devices from 1; identity items are never made for lower ids.
 constexpr int kFirstDeviceId = 1;
@@ -222,12 +224,48 @@ bool transportSettingFor(const QString& text, QString* stored) {
         *stored = kRtuOverTcpSetting;
         return true;
     }
+    if (text == kTlsName || text == kModbusTcpSecuritySetting) {
+        *stored = kModbusTcpSecuritySetting;
+        return true;
+    }
     return false;
 }
 
 Transport transportOf(const DeviceConfig& device) {
-    return device.settings.value(kTransportSetting) == kRtuOverTcpSetting ? Transport::RtuOverTcp
-                                                                          : Transport::ModbusTcp;
+    const QString stored = device.settings.value(kTransportSetting);
+    if (stored == kRtuOverTcpSetting) return Transport::RtuOverTcp;
+    if (stored == kModbusTcpSecuritySetting) return Transport::ModbusTcpSecurity;
+    return Transport::ModbusTcp;
+}
+
+QString transportSetting(Transport transport) {
+    switch (transport) {
+        case Transport::RtuOverTcp:
+            return kRtuOverTcpSetting;
+        case Transport::ModbusTcpSecurity:
+            return kModbusTcpSecuritySetting;
+        case Transport::ModbusTcp:
+            break;
+    }
+    return kModbusTcpSetting;
+}
+
+TlsSettings tlsSettingsOf(const DeviceConfig& device) {
+    TlsSettings tls;
+    tls.caCertificates = device.settings.value(kTlsCaSetting);
+    tls.certificate = device.settings.value(kTlsCertificateSetting);
+    tls.privateKey = device.settings.value(kTlsKeySetting);
+    tls.serverName = device.settings.value(kTlsServerNameSetting);
+    return tls;
+}
+
+void setTlsSettings(DeviceConfig* device, const TlsSettings& tls) {
+    const QList<QPair<QString, QString>> settings{{kTlsCaSetting, tls.caCertificates},
+                                                  {kTlsCertificateSetting, tls.certificate},
+                                                  {kTlsKeySetting, tls.privateKey},
+                                                  {kTlsServerNameSetting, tls.serverName}};
+    for (const auto& setting : settings)
+        if (!setting.second.isEmpty()) device->settings.insert(setting.first, setting.second);
 }
 
 bool parseConfig(const QByteArray& json, const QString& fileName, Config* config, QString* error) {
@@ -255,6 +293,8 @@ QMap<QString, QString> columnDefaults(const QList<DatabaseColumnStructure>& colu
 void applyDefaults(Config* config, const QMap<QString, QString>& deviceDefaults,
                    const QMap<QString, QString>& itemDefaults) {
     for (DeviceConfig& device : config->devices) {
+        if (transportOf(device) == Transport::ModbusTcpSecurity && !device.settings.contains(kPortSetting))
+            device.settings.insert(kPortSetting, QString::number(kDefaultSecurePort));
         for (auto it = deviceDefaults.begin(); it != deviceDefaults.end(); ++it)
             if (!device.settings.contains(it.key())) device.settings.insert(it.key(), it.value());
         for (ItemConfig& item : device.items)

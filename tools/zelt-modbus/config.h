@@ -7,6 +7,7 @@
 #include <QMap>
 #include <QString>
 
+#include "connection/tls_settings.h"
 #include "connection/transport.h"
 #include "host/records.h"
 
@@ -16,6 +17,15 @@ namespace zelt_cli {
 inline const QString kTransportSetting = QStringLiteral("transport");
 inline const QString kModbusTcpSetting = QStringLiteral("0");
 inline const QString kRtuOverTcpSetting = QStringLiteral("1");
+inline const QString kModbusTcpSecuritySetting = QStringLiteral("2");
+// The device settings of Modbus/TCP Security's certificates: each a PEM file path or the PEM text itself.
+inline const QString kTlsCaSetting = QStringLiteral("tls_ca_certificates");
+inline const QString kTlsCertificateSetting = QStringLiteral("tls_certificate");
+inline const QString kTlsKeySetting = QStringLiteral("tls_private_key");
+inline const QString kTlsServerNameSetting = QStringLiteral("tls_server_name");
+inline const QString kPortSetting = QStringLiteral("port");
+// The port of Modbus/TCP Security when the device names none, as the plugin takes it.
+constexpr int kDefaultSecurePort = 802;
 
 struct ItemConfig {
     QString uid;
@@ -43,11 +53,18 @@ struct Config {
 bool parseConfig(const QByteArray& json, const QString& fileName, Config* config, QString* error);
 
 // The stored text of the device setting "transport" for `text`, which may also name it: "tcp" for "0",
-// "rtu" for "1". False for any other text.
+// "rtu" for "1", "tls" for "2". False for any other text.
 bool transportSettingFor(const QString& text, QString* stored);
 
-// How the plugin reads the device's "transport": RTU over TCP for "1", Modbus TCP for anything else.
+// How the plugin reads the device's "transport": RTU over TCP for "1", Modbus/TCP Security for "2", Modbus
+// TCP for anything else.
 Transport transportOf(const DeviceConfig& device);
+// The stored "transport" text of `transport`.
+QString transportSetting(Transport transport);
+// The device's certificate settings (empty texts where it has none).
+TlsSettings tlsSettingsOf(const DeviceConfig& device);
+// Sets the device's tls_* settings to the texts of `tls` that are not empty.
+void setTlsSettings(DeviceConfig* device, const TlsSettings& tls);
 
 // Reads and parses the file at `path`.
 bool readConfigFile(const QString& path, Config* config, QString* error);
@@ -55,7 +72,8 @@ bool readConfigFile(const QString& path, Config* config, QString* error);
 // Settings a column list declares a default for, as the host stores them for a new device or item.
 QMap<QString, QString> columnDefaults(const QList<DatabaseColumnStructure>& columns);
 
-// Fills every setting the configuration leaves out with the declared default; given settings are kept.
+// Fills every setting the configuration leaves out with the declared default; given settings are kept. A
+// Modbus/TCP Security device without a port gets 802, as the plugin would give it, not the column's 502.
 void applyDefaults(Config* config, const QMap<QString, QString>& deviceDefaults,
                    const QMap<QString, QString>& itemDefaults);
 

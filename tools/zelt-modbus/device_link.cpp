@@ -18,12 +18,14 @@ QString errorText(int code) {
 
 }  // namespace
 
-DeviceLink::DeviceLink(QString host, int port, int unit, int responseTimeoutMs, Transport transport)
+DeviceLink::DeviceLink(QString host, int port, int unit, int responseTimeoutMs, Transport transport,
+                       TlsSettings tls)
     : host(std::move(host)),
       port(port),
       unit(unit),
       responseTimeoutMs(responseTimeoutMs),
-      transport(transport) {}
+      transport(transport),
+      tls(std::move(tls)) {}
 
 DeviceLink::~DeviceLink() {
     close();
@@ -43,13 +45,21 @@ bool DeviceLink::connect(QString* error) {
     network.connectTimeoutMs = responseTimeoutMs;
     network.responseTimeoutMs = responseTimeoutMs;
     network.transport = transport;
+    network.tls = tls;
     int code = 0;
     errno = 0;
     auto made = std::make_unique<Connection>(network, nullptr, &code);
     const int contextError = errno;
     if (*made && made->isConnected()) {
+        if (const TlsHandshake* established = made->tlsHandshake()) handshake = *established;
         connection = std::move(made);
         return true;
+    }
+    // The TLS failures have texts of their own: OpenSSL's reason, or the setting and file that could not be
+    // read (never what a key holds).
+    if (code == Connection::kTlsFailure || code == Connection::kTlsSetupFailure) {
+        *error = QStringLiteral("cannot connect to %1: %2").arg(describe(), made->errToStr(code));
+        return false;
     }
     // No code: the context itself could not be made. EINVAL: the unit is one the connection cannot address,
     // refused before anything was sent (a socket that fails to connect reports why it failed instead).

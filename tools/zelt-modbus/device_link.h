@@ -1,13 +1,17 @@
 #pragma once
 // The client of the commissioning commands: one request at a time over the plugin's own Connection, each
 // answered, refused with an exception, or timed out, so that the caller can tell a hole in the map from a
-// silent device. The Connection frames the requests for the transport, Modbus TCP or RTU over TCP.
+// silent device. The Connection frames the requests for the transport, Modbus TCP or RTU over TCP, and makes
+// the TLS session of Modbus/TCP Security.
 
 #include <QString>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <vector>
 
+#include "connection/tls_settings.h"
+#include "connection/tls_stream.h"
 #include "connection/transport.h"
 #include "tools/zelt-modbus/register_table.h"
 
@@ -33,7 +37,7 @@ struct ReadOutcome {
 class DeviceLink {
 public:
     DeviceLink(QString host, int port, int unit, int responseTimeoutMs = kDefaultResponseTimeoutMs,
-               Transport transport = Transport::ModbusTcp);
+               Transport transport = Transport::ModbusTcp, TlsSettings tls = TlsSettings());
     ~DeviceLink();
     DeviceLink(const DeviceLink&) = delete;
     DeviceLink& operator=(const DeviceLink&) = delete;
@@ -41,6 +45,8 @@ public:
     bool connect(QString* error);
     void close();
     QString describe() const;
+    // What the TLS handshake of the last connection established; null without one. Kept after close().
+    const TlsHandshake* tlsHandshake() const { return handshake ? &*handshake : nullptr; }
 
     // Reads `count` registers (words) or bits (one 0/1 value per entry in `bits`) of `table` from `offset`.
     ReadOutcome read(RegisterTable table, int offset, int count, std::vector<uint16_t>* words,
@@ -52,7 +58,9 @@ private:
     int unit;
     int responseTimeoutMs;
     Transport transport;
+    TlsSettings tls;
     std::unique_ptr<Connection> connection;
+    std::optional<TlsHandshake> handshake;
 };
 
 }  // namespace zelt_cli

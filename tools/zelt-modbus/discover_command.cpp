@@ -6,10 +6,13 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QMap>
+#include <QPair>
 #include <QTextStream>
 #include <atomic>
 #include <mutex>
 
+#include "connection/tls_credentials.h"
+#include "connection/tls_settings.h"
 #include "discovery/candidate.h"
 #include "discovery/discovery_run.h"
 #include "discovery/options.h"
@@ -19,6 +22,7 @@
 #include "tools/zelt-modbus/cli.h"
 #include "tools/zelt-modbus/config.h"
 #include "tools/zelt-modbus/config_writer.h"
+#include "tools/zelt-modbus/device_target.h"
 #include "tools/zelt-modbus/interrupt.h"
 #include "tools/zelt-modbus/plugin_loader.h"
 
@@ -39,6 +43,10 @@ using TcpIdentifyFn = QList<IdentifyResult> (*)(const QString&, quint16, const Q
                                                 bool*);
 using RtuIdentifyFn = QList<IdentifyResult> (*)(const QString&, quint16, const QList<quint8>&, int, int,
                                                 const ModbusDiscovery::StopCheck&);
+using TlsIdentifyFn = ModbusDiscovery::SecureProbe (*)(const QString&, quint16, const QList<quint8>&,
+                                                       const TlsSettings&, int, int, int);
+// A plugin without the TLS probe lays its options out as OptionsCore alone.
+using LegacyOptionsFromRequestFn = ModbusDiscovery::OptionsCore (*)(const QJsonObject&, QStringList*);
 
 constexpr char kOptionsFromRequestSymbol[] =
     "_ZN15ModbusDiscovery18optionsFromRequestERK11QJsonObjectP11QStringList";
@@ -48,20 +56,26 @@ constexpr char kCandidateToJsonSymbol[] = "_ZN15ModbusDiscovery15candidateToJson
 constexpr char kTcpIdentifySymbol[] = "_ZN15ModbusDiscovery11tcpIdentifyERK7QStringtRK5QListIhEiiPb";
 constexpr char kRtuIdentifySymbol[] =
     "_ZN15ModbusDiscovery11rtuIdentifyERK7QStringtRK5QListIhEiiRKSt8functionIFbvEE";
+constexpr char kTlsIdentifySymbol[] =
+    "_ZN15ModbusDiscovery11tlsIdentifyERK7QStringtRK5QListIhERK11TlsSettingsiii";
 
 // Exit status of a run cut short by Ctrl-C, as shells report it.
 constexpr int kExitInterrupted = 130;
 
 const QString kAnyAddress = QStringLiteral("0.0.0.0");
 const QString kLoopbackPrefix = QStringLiteral("127.");
+const QString kTransportOption = QStringLiteral("transport");
+const QString kTcpTransportName = QStringLiteral("tcp");
+const QString kTlsTransportName = QStringLiteral("tls");
 
 // Probes through the plugin's socket transport and counts what it has done, for the progress line.
 class CountingTransport : public ModbusDiscovery::Transport {
 public:
-    CountingTransport(TcpIdentifyFn identify, RtuIdentifyFn identifyRtu, int portsPerHost, int hostCount,
-                      bool showProgress)
+    CountingTransport(TcpIdentifyFn identify, RtuIdentifyFn identifyRtu, TlsIdentifyFn identifyTls,
+                      int portsPerHost, int hostCount, bool showProgress)
         : identify(identify),
           identifyRtu(identifyRtu),
+          identifyTls(identifyTls),
           portsPerHost(portsPerHost),
           hostCount(hostCount),
           showProgress(showProgress) {}
@@ -88,12 +102,34 @@ public:
         return results;
     }
 
+    // Only called with --transport tls, and then the plugin has been checked to export the probe.
+    ModbusDiscovery::SecureProbe tlsIdentify(const QString& host, quint16 port, const QList<quint8>& unitIds,
+                                             const TlsSettings& tls, int connectTimeoutMs,
+                                             int handshakeTimeoutMs, int readTimeoutMs) override {
+        if (!identifyTls) return ModbusDiscovery::SecureProbe();
+        const ModbusDiscovery::SecureProbe probe =
+            identifyTls(host, port, unitIds, tls, connectTimeoutMs, handshakeTimeoutMs, readTimeoutMs);
+        std::lock_guard<std::mutex> lock(mutex);
+        if (++portsProbed[host] == portsPerHost) ++hostsDone;
+        QList<IdentifyResult> results = probe.answers;
+        // A device that wants a client certificate is found too, if not identified.
+        if (results.isEmpty() && probe.clientCertificateRefused) results.append(refusedResult());
+        count(results);
+        return probe;
+    }
+
     void endProgress() {
         std::lock_guard<std::mutex> lock(mutex);
         if (showProgress && !portsProbed.isEmpty()) QTextStream(stderr) << "\n";
     }
 
 private:
+    static IdentifyResult refusedResult() {
+        IdentifyResult result;
+        result.ok = true;
+        return result;
+    }
+
     // Called with the mutex held.
     void count(const QList<IdentifyResult>& results) {
         for (const IdentifyResult& result : results)
@@ -107,6 +143,7 @@ private:
 
     TcpIdentifyFn identify;
     RtuIdentifyFn identifyRtu;
+    TlsIdentifyFn identifyTls;
     const int portsPerHost;
     const int hostCount;
     const bool showProgress;
@@ -201,8 +238,29 @@ int runDiscover(const QStringList& arguments) {
     command.addFlag(QStringLiteral("rtu-over-tcp"),
                     QStringLiteral("also ask open ports without a Modbus TCP answer in RTU frames (serial "
                                    "devices behind a serial-to-Ethernet converter)"));
+    command.addOption(kTransportOption, QStringLiteral("NAME"),
+                      QStringLiteral("tcp (Modbus TCP, the default) or tls (Modbus/TCP Security: every port "
+                                     "is asked inside a TLS session; ports default to 802)"));
+    addTlsOptions(&command);
     command.addFlag(QStringLiteral("json"), QStringLiteral("print a JSON array of candidates"));
     if (int exitCode = 0; !command.parse(arguments, &exitCode)) return exitCode;
+    const QString transportName = command.value(kTransportOption, kTcpTransportName);
+    if (transportName != kTcpTransportName && transportName != kTlsTransportName) {
+        QTextStream(stderr) << "zelt-modbus discover: --transport: unknown transport \"" << transportName
+                            << "\" (expected tcp or tls; serial devices behind a converter: --rtu-over-tcp)\n"
+                            << command.usage();
+        return kExitUsage;
+    }
+    const bool secure = transportName == kTlsTransportName;
+    if (secure && command.flag(QStringLiteral("rtu-over-tcp"))) {
+        QTextStream(stderr) << "zelt-modbus discover: --rtu-over-tcp and --transport tls exclude each other\n"
+                            << command.usage();
+        return kExitUsage;
+    }
+    TlsSettings tls;
+    if (!readTlsOptions(command, QStringLiteral("discover"),
+                        secure ? Transport::ModbusTcpSecurity : Transport::ModbusTcp, &tls))
+        return kExitUsage;
 
     QStringList hosts;
     QString error;
@@ -234,6 +292,17 @@ int runDiscover(const QStringList& arguments) {
         rtuOverTcp ? reinterpret_cast<RtuIdentifyFn>(resolveExport(pluginPath, kRtuIdentifySymbol)) : nullptr;
     if (rtuOverTcp && !rtuIdentify)
         return fail(QStringLiteral("%1 cannot discover RTU-over-TCP devices").arg(pluginPath));
+    // Its presence also tells the options' layout: older plugins return OptionsCore alone.
+    auto tlsIdentify = reinterpret_cast<TlsIdentifyFn>(resolveExport(pluginPath, kTlsIdentifySymbol));
+    if (secure && !tlsIdentify)
+        return fail(QStringLiteral("%1 cannot discover Modbus/TCP Security devices").arg(pluginPath));
+    if (secure) {
+        // Read here too, so that a certificate setting that cannot be read stops the command before any scan.
+        const TlsCredentials credentials = loadTlsCredentials(tls);
+        for (const QString& warning : credentials.warnings)
+            QTextStream(stderr) << "zelt-modbus discover: " << warning << "\n";
+        if (!credentials.ok()) return fail(credentials.error);
+    }
 
     // The request as the host builds it from the discover dialog; keys left out take the plugin's defaults.
     QJsonObject request;
@@ -246,6 +315,15 @@ int runDiscover(const QStringList& arguments) {
         if (command.has(it.key())) request.insert(it.value(), command.value(it.key()));
     // Set through the request, as the host sets it, so that the plugin alone decides what the switch means.
     if (rtuOverTcp) request.insert(QStringLiteral("rtu_over_tcp"), QStringLiteral("1"));
+    if (secure) {
+        request.insert(kTransportSetting, kModbusTcpSecuritySetting);
+        const QList<QPair<QString, QString>> settings{{kTlsCaSetting, tls.caCertificates},
+                                                      {kTlsCertificateSetting, tls.certificate},
+                                                      {kTlsKeySetting, tls.privateKey},
+                                                      {kTlsServerNameSetting, tls.serverName}};
+        for (const auto& setting : settings)
+            if (!setting.second.isEmpty()) request.insert(setting.first, setting.second);
+    }
     if (command.has(QStringLiteral("existing"))) {
         QJsonArray existing;
         if (!readExistingDevices(command.value(QStringLiteral("existing")),
@@ -255,7 +333,12 @@ int runDiscover(const QStringList& arguments) {
     }
 
     QStringList log;
-    Options options = optionsFromRequest(request, &log);
+    Options options;
+    if (tlsIdentify)
+        options = optionsFromRequest(request, &log);
+    else
+        static_cast<ModbusDiscovery::OptionsCore&>(options) = reinterpret_cast<LegacyOptionsFromRequestFn>(
+            resolveExport(pluginPath, kOptionsFromRequestSymbol))(request, &log);
     options.tcpHosts = hosts;
 
     int hostCount = 0;
@@ -269,7 +352,7 @@ int runDiscover(const QStringList& arguments) {
     }
 
     installInterruptHandler();
-    CountingTransport transport(tcpIdentify, rtuIdentify, options.tcpPorts.size(), hostCount,
+    CountingTransport transport(tcpIdentify, rtuIdentify, tlsIdentify, options.tcpPorts.size(), hostCount,
                                 isatty(STDERR_FILENO) != 0);
     const QList<Candidate> candidates = discoverDevices(options, transport, &log, interruptFlag());
     transport.endProgress();

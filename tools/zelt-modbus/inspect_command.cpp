@@ -115,8 +115,31 @@ QString quoted(const Interpretation& interpretation) {
                                               : interpretation.value;
 }
 
-int printBits(QTextStream& out, const DeviceTarget& target, RegisterTable table, int offset,
-              const std::vector<uint8_t>& bits, const QString& expect, bool hasExpect, bool json) {
+// What the device showed of itself in the TLS handshake, below the heading.
+void printTls(QTextStream& out, const TlsHandshake* tls) {
+    if (!tls) return;
+    out << "TLS: " << tls->protocol << ", cipher " << tls->cipher
+        << (tls->resumed ? ", session resumed" : QString()) << "\n"
+        << "device certificate: " << tls->subject << "\n"
+        << "  issuer: " << tls->issuer << "\n"
+        << "  names: " << tls->names << "\n"
+        << "  expires: " << tls->expiry << "\n";
+}
+
+void insertTls(QJsonObject* root, const TlsHandshake* tls) {
+    if (!tls) return;
+    root->insert(QStringLiteral("tls"), QJsonObject{{QStringLiteral("protocol"), tls->protocol},
+                                                    {QStringLiteral("cipher"), tls->cipher},
+                                                    {QStringLiteral("resumed"), tls->resumed},
+                                                    {QStringLiteral("subject"), tls->subject},
+                                                    {QStringLiteral("issuer"), tls->issuer},
+                                                    {QStringLiteral("names"), tls->names},
+                                                    {QStringLiteral("expiry"), tls->expiry}});
+}
+
+int printBits(QTextStream& out, const DeviceTarget& target, const TlsHandshake* tls, RegisterTable table,
+              int offset, const std::vector<uint8_t>& bits, const QString& expect, bool hasExpect,
+              bool json) {
     int found = 0;
     QJsonArray array;
     Table rows({QStringLiteral("register"), QStringLiteral("offset"), QStringLiteral("value")});
@@ -133,17 +156,20 @@ int printBits(QTextStream& out, const DeviceTarget& target, RegisterTable table,
                      QString::number(bits[i]) + (hit ? QStringLiteral(" *") : QString())});
     }
     if (json) {
-        out << QJsonDocument(QJsonObject{{QStringLiteral("address"), target.address},
-                                         {QStringLiteral("port"), target.port},
-                                         {QStringLiteral("unit"), target.unit},
-                                         {QStringLiteral("table"), tableKey(table)},
-                                         {QStringLiteral("offset"), offset},
-                                         {QStringLiteral("count"), static_cast<int>(bits.size())},
-                                         {QStringLiteral("bits"), array}})
-                   .toJson(QJsonDocument::Indented);
+        QJsonObject root{{QStringLiteral("address"), target.address},
+                         {QStringLiteral("port"), target.port},
+                         {QStringLiteral("unit"), target.unit},
+                         {QStringLiteral("table"), tableKey(table)},
+                         {QStringLiteral("offset"), offset},
+                         {QStringLiteral("count"), static_cast<int>(bits.size())},
+                         {QStringLiteral("bits"), array}};
+        insertTls(&root, tls);
+        out << QJsonDocument(root).toJson(QJsonDocument::Indented);
     } else {
         out << target.address << ":" << target.port << " unit " << target.unit << ": " << tableTitle(table)
-            << " " << rangeText(table, offset, static_cast<int>(bits.size())) << "\n\n";
+            << " " << rangeText(table, offset, static_cast<int>(bits.size())) << "\n";
+        printTls(out, tls);
+        out << "\n";
         rows.print(out);
     }
     return !hasExpect || found > 0 ? 0 : 1;
@@ -210,7 +236,8 @@ int runInspect(const QStringList& arguments) {
         return kExitUsage;
     }
 
-    DeviceLink link(target.address, target.port, target.unit, target.responseTimeoutMs, target.transport);
+    DeviceLink link(target.address, target.port, target.unit, target.responseTimeoutMs, target.transport,
+                    target.tls);
     std::vector<uint16_t> words;
     std::vector<uint8_t> bits;
     const ReadOutcome outcome = link.read(table, offset, count, &words, &bits);
@@ -224,7 +251,8 @@ int runInspect(const QStringList& arguments) {
     const bool hasExpect = command.has(QStringLiteral("expect"));
     const QString expect = command.value(QStringLiteral("expect"));
     const bool json = command.flag(QStringLiteral("json"));
-    if (bitTable) return printBits(out, target, table, offset, bits, expect, hasExpect, json);
+    const TlsHandshake* tls = link.tlsHandshake();
+    if (bitTable) return printBits(out, target, tls, table, offset, bits, expect, hasExpect, json);
 
     QList<Interpretation> interpretations;
     if (!decodeAllWays(command.pluginPath(), words, &interpretations, &error)) return fail(error);
@@ -282,12 +310,15 @@ int runInspect(const QStringList& arguments) {
             root.insert(QStringLiteral("expect"), expect);
             root.insert(QStringLiteral("matches"), matchArray);
         }
+        insertTls(&root, tls);
         out << QJsonDocument(root).toJson(QJsonDocument::Indented);
         return !hasExpect || !found.isEmpty() ? 0 : 1;
     }
 
     out << target.address << ":" << target.port << " unit " << target.unit << ": " << tableTitle(table) << " "
-        << rangeText(table, offset, count) << " (offsets " << offset << "-" << offset + count - 1 << ")\n\n";
+        << rangeText(table, offset, count) << " (offsets " << offset << "-" << offset + count - 1 << ")\n";
+    printTls(out, tls);
+    out << "\n";
     Table plain({QStringLiteral("register"), QStringLiteral("offset"), QStringLiteral("hex"),
                  QStringLiteral("INT16"), QStringLiteral("UINT16")});
     for (int i = 0; i < count; ++i)

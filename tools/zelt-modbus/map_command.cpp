@@ -48,8 +48,9 @@ Config mapConfig(const DeviceTarget& target, const QList<TableMap>& maps) {
                                {QStringLiteral("server_id"), QString::number(target.unit)}};
             // Modbus TCP is what the plugin assumes without the setting: only the converter needs it spelt
             // out.
-            if (target.transport == Transport::RtuOverTcp)
-                device.settings.insert(kTransportSetting, kRtuOverTcpSetting);
+            if (target.transport != Transport::ModbusTcp)
+                device.settings.insert(kTransportSetting, transportSetting(target.transport));
+            if (target.transport == Transport::ModbusTcpSecurity) setTlsSettings(&device, target.tls);
             for (int offset = run.first; offset <= run.last; ++offset) {
                 ItemConfig item;
                 item.uid = QStringLiteral("%1_%2").arg(tableKey(map.table)).arg(offset);
@@ -178,7 +179,8 @@ int runMap(const QStringList& arguments) {
         return kExitUsage;
 
     installInterruptHandler();
-    DeviceLink link(target.address, target.port, target.unit, target.responseTimeoutMs, target.transport);
+    DeviceLink link(target.address, target.port, target.unit, target.responseTimeoutMs, target.transport,
+                    target.tls);
     RegisterMapper mapper(
         [&link](RegisterTable table, int first, int count) {
             std::vector<uint16_t> words;

@@ -21,6 +21,7 @@ int runWrite(const QStringList& arguments) {
     command.addOption(QStringLiteral("value"), QStringLiteral("TEXT"),
                       QStringLiteral("value to write, as text"));
     addTransportOption(&command);
+    addTlsOptions(&command);
     command.addFlag(QStringLiteral("json"), QStringLiteral("print the result as JSON"));
     command.addFlag(QStringLiteral("verbose"), QStringLiteral("also print the plugin's debug log"));
     if (int exitCode = 0; !command.parse(arguments, &exitCode)) return exitCode;
@@ -43,15 +44,20 @@ int runWrite(const QStringList& arguments) {
     if (idOk && command.has(QStringLiteral("transport"))) {
         for (DeviceConfig& candidate : config.devices)
             if (candidate.id == deviceId)
-                candidate.settings.insert(kTransportSetting, transport == Transport::RtuOverTcp
-                                                                 ? kRtuOverTcpSetting
-                                                                 : kModbusTcpSetting);
+                candidate.settings.insert(kTransportSetting, transportSetting(transport));
     }
     const DeviceConfig* device = idOk ? config.device(deviceId) : nullptr;
     if (!device)
         return fail(
             QStringLiteral("%1: no device with id %2").arg(path, command.value(QStringLiteral("device"))),
             kExitUsage);
+    // The certificate options stand for the device's tls_* settings alike.
+    TlsSettings tls = tlsSettingsOf(*device);
+    if (!readTlsOptions(command, QStringLiteral("write"), transportOf(*device), &tls)) return kExitUsage;
+    if (transportOf(*device) == Transport::ModbusTcpSecurity) {
+        for (DeviceConfig& configured : config.devices)
+            if (configured.id == deviceId) setTlsSettings(&configured, tls);
+    }
     const QString uid = command.value(QStringLiteral("item"));
     const ItemConfig* item = nullptr;
     for (const ItemConfig& candidate : device->items)
