@@ -2,15 +2,20 @@
 // and value type), all polled once over persistent connections, polled again, and then left idle. The
 // simulator runs in a child process forked before anything else, so its tables and threads are not counted
 // here. Heap figures come from malloc's own statistics (mallinfo2: bytes in use, including mmapped blocks).
+// Then the same for idle Modbus/TCP Security connections: as many devices as above (at most 100) polled over
+// TLS and kept connected, against as many polled over plain Modbus TCP, each set by a plugin of its own; the
+// difference per device is what TLS keeps per idle connection (its session, context and certificates).
 //
-// Usage: memory_bench [--devices N] [--items N] [--idle-ms N]
+// Usage: memory_bench [--devices N] [--items N] [--idle-ms N] [--tls-devices N]
 #include <malloc.h>
 #include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <QCoreApplication>
+#include <QDir>
 #include <QString>
+#include <QTemporaryDir>
 #include <chrono>
 #include <cstdio>
 #include <memory>
@@ -19,6 +24,7 @@
 
 #include "bench/bench_items.h"
 #include "bench/bench_support.h"
+#include "bench/bench_tls.h"
 #include "plugin/modbus.h"
 #include "tools/sim/simulator.h"
 #include "tools/standin/standin_host.h"
@@ -30,6 +36,9 @@ constexpr int kDefaultItems = 100;
 constexpr int kDefaultIdleMs = 2000;
 constexpr double kGoalPerConnectionKiB = 64;
 constexpr double kGoalPerItemKiB = 1;
+constexpr double kGoalPerTlsConnectionKiB = 64;
+constexpr int kMostTlsDevices = 100;
+constexpr int kTlsItems = 10;
 constexpr double kKiB = 1024.0;
 
 long heapInUse() {
@@ -37,21 +46,89 @@ long heapInUse() {
     return static_cast<long>(info.uordblks + info.hblkhd);
 }
 
-// Serves until the parent closes its end of `control`; reports the port through `report`.
-[[noreturn]] void runSimulatorChild(int reportFd, int controlFd) {
+struct Ports {
+    uint16_t plain = 0;
+    uint16_t tls = 0;
+};
+
+// Serves until the parent closes its end of `control`; reports the ports through `report` (zero for one that
+// did not start). The TLS simulator makes the certificate kit in `kitDir` when it starts.
+[[noreturn]] void runSimulatorChild(const QString& kitDir, int reportFd, int controlFd) {
     modbus_sim::Simulator simulator;
-    uint16_t port = 0;
+    modbus_sim::Simulator tlsSimulator;
+    tlsSimulator.setTlsKit(kitDir, modbus_sim::TlsFault::None);
+    Ports ports;
     if (simulator.start()) {
         bench::fillSimulator(&simulator);
-        port = simulator.port();
+        ports.plain = simulator.port();
     }
-    if (::write(reportFd, &port, sizeof(port)) != sizeof(port)) _exit(1);
+    if (tlsSimulator.start()) {
+        bench::fillSimulator(&tlsSimulator);
+        ports.tls = tlsSimulator.port();
+    }
+    if (::write(reportFd, &ports, sizeof(ports)) != sizeof(ports)) _exit(1);
     ::close(reportFd);
     char byte;
     while (::read(controlFd, &byte, 1) > 0) {
     }
     simulator.stop();
+    tlsSimulator.stop();
     _exit(0);
+}
+
+// Every device here stands for a device at an address of its own; all reach the same simulator, so each is
+// told not to share its connection with the others as units behind one gateway would.
+QMap<QString, QString> ownConnection() {
+    QMap<QString, QString> settings = bench::deviceDefaults();
+    settings.insert(QStringLiteral("share_connection"), QStringLiteral("0"));
+    return settings;
+}
+
+struct IdleFigures {
+    long heapPerDeviceBytes = 0;  // plugin heap per idle device, the host's records taken out
+    long descriptors = 0;         // open while idle, above the count before the polls
+};
+
+// `count` devices with the first `kTlsItems` items of the mix, each polled twice and then left idle with its
+// connection kept, by a plugin of their own. `settingsFor` gives each device's settings. One more device is
+// polled first and stays connected through the measurement, so that what is made once per process (OpenSSL's
+// tables, the first endpoint) does not count against the others.
+template <typename SettingsFor>
+bool measureIdle(int count, uint16_t port, int idleMs, SettingsFor settingsFor, IdleFigures* figures) {
+    std::vector<ItemInstancePlugin> items = bench::mixedItems(kTlsItems);
+    Modbus plugin;
+    plugin.init();
+    bool ok = true;
+    auto poll = [&](plugin_test::Batch* batch) {
+        for (int round = 0; round < 2; ++round) {
+            if (!plugin.readData(&batch->list)) {
+                std::fprintf(stderr, "poll of %s failed: %s\n", qPrintable(batch->list.device.name),
+                             qPrintable(batch->list.device.lastError));
+                ok = false;
+            }
+            zelt_standin::Host::instance().clearLogs();
+        }
+    };
+    auto first = bench::makeBatch(plugin_test::makeDevice(0, port, settingsFor(0)), items);
+    poll(first.get());
+    std::vector<std::unique_ptr<plugin_test::Batch>> batches;
+    for (int device = 1; device <= count; ++device)
+        batches.push_back(
+            bench::makeBatch(plugin_test::makeDevice(device, port, settingsFor(device)), items));
+    const long heapBefore = heapInUse();
+    const long descriptorsBefore = bench::openDescriptors();
+    for (auto& batch : batches) poll(batch.get());
+    std::this_thread::sleep_for(std::chrono::milliseconds(idleMs));
+    figures->descriptors = bench::openDescriptors() - descriptorsBefore;
+    for (auto& batch : batches) {
+        for (DataItem* dataItem : batch->list.dataItems) {
+            dataItem->values.clear();
+            dataItem->item.lastError.clear();
+        }
+    }
+    figures->heapPerDeviceBytes = (heapInUse() - heapBefore) / count;
+    plugin.stopPlugin();
+    return ok;
 }
 
 }  // namespace
@@ -60,7 +137,11 @@ int main(int argc, char** argv) {
     const int deviceCount = bench::intOption(argc, argv, "--devices", kDefaultDevices);
     const int itemCount = bench::intOption(argc, argv, "--items", kDefaultItems);
     const int idleMs = bench::intOption(argc, argv, "--idle-ms", kDefaultIdleMs);
+    const int tlsDevices = bench::intOption(argc, argv, "--tls-devices",
+                                            deviceCount < kMostTlsDevices ? deviceCount : kMostTlsDevices);
 
+    QTemporaryDir kit;
+    if (!kit.isValid()) return 1;
     int report[2];
     int control[2];
     if (::pipe(report) != 0 || ::pipe(control) != 0) return 1;
@@ -69,12 +150,14 @@ int main(int argc, char** argv) {
     if (child == 0) {
         ::close(report[0]);
         ::close(control[1]);
-        runSimulatorChild(report[1], control[0]);
+        runSimulatorChild(kit.path(), report[1], control[0]);
     }
     ::close(report[1]);
     ::close(control[0]);
-    uint16_t port = 0;
-    const bool havePort = ::read(report[0], &port, sizeof(port)) == sizeof(port) && port != 0;
+    Ports ports;
+    const bool havePort =
+        ::read(report[0], &ports, sizeof(ports)) == sizeof(ports) && ports.plain != 0 && ports.tls != 0;
+    const uint16_t port = ports.plain;
     ::close(report[0]);
     auto stopChild = [&]() {
         ::close(control[1]);
@@ -82,7 +165,7 @@ int main(int argc, char** argv) {
         ::waitpid(child, &status, 0);
     };
     if (!havePort) {
-        std::fprintf(stderr, "the simulator did not start\n");
+        std::fprintf(stderr, "the simulators did not start\n");
         stopChild();
         return 1;
     }
@@ -102,8 +185,7 @@ int main(int argc, char** argv) {
     batches.reserve(deviceCount);
     const std::vector<ItemInstancePlugin> items = bench::mixedItems(itemCount);
     for (int device = 1; device <= deviceCount; ++device)
-        batches.push_back(
-            bench::makeBatch(plugin_test::makeDevice(device, port, bench::deviceDefaults()), items));
+        batches.push_back(bench::makeBatch(plugin_test::makeDevice(device, port, ownConnection()), items));
     const long heapAfterBatches = heapInUse();
     const long rssBeforePolls = bench::rssKiB();
 
@@ -141,6 +223,35 @@ int main(int argc, char** argv) {
     plugin.stopPlugin();
     const long heapAfterStop = heapInUse();
     batches.clear();
+
+    // Idle TLS connections against idle plain ones. Each TLS device gets a copy of the client's certificate
+    // files: the plugin keeps one endpoint per address, port and files, as it would for devices at different
+    // addresses. A last set shares one endpoint, to tell the connection's own share from the endpoint's.
+    IdleFigures plainIdle;
+    IdleFigures tlsIdle;
+    IdleFigures sharedIdle;
+    for (int device = 0; device <= tlsDevices; ++device) {
+        if (!bench::copyClientKit(kit.path(), QDir(kit.path()).filePath(QString::number(device)))) {
+            std::fprintf(stderr, "cannot copy the certificate kit\n");
+            ok = false;
+        }
+    }
+    const QMap<QString, QString> defaults = ownConnection();
+    ok &= measureIdle(
+        tlsDevices, ports.plain, idleMs, [&](int) { return defaults; }, &plainIdle);
+    ok &= measureIdle(
+        tlsDevices, ports.tls, idleMs,
+        [&](int device) {
+            return bench::withTls(defaults, QDir(kit.path()).filePath(QString::number(device)));
+        },
+        &tlsIdle);
+    ok &= measureIdle(
+        tlsDevices, ports.tls, idleMs,
+        [&](int device) {
+            return bench::withTls(defaults,
+                                  device == 0 ? QDir(kit.path()).filePath(QStringLiteral("0")) : kit.path());
+        },
+        &sharedIdle);
     stopChild();
 
     const double configuredItems = static_cast<double>(deviceCount) * itemCount;
@@ -172,6 +283,27 @@ int main(int argc, char** argv) {
         heapAfterStop - heapAfterBatches);
     std::printf("| Descriptors at start / idle | %ld / %ld |\n", startFds, idleFds);
     std::printf("| Threads at start / idle | %ld / %ld |\n", startThreads, idleThreads);
+
+    const double tlsExtraKiB = (tlsIdle.heapPerDeviceBytes - plainIdle.heapPerDeviceBytes) / kKiB;
+    std::printf(
+        "\n%d idle devices of %d items each, kept connected after two polls (RSS is not shown: these "
+        "allocations reuse what the run above freed):\n\n| Connection | Plugin heap per idle device | "
+        "Descriptors per device |\n|---|---|---|\n",
+        tlsDevices, kTlsItems);
+    const struct {
+        const char* name;
+        const IdleFigures& figures;
+    } rows[] = {{"Modbus TCP", plainIdle},
+                {"Modbus/TCP Security, an endpoint each", tlsIdle},
+                {"Modbus/TCP Security, one endpoint shared", sharedIdle}};
+    for (const auto& row : rows)
+        std::printf("| %s | %.2f KiB | %.2f |\n", row.name, row.figures.heapPerDeviceBytes / kKiB,
+                    static_cast<double>(row.figures.descriptors) / tlsDevices);
+    std::printf(
+        "\n- Heap per idle TLS connection above a plain one (an endpoint each): %.2f KiB (goal <= %.0f KiB: "
+        "%s); with one endpoint shared: %.2f KiB\n\n",
+        tlsExtraKiB, kGoalPerTlsConnectionKiB, tlsExtraKiB <= kGoalPerTlsConnectionKiB ? "met" : "MISSED",
+        (sharedIdle.heapPerDeviceBytes - plainIdle.heapPerDeviceBytes) / kKiB);
     bench::printCommand(argc, argv);
     return ok ? 0 : 1;
 }

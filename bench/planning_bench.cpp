@@ -5,13 +5,15 @@
 // 4 and 8 requests allowed in flight. Last, the 200 FLOAT configuration and the 2,000-item mix are polled
 // over RTU over TCP ("transport" 1) and over Modbus TCP, on loopback and through the wire: RTU frames carry
 // no transaction id, so the plugin keeps one request in flight there, and the figures show what that framing
-// costs against Modbus TCP with one request in flight.
+// costs against Modbus TCP with one request in flight. On loopback the same two configurations are polled
+// over Modbus/TCP Security ("transport" 2, the simulator serving the kit of tools/sim/sim_pki.h) on a kept
+// connection, to show what TLS costs a poll once the handshake is done.
 //
 // Usage: planning_bench [--polls N] [--rtt-ms MS] [--loopback-polls N] [--transports]
 //   --polls: timed polls per wire case (default 5), after two untimed ones
 //   --rtt-ms: one round trip instead of the 10 ms and 40 ms ones
 //   --loopback-polls: timed polls per transport on loopback (default 300), after two untimed ones
-//   --transports: only the comparison of RTU over TCP with Modbus TCP
+//   --transports: only the comparison of RTU over TCP and Modbus/TCP Security with Modbus TCP
 #include <arpa/inet.h>
 #include <modbus.h>
 #include <netinet/in.h>
@@ -21,6 +23,7 @@
 
 #include <QCoreApplication>
 #include <QString>
+#include <QTemporaryDir>
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -33,11 +36,13 @@
 
 #include "bench/bench_items.h"
 #include "bench/bench_support.h"
+#include "bench/bench_tls.h"
 #include "codec/addressing.h"
 #include "codec/var_type.h"
 #include "connection/crc16.h"
 #include "plugin/modbus.h"
 #include "plugin/request_plan.h"
+#include "tools/sim/sim_pki.h"
 #include "tools/sim/simulator.h"
 #include "tools/sim/wire_relay.h"
 #include "tools/standin/standin_host.h"
@@ -72,6 +77,8 @@ constexpr double kOverlapShare = 0.75;
 constexpr double kRtuLoopbackGoal = 1.10;
 constexpr double kRtuWireGoal = 1.05;
 constexpr int kRtuGoalRttMs = 40;
+// Modbus/TCP Security against Modbus TCP on loopback, both on a kept connection.
+constexpr double kTlsLoopbackGoal = 1.30;
 const QString kModbusTcp = QStringLiteral("0");
 const QString kRtuOverTcp = QStringLiteral("1");
 
@@ -500,22 +507,38 @@ private:
     uint16_t transactionId = 0;
 };
 
+enum class Wire { ModbusTcp, Rtu, Tls };
+
+const char* wireName(Wire wire) {
+    switch (wire) {
+        case Wire::ModbusTcp:
+            return "Modbus TCP";
+        case Wire::Rtu:
+            return "RTU";
+        case Wire::Tls:
+            return "Modbus/TCP Security";
+    }
+    return "";
+}
+
 // One transport's side of the loopback comparison: its own simulator, plugin and batch, and a bare client
-// that replays the plugin's requests.
+// that replays the plugin's requests (none over TLS: there the plugin's own figures are compared).
 struct LoopbackSide {
-    explicit LoopbackSide(bool rtu) : rtu(rtu) {}
+    LoopbackSide(Wire wire, const QString& kitDir) : wire(wire), rtu(wire == Wire::Rtu), kitDir(kitDir) {}
     ~LoopbackSide() {
         plugin.stopPlugin();
         simulator.stop();
     }
 
     bool start(const Scenario& scenario) {
+        if (wire == Wire::Tls) simulator.setTlsKit(kitDir, modbus_sim::TlsFault::None);
         if (!startSimulator(&simulator, scenario, rtu ? modbus_sim::Framing::Rtu : modbus_sim::Framing::Tcp))
             return false;
-        batch =
-            bench::makeBatch(deviceFor(simulator.port(), 1, rtu ? kRtuOverTcp : kModbusTcp), scenario.items);
+        DeviceInstancePlugin device = deviceFor(simulator.port(), 1, rtu ? kRtuOverTcp : kModbusTcp);
+        if (wire == Wire::Tls) device.settings = bench::withTls(device.settings, kitDir);
+        batch = bench::makeBatch(device, scenario.items);
         plugin.init();
-        return raw.connect(simulator.port(), rtu);
+        return wire == Wire::Tls || raw.connect(simulator.port(), rtu);
     }
 
     // One poll, its wall and CPU time kept when `timed`; false (with the reason on stderr) unless every item
@@ -528,8 +551,7 @@ struct LoopbackSide {
         const int itemCount = static_cast<int>(scenario.items.size());
         if (!pollOnce(&plugin, batch.get(), itemCount, &valued, &elapsed, &cpu) || valued != itemCount) {
             std::fprintf(stderr, "%s over %s: a poll failed (%d of %d valued): %s\n", scenario.name,
-                         rtu ? "RTU" : "Modbus TCP", valued, itemCount,
-                         qPrintable(batch->list.device.lastError));
+                         wireName(wire), valued, itemCount, qPrintable(batch->list.device.lastError));
             return false;
         }
         const std::vector<modbus_sim::RequestRecord> log = simulator.requestLog();
@@ -537,18 +559,20 @@ struct LoopbackSide {
         if (!timed) return true;
         wallMs.push_back(elapsed / 1000.0);
         cpuUs.push_back(cpu);
+        if (wire == Wire::Tls) return true;
         // The same requests again from the bare client, at once, so that it meets the same machine state.
         const auto start = std::chrono::steady_clock::now();
         if (!raw.replay(log)) {
-            std::fprintf(stderr, "%s over %s: the bare replay failed\n", scenario.name,
-                         rtu ? "RTU" : "Modbus TCP");
+            std::fprintf(stderr, "%s over %s: the bare replay failed\n", scenario.name, wireName(wire));
             return false;
         }
         rawMs.push_back(bench::elapsedUs(start) / 1000.0);
         return true;
     }
 
+    const Wire wire;
     const bool rtu;
+    const QString kitDir;
     modbus_sim::Simulator simulator;
     Modbus plugin;
     std::unique_ptr<plugin_test::Batch> batch;
@@ -562,15 +586,20 @@ struct LoopbackSide {
 struct TransportFigures {
     int tcpRequests = 0;
     int rtuRequests = 0;
+    int tlsRequests = 0;  // loopback only, as the TLS figures below
     bench::Summary tcpMs;
     bench::Summary rtuMs;
+    bench::Summary tlsMs;
     bench::Summary tcpCpuUs;  // loopback only
     bench::Summary rtuCpuUs;
+    bench::Summary tlsCpuUs;
     bench::Summary tcpRawMs;
     bench::Summary rtuRawMs;
     double ratio() const { return tcpMs.median > 0 ? rtuMs.median / tcpMs.median : 0; }
     double cpuRatio() const { return tcpCpuUs.median > 0 ? rtuCpuUs.median / tcpCpuUs.median : 0; }
     double rawRatio() const { return tcpRawMs.median > 0 ? rtuRawMs.median / tcpRawMs.median : 0; }
+    double tlsRatio() const { return tcpMs.median > 0 ? tlsMs.median / tcpMs.median : 0; }
+    double tlsCpuRatio() const { return tcpCpuUs.median > 0 ? tlsCpuUs.median / tcpCpuUs.median : 0; }
     // What the plugin adds to the bare client's time, RTU against Modbus TCP.
     double shareRatio() const {
         const double tcpShare = tcpMs.median - tcpRawMs.median;
@@ -578,23 +607,29 @@ struct TransportFigures {
     }
 };
 
-// Both transports polled in turn (which goes first alternates), so load from elsewhere falls on both alike.
-bool compareOnLoopback(const Scenario& scenario, int polls, TransportFigures* figures) {
+// The transports polled in turn (which goes first rotates), so load from elsewhere falls on all alike.
+bool compareOnLoopback(const Scenario& scenario, int polls, const QString& kitDir,
+                       TransportFigures* figures) {
     zelt_standin::Host::instance().reset();
-    LoopbackSide tcp(false);
-    LoopbackSide rtu(true);
-    if (!tcp.start(scenario) || !rtu.start(scenario)) {
+    LoopbackSide tcp(Wire::ModbusTcp, kitDir);
+    LoopbackSide rtu(Wire::Rtu, kitDir);
+    LoopbackSide tls(Wire::Tls, kitDir);
+    if (!tcp.start(scenario) || !rtu.start(scenario) || !tls.start(scenario)) {
         std::fprintf(stderr, "%s: a simulator did not start\n", scenario.name);
         return false;
     }
+    LoopbackSide* sides[] = {&tcp, &rtu, &tls};
+    constexpr int kSides = sizeof(sides) / sizeof(sides[0]);
     for (int poll = 0; poll < kUntimedPolls + polls; ++poll) {
         const bool timed = poll >= kUntimedPolls;
-        LoopbackSide& first = poll % 2 ? rtu : tcp;
-        LoopbackSide& second = poll % 2 ? tcp : rtu;
-        if (!first.poll(scenario, timed) || !second.poll(scenario, timed)) return false;
+        for (int k = 0; k < kSides; ++k)
+            if (!sides[(poll + k) % kSides]->poll(scenario, timed)) return false;
     }
     figures->tcpRequests = tcp.requests;
     figures->rtuRequests = rtu.requests;
+    figures->tlsRequests = tls.requests;
+    figures->tlsMs = bench::summarize(tls.wallMs);
+    figures->tlsCpuUs = bench::summarize(tls.cpuUs);
     figures->tcpMs = bench::summarize(tcp.wallMs);
     figures->rtuMs = bench::summarize(rtu.wallMs);
     figures->tcpCpuUs = bench::summarize(tcp.cpuUs);
@@ -623,6 +658,12 @@ bool compareTransports(const std::vector<int>& roundTrips, int wirePolls, int lo
         Scenario{"200 FLOAT", bench::holdingItems(kFloatItems, bench::kTypeFloat, kFloatRegisters), {}});
     scenarios.push_back(Scenario{"2,000 mixed", bench::mixedItems(kMixItems), {}});
     bool ok = true;
+    QTemporaryDir kit;
+    QString error;
+    if (!kit.isValid() || !modbus_sim::makeTestPki(kit.path(), bench::kLoopbackAddress, &error)) {
+        std::fprintf(stderr, "no certificate kit: %s\n", qPrintable(error));
+        return false;
+    }
 
     std::printf(
         "\n## RTU over TCP against Modbus TCP on loopback (one request in flight; %d timed polls each, "
@@ -635,7 +676,7 @@ bool compareTransports(const std::vector<int>& roundTrips, int wirePolls, int lo
     std::vector<TransportFigures> loopback(scenarios.size());
     for (size_t s = 0; s < scenarios.size(); ++s) {
         TransportFigures& f = loopback[s];
-        ok &= compareOnLoopback(scenarios[s], loopbackPolls, &f);
+        ok &= compareOnLoopback(scenarios[s], loopbackPolls, kit.path(), &f);
         std::printf(
             "| %s | %d / %d | %.3f (%.3f to %.3f) | %.3f (%.3f to %.3f) | %.3f | %.0f / %.0f | %.3f | %.3f / "
             "%.3f | %.3f | %.3f |\n",
@@ -644,6 +685,22 @@ bool compareTransports(const std::vector<int>& roundTrips, int wirePolls, int lo
             f.cpuRatio(), f.tcpRawMs.median, f.rtuRawMs.median, f.rawRatio(), f.shareRatio());
         std::fflush(stdout);
     }
+
+    std::printf(
+        "\n## Modbus/TCP Security against Modbus TCP on loopback (kept connections, one request in flight; "
+        "the same polls as above)\n\n| Configuration | Requests TCP / TLS | Modbus TCP poll ms median (min "
+        "to "
+        "max) | Modbus/TCP Security poll ms median (min to max) | TLS / TCP | Plugin thread CPU µs median, "
+        "TCP / TLS | CPU TLS / TCP |\n|---|---|---|---|---|---|---|\n");
+    for (size_t s = 0; s < scenarios.size(); ++s) {
+        const TransportFigures& f = loopback[s];
+        std::printf(
+            "| %s | %d / %d | %.3f (%.3f to %.3f) | %.3f (%.3f to %.3f) | %.3f | %.0f / %.0f | %.3f |\n",
+            scenarios[s].name, f.tcpRequests, f.tlsRequests, f.tcpMs.median, f.tcpMs.min, f.tcpMs.max,
+            f.tlsMs.median, f.tlsMs.min, f.tlsMs.max, f.tlsRatio(), f.tcpCpuUs.median, f.tlsCpuUs.median,
+            f.tlsCpuRatio());
+    }
+    std::fflush(stdout);
 
     std::printf(
         "\n## RTU over TCP against Modbus TCP through the wire (one request in flight; %d timed polls "
@@ -675,7 +732,7 @@ bool compareTransports(const std::vector<int>& roundTrips, int wirePolls, int lo
         }
     }
 
-    std::printf("\n## Goals, RTU over TCP\n\n");
+    std::printf("\n## Goals, RTU over TCP and Modbus/TCP Security\n\n");
     for (size_t s = 0; s < scenarios.size(); ++s) {
         const TransportFigures& f = loopback[s];
         std::printf(
@@ -696,6 +753,16 @@ bool compareTransports(const std::vector<int>& roundTrips, int wirePolls, int lo
             scenarios[row.scenario].name, row.rtt, kRtuWireGoal,
             verdict(f.rtuMs.median <= kRtuWireGoal * serial), f.rtuMs.median, serial,
             serial > 0 ? f.rtuMs.median / serial : 0);
+    }
+    // The goal is set on the 200 FLOAT poll; the mix is shown for scale.
+    for (size_t s = 0; s < scenarios.size(); ++s) {
+        const TransportFigures& f = loopback[s];
+        std::printf(
+            "- %s on loopback, kept connection: Modbus/TCP Security within %.2f x Modbus TCP: %s (%.3f ms "
+            "against %.3f ms, ratio %.3f; the plugin thread's CPU %.0f µs against %.0f µs, ratio %.3f)\n",
+            scenarios[s].name, kTlsLoopbackGoal,
+            s == 0 ? verdict(f.tlsRatio() <= kTlsLoopbackGoal) : "no goal, for scale", f.tlsMs.median,
+            f.tcpMs.median, f.tlsRatio(), f.tlsCpuUs.median, f.tcpCpuUs.median, f.tlsCpuRatio());
     }
     return ok;
 }

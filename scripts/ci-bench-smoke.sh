@@ -11,7 +11,7 @@ cd "$(dirname "$0")/.."
 build_dir=${1:-build-bench}
 read -r -a runner <<<"${ZELT_BENCH_RUNNER:-}"
 
-benchmarks=(overhead_bench scaling_bench memory_bench parallel_bench planning_bench cli_bench discovery_bench soak field_bench)
+benchmarks=(overhead_bench scaling_bench memory_bench parallel_bench planning_bench tls_bench cli_bench discovery_bench soak field_bench)
 if [ ${#runner[@]} -eq 0 ]; then
   launcher=()
   if command -v ccache >/dev/null; then launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache); fi
@@ -37,6 +37,8 @@ run "$bench/memory_bench" --devices 8 --items 20 --idle-ms 100
 run "$bench/parallel_bench" --rounds 3 --devices 4
 # One timed poll per case through a 4 ms wire: a few seconds, every path of the relay and of the pipelined poll.
 run "$bench/planning_bench" --polls 1 --rtt-ms 4
+# Five reconnects of each kind (full handshake, resumed, plain): under a second.
+run "$bench/tls_bench" --connects 5
 if [ ${#runner[@]} -eq 0 ]; then run "$bench/cli_bench" --count 3 --runs 1; fi
 # Two devices: one polled and written, one only written, so the write path's own reconnect runs too.
 run "$bench/soak" --polls 400 --devices 2
