@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # CI stage for the armhf gateways: cross-builds the plugin, the tools, the tests and the benchmarks for 32-bit Arm,
 # checks that the plugin is a 32-bit Arm EABI5 shared object, runs the whole test suite under qemu-arm (the
-# packaging test included: it unpacks the armhf packages over the sysroot and runs the installed demo), then runs
-# every benchmark once as a smoke run (emulated timings are not figures).
+# packaging test included: it runs lintian on the armhf packages, unpacks them over the sysroot and runs the
+# installed tool), then runs every benchmark once as a smoke run (emulated timings are not figures). The manual
+# pages are made at build time from the armhf tools' --help, run under qemu-arm.
 #
 # Usage: scripts/ci-armhf.sh [BUILD_DIR]   (default build-armhf; ctest arguments through CTEST_ARGS)
 # The sysroot and the downloaded packages are cached in $ZELT_ARMHF_CACHE (default ~/.cache/zelt-armhf); ccache

@@ -11,8 +11,10 @@ packages=(
   # pymodbus imports its serial transport even for TCP, and apt only recommends the serial packages.
   mbpoll python3 python3-pymodbus python3-serial python3-serial-asyncio
   iproute2 procps clang-format
-  # the packaging test inspects the built packages
-  file
+  # the packaging test inspects the built packages: lintian checks them, man finds their pages
+  file lintian man-db
+  # the manual pages are made from the tools' --help
+  help2man
 )
 
 missing=()

@@ -1,5 +1,6 @@
 // modbus-sim: runs the device simulator until SIGINT or SIGTERM.
 
+#include <modbus.h>
 #include <pthread.h>
 #include <signal.h>
 
@@ -15,6 +16,7 @@ namespace {
 constexpr int kExitUsage = 2;
 constexpr int kExitFailure = 1;
 constexpr int kMaxPort = 65535;
+constexpr const char* kVersion = ZELT_PROJECT_VERSION;
 
 void printUsage(FILE* out) {
     fprintf(out,
@@ -30,7 +32,14 @@ void printUsage(FILE* out) {
             "                    made there (with client.pem for role operator) when missing\n"
             "  --tls-fault NAME  expired_certificate, wrong_ca, wrong_name, no_client_certificate_demanded,\n"
             "                    plain_tcp or stall_handshake\n"
-            "  --help            show this help\n");
+            "  --help            show this help\n"
+            "  --version         show the versions of modbus-sim and of the libmodbus it runs with\n");
+}
+
+// The libmodbus of the running process, which may be newer than the headers the simulator was built against.
+void printVersion() {
+    printf("modbus-sim %s\nlibmodbus %u.%u.%u\n", kVersion, libmodbus_version_major, libmodbus_version_minor,
+           libmodbus_version_micro);
 }
 
 }  // namespace
@@ -46,6 +55,10 @@ int main(int argc, char** argv) {
         const QString option = QString::fromLocal8Bit(argv[i]);
         if (option == QLatin1String("--help") || option == QLatin1String("-h")) {
             printUsage(stdout);
+            return 0;
+        }
+        if (option == QLatin1String("--version")) {
+            printVersion();
             return 0;
         }
         const bool takesValue = option == QLatin1String("--listen") || option == QLatin1String("--port") ||

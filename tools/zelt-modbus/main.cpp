@@ -4,6 +4,7 @@
 #include <QTextStream>
 
 #include "tools/zelt-modbus/cli.h"
+#include "tools/zelt-modbus/version.h"
 
 namespace {
 
@@ -20,7 +21,8 @@ const char* kUsage =
     "  simulate   run the Modbus TCP device simulator\n"
     "  columns    print the configuration columns the plugin declares\n"
     "\n"
-    "Run 'zelt-modbus COMMAND --help' for the options of a command.\n";
+    "Run 'zelt-modbus COMMAND --help' for the options of a command, 'zelt-modbus --version' for the\n"
+    "versions of the tool, the plugin, the host contract and libmodbus.\n";
 
 }  // namespace
 
@@ -36,6 +38,10 @@ int main(int argc, char** argv) {
         QTextStream(stdout) << kUsage;
         return 0;
     }
+    if (command == QLatin1String("--version")) {
+        QTextStream(stdout) << zelt_cli::versionText();
+        return 0;
+    }
     using Runner = int (*)(const QStringList&);
     const QMap<QString, Runner> commands{{QStringLiteral("demo"), zelt_cli::runDemo},
                                          {QStringLiteral("poll"), zelt_cli::runPoll},
@@ -45,7 +51,14 @@ int main(int argc, char** argv) {
                                          {QStringLiteral("map"), zelt_cli::runMap},
                                          {QStringLiteral("simulate"), zelt_cli::runSimulate},
                                          {QStringLiteral("columns"), zelt_cli::runColumns}};
-    if (const Runner run = commands.value(command)) return run(arguments);
+    if (const Runner run = commands.value(command)) {
+        // Every command answers --version the same way, before its own options are checked.
+        if (arguments.contains(QLatin1String("--version"))) {
+            QTextStream(stdout) << zelt_cli::versionText();
+            return 0;
+        }
+        return run(arguments);
+    }
     QTextStream(stderr) << "zelt-modbus: unknown command " << command << "\n" << kUsage;
     return zelt_cli::kExitUsage;
 }
