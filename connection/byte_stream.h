@@ -16,4 +16,6 @@ public:
     virtual int receiveSome(unsigned char* data, int capacity, Deadline deadline, int* err) = 0;
     // Reads and drops whatever has already arrived, without waiting; how many bytes that was.
     virtual int discardWaiting() = 0;
+    // The connection goes idle until the next batch: buffers worth their memory only while bytes move go.
+    virtual void releaseBuffers() {}
 };

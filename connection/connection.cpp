@@ -156,6 +156,10 @@ void Connection::flush() {
     if (stream) stream->discardWaiting();
 }
 
+void Connection::releaseIdleBuffers() {
+    if (stream) stream->releaseBuffers();
+}
+
 bool Connection::getResponseTimeout(unsigned int* sec, unsigned int* usec) const {
     if (!ctx) return false;
     uint32_t s = 0;

@@ -77,6 +77,8 @@ public:
     // requests that come sooner.
     void setRequestPause(int ms) { requestPauseMs = ms; }
     void flush();
+    // Between batches on a connection kept open: the TLS buffers go until the next request.
+    void releaseIdleBuffers();
 
     bool getResponseTimeout(unsigned int* sec, unsigned int* usec) const;
     bool setResponseTimeout(unsigned int sec, unsigned int usec);

@@ -19,6 +19,10 @@ constexpr const char* kChaChaFirstSuites =
 constexpr const char* kChaChaFirstCiphers =
     "ECDHE-ECDSA-CHACHA20-POLY1305:ECDHE-RSA-CHACHA20-POLY1305:ECDHE-ECDSA-AES128-GCM-SHA256:"
     "ECDHE-RSA-AES128-GCM-SHA256:ECDHE-ECDSA-AES256-GCM-SHA384:ECDHE-RSA-AES256-GCM-SHA384";
+// AES-128 with SHA-256 first where the CPU has AES instructions: its key schedule, paid again on every
+// resumed reconnect, is the cheapest.
+constexpr const char* kAesFirstSuites =
+    "TLS_AES_128_GCM_SHA256:TLS_CHACHA20_POLY1305_SHA256:TLS_AES_256_GCM_SHA384";
 constexpr const char* kAesFirstCiphers =
     "ECDHE-ECDSA-AES128-GCM-SHA256:ECDHE-RSA-AES128-GCM-SHA256:ECDHE-ECDSA-AES256-GCM-SHA384:"
     "ECDHE-RSA-AES256-GCM-SHA384:ECDHE-ECDSA-CHACHA20-POLY1305:ECDHE-RSA-CHACHA20-POLY1305";
@@ -94,12 +98,14 @@ std::shared_ptr<TlsEndpoint> TlsEndpoint::forTarget(QString const& target, TlsSe
     }
     SSL_CTX_set_min_proto_version(ctx, TLS1_2_VERSION);
     SSL_CTX_set_verify(ctx, SSL_VERIFY_PEER, nullptr);
-    // Many idle devices: each keeps no read or write buffer while nothing moves.
-    SSL_CTX_set_mode(ctx, SSL_MODE_RELEASE_BUFFERS);
+    // A record's header and body in one read: every read below asks OpenSSL first and waits on the socket
+    // only when it has nothing buffered, so bytes read ahead are never waited for.
+    SSL_CTX_set_read_ahead(ctx, 1);
     if (cpuLacksAes()) {
         SSL_CTX_set_ciphersuites(ctx, kChaChaFirstSuites);
         SSL_CTX_set_cipher_list(ctx, kChaChaFirstCiphers);
     } else {
+        SSL_CTX_set_ciphersuites(ctx, kAesFirstSuites);
         SSL_CTX_set_cipher_list(ctx, kAesFirstCiphers);
     }
     X509_STORE* store = SSL_CTX_get_cert_store(ctx);

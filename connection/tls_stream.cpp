@@ -182,13 +182,17 @@ std::unique_ptr<TlsStream> TlsStream::handshake(int socket, std::shared_ptr<TlsE
         if (session) endpoint->keepSession(nullptr);
         return nullptr;
     }
-    if (SSL_version(ssl) >= TLS1_3_VERSION) {
-        // Wait for the device's verdict on the gateway's certificate: a refusal arrives as an alert.
+    if (SSL_version(ssl) >= TLS1_3_VERSION && !SSL_session_reused(ssl)) {
+        // Wait for the device's verdict on the gateway's certificate: a refusal arrives as an alert. A
+        // resumed session was judged when it was made.
         const auto verdictBy = std::min(deadline, Clock::now() + (Clock::now() - started) + kVerdictMargin);
         unsigned char peek = 0;
         int waitError = 0;
         const int offeredBefore = stream->endpoint->sessionsOffered();
-        while (SocketStream::waitFor(socket, POLLIN, verdictBy, &waitError)) {
+        // What was read ahead with the handshake's last record is looked at before the socket is waited on.
+        bool buffered = SSL_has_pending(ssl) == 1;
+        while (buffered || SocketStream::waitFor(socket, POLLIN, verdictBy, &waitError)) {
+            buffered = false;
             const int peeked = SSL_peek(ssl, &peek, 1);
             if (peeked > 0) break;
             const int sslError = SSL_get_error(ssl, peeked);
@@ -252,7 +256,7 @@ int TlsStream::discardWaiting() {
     // Only what is already decrypted or already on the socket: never wait.
     while (total < kMostDiscarded) {
         pollfd descriptor{socket, POLLIN, 0};
-        if (SSL_pending(ssl) == 0 && ::poll(&descriptor, 1, 0) <= 0) break;
+        if (!SSL_has_pending(ssl) && ::poll(&descriptor, 1, 0) <= 0) break;
         size_t read = 0;
         if (SSL_read_ex(ssl, discard, sizeof discard, &read) != 1) {
             ERR_clear_error();
@@ -261,4 +265,10 @@ int TlsStream::discardWaiting() {
         total += static_cast<int>(read);
     }
     return total;
+}
+
+void TlsStream::releaseBuffers() {
+    // Kept through a batch (allocating them again for every record costs more than the encryption), freed
+    // between batches, so that many idle devices stay cheap. Refused while a record is half read.
+    SSL_free_buffers(ssl);
 }

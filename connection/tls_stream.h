@@ -38,6 +38,7 @@ public:
     int sendAll(const unsigned char* data, int length, Deadline deadline, int* err) override;
     int receiveSome(unsigned char* data, int capacity, Deadline deadline, int* err) override;
     int discardWaiting() override;
+    void releaseBuffers() override;
 
     TlsHandshake const& established() const { return details; }
 

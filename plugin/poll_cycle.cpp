@@ -330,7 +330,10 @@ void Modbus::keepOrClose(TcpDeviceConnection& entry, DeviceInstancePlugin const&
     entry.setKeepOpen(
         device.id,
         setting_keys::settingText(device.settings, setting_keys::kPersistentConnection).toInt() != 0);
-    if (!entry.anyKeepsOpen()) entry.connection.disconnect();
+    if (!entry.anyKeepsOpen())
+        entry.connection.disconnect();
+    else
+        entry.connection.releaseIdleBuffers();
 }
 
 namespace {
