@@ -4,9 +4,7 @@
 #include <openssl/pem.h>
 #include <sys/stat.h>
 
-#include <QDateTime>
 #include <QFile>
-#include <QFileInfo>
 #include <climits>
 
 const char* const kCaCertificatesSetting = "tls_ca_certificates";
@@ -123,14 +121,17 @@ TlsCredentials loadTlsCredentials(TlsSettings const& settings) {
 }
 
 QString tlsFileStamp(TlsSettings const& settings) {
+    // stat() alone: this runs on every reconnect, and a QFileInfo time goes through the local time zone.
     QString stamp;
     for (QString const& value : {settings.caCertificates, settings.certificate, settings.privateKey}) {
         if (value.trimmed().isEmpty() || isPemText(value)) continue;
-        const QFileInfo info(value.trimmed());
-        stamp += QStringLiteral("%1:%2:%3;")
-                     .arg(info.filePath())
-                     .arg(info.exists() ? info.lastModified().toMSecsSinceEpoch() : -1)
-                     .arg(info.exists() ? info.size() : -1);
+        struct stat status {};
+        const bool exists = ::stat(value.trimmed().toLocal8Bit().constData(), &status) == 0;
+        stamp += QStringLiteral("%1:%2.%3:%4;")
+                     .arg(value.trimmed())
+                     .arg(exists ? static_cast<qint64>(status.st_mtim.tv_sec) : -1)
+                     .arg(exists ? static_cast<qint64>(status.st_mtim.tv_nsec) : -1)
+                     .arg(exists ? static_cast<qint64>(status.st_size) : -1);
     }
     return stamp;
 }

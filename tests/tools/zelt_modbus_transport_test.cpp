@@ -44,9 +44,9 @@ QJsonObject jsonOf(const QString& text) {
 
 TEST(TransportOption, EveryCommandThatTalksToADeviceListsIt) {
     const QString line = QStringLiteral(
-        "  --transport NAME          tcp (Modbus TCP) or rtu (RTU over TCP, to a serial-to-Ethernet "
-        "converter); "
-        "default: the device's \"transport\" setting, else tcp\n");
+        "  --transport NAME          tcp (Modbus TCP), rtu (RTU over TCP, to a serial-to-Ethernet converter) "
+        "or "
+        "tls (Modbus/TCP Security); default: the device's \"transport\" setting, else tcp\n");
     for (const QString& command :
          {QStringLiteral("inspect"), QStringLiteral("map"), QStringLiteral("write")}) {
         SCOPED_TRACE(command.toStdString());
@@ -87,7 +87,7 @@ TEST(TransportOption, AnUnknownTransportIsAUsageErrorBeforeAnyTraffic) {
         EXPECT_EQ(run.exitCode, 2);
         EXPECT_TRUE(
             run.err.startsWith(QStringLiteral("zelt-modbus %1: --transport: unknown transport \"%2\" "
-                                              "(expected tcp or rtu)\nUsage: zelt-modbus %1 [options]\n")
+                                              "(expected tcp, rtu or tls)\nUsage: zelt-modbus %1 [options]\n")
                                    .arg(row.command, row.value)))
             << run.err.toStdString();
         EXPECT_EQ(run.out, QString());
@@ -157,7 +157,7 @@ TEST(TransportSetting, NamesAndStoredTextsAreStoredAsTheStoredText) {
 }
 
 TEST(TransportSetting, AnythingElseIsAConfigurationErrorNamingTheSetting) {
-    for (const char* text : {"serial", "RTU", "Tcp", "2", " 1", ""}) {
+    for (const char* text : {"serial", "RTU", "Tcp", "3", " 1", ""}) {
         SCOPED_TRACE(text);
         zelt_cli::Config config;
         QString error;
@@ -165,7 +165,7 @@ TEST(TransportSetting, AnythingElseIsAConfigurationErrorNamingTheSetting) {
                                  &config, &error));
         EXPECT_EQ(error,
                   QStringLiteral("meter.json: devices[1].settings.transport: expected \"tcp\", \"rtu\", "
-                                 "\"0\" or \"1\", not \"%1\"")
+                                 "\"tls\", \"0\", \"1\" or \"2\", not \"%1\"")
                       .arg(QLatin1String(text)));
     }
     zelt_cli::Config config;
@@ -181,10 +181,11 @@ TEST(TransportSetting, TheToolRefusesABadTransportWithExitTwo) {
     ASSERT_TRUE(dir.isValid());
     const QString path = dir.filePath(QStringLiteral("meter.json"));
     ASSERT_TRUE(writeFile(path, deviceWithTransport(QStringLiteral("serial"))));
-    const QString message = QStringLiteral(
-                                "%1: devices[1].settings.transport: expected \"tcp\", \"rtu\", \"0\" or "
-                                "\"1\", not \"serial\"")
-                                .arg(path);
+    const QString message =
+        QStringLiteral(
+            "%1: devices[1].settings.transport: expected \"tcp\", \"rtu\", \"tls\", \"0\", "
+            "\"1\" or \"2\", not \"serial\"")
+            .arg(path);
     const auto poll = runTool({QStringLiteral("poll"), QStringLiteral("--config"), path});
     EXPECT_EQ(poll.exitCode, 2);
     EXPECT_EQ(poll.err, QStringLiteral("zelt-modbus: %1\n").arg(message));

@@ -150,7 +150,8 @@ bool ConfigReader::readTransport(const QString& place, QMap<QString, QString>* s
     // The plugin would read a misspelt transport as Modbus TCP and talk to a converter in the wrong framing.
     if (!transportSettingFor(text, &stored))
         return fail(place + QLatin1Char('.') + kSettingsKey + QLatin1Char('.') + kTransportSetting,
-                    QStringLiteral("expected \"tcp\", \"rtu\", \"0\" or \"1\", not %1").arg(describe(text)));
+                    QStringLiteral("expected \"tcp\", \"rtu\", \"tls\", \"0\", \"1\" or \"2\", not %1")
+                        .arg(describe(text)));
     settings->insert(kTransportSetting, stored);
     return true;
 }

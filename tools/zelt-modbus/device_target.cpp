@@ -48,8 +48,8 @@ void addTargetOptions(CommandLine* command) {
 void addTransportOption(CommandLine* command) {
     command->addOption(
         kTransportOption, QStringLiteral("NAME"),
-        QStringLiteral("tcp (Modbus TCP) or rtu (RTU over TCP, to a serial-to-Ethernet converter); "
-                       "default: the device's \"transport\" setting, else tcp"));
+        QStringLiteral("tcp (Modbus TCP), rtu (RTU over TCP, to a serial-to-Ethernet converter) or tls "
+                       "(Modbus/TCP Security); default: the device's \"transport\" setting, else tcp"));
 }
 
 void addTlsOptions(CommandLine* command) {
@@ -106,7 +106,7 @@ bool readTransportOption(const CommandLine& command, const QString& commandName,
     }
     return usageError(
         command, commandName,
-        QStringLiteral("--transport: unknown transport \"%1\" (expected tcp or rtu)").arg(name));
+        QStringLiteral("--transport: unknown transport \"%1\" (expected tcp, rtu or tls)").arg(name));
 }
 
 bool readTarget(const CommandLine& command, const QString& commandName, DeviceTarget* target) {
