@@ -25,6 +25,33 @@ const QString kTcpName = QStringLiteral("tcp");
 const QString kRtuName = QStringLiteral("rtu");
 const QString kTlsName = QStringLiteral("tls");
 
+struct Choice {
+    const char* name;
+    const char* code;
+};
+
+// The plugin's choice lists of the item columns "type" and "register_type", in its order; the names are
+// case-sensitive, as the host shows and stores them.
+constexpr Choice kTypeChoices[] = {{"BIT", "0"},    {"INT16", "1"}, {"UINT16", "2"}, {"INT32", "3"},
+                                   {"UINT32", "4"}, {"INT64", "8"}, {"UINT64", "9"}, {"FLOAT", "5"},
+                                   {"DOUBLE", "6"}, {"STRING", "7"}};
+constexpr Choice kRegisterTypeChoices[] = {{"Output Coil", "0"},
+                                           {"Input Coil", "1"},
+                                           {"Input Register", "2"},
+                                           {"Holding Register", "3"},
+                                           {"Auto", "4"}};
+
+template <size_t N>
+bool choiceCodeFor(const Choice (&choices)[N], const QString& text, QString* stored) {
+    for (const Choice& choice : choices) {
+        if (text == QLatin1String(choice.name) || text == QLatin1String(choice.code)) {
+            *stored = QString::fromLatin1(choice.code);
+            return true;
+        }
+    }
+    return false;
+}
+
 // The host numbers devices from 1; identity items are never made for lower ids.
 constexpr int kFirstDeviceId = 1;
 
@@ -230,6 +257,20 @@ bool transportSettingFor(const QString& text, QString* stored) {
         return true;
     }
     return false;
+}
+
+bool typeSettingFor(const QString& text, QString* stored) {
+    return choiceCodeFor(kTypeChoices, text, stored);
+}
+
+QString typeName(const QString& code) {
+    for (const Choice& choice : kTypeChoices)
+        if (code == QLatin1String(choice.code)) return QString::fromLatin1(choice.name);
+    return QString();
+}
+
+bool registerTypeSettingFor(const QString& text, QString* stored) {
+    return choiceCodeFor(kRegisterTypeChoices, text, stored);
 }
 
 Transport transportOf(const DeviceConfig& device) {

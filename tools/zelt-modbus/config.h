@@ -26,6 +26,9 @@ inline const QString kTlsServerNameSetting = QStringLiteral("tls_server_name");
 inline const QString kPortSetting = QStringLiteral("port");
 // The port of Modbus/TCP Security when the device names none, as the plugin takes it.
 constexpr int kDefaultSecurePort = 802;
+// The item settings whose stored codes the plugin names in its choice lists.
+inline const QString kTypeSetting = QStringLiteral("type");
+inline const QString kRegisterTypeSetting = QStringLiteral("register_type");
 
 struct ItemConfig {
     QString uid;
@@ -55,6 +58,15 @@ bool parseConfig(const QByteArray& json, const QString& fileName, Config* config
 // The stored text of the device setting "transport" for `text`, which may also name it: "tcp" for "0",
 // "rtu" for "1", "tls" for "2". False for any other text.
 bool transportSettingFor(const QString& text, QString* stored);
+
+// The stored code of the item setting "type" for `text`: a code the plugin declares, or its choice text
+// ("FLOAT" for "5"). False for any other text.
+bool typeSettingFor(const QString& text, QString* stored);
+// The choice text of a stored "type" code ("FLOAT" for "5"); empty for a code the plugin does not declare.
+QString typeName(const QString& code);
+// The stored code of the item setting "register_type" for `text`: a code the plugin declares, or its choice
+// text ("Holding Register" for "3"). False for any other text.
+bool registerTypeSettingFor(const QString& text, QString* stored);
 
 // How the plugin reads the device's "transport": RTU over TCP for "1", Modbus/TCP Security for "2", Modbus
 // TCP for anything else.
