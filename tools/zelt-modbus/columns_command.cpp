@@ -13,6 +13,11 @@ namespace zelt_cli {
 
 namespace {
 
+// zelt-modbus reads the names of these two choice lists (config.cpp); the host itself stores only the codes.
+const QString kChoiceNote = QStringLiteral(
+    "A configuration file takes the stored code or the choice text of \"type\" and \"register_type\", e.g. "
+    "\"type\": \"5\" or \"FLOAT\".");
+
 QJsonArray columnsToJson(const QList<DatabaseColumnStructure>& columns) {
     QJsonArray array;
     for (const DatabaseColumnStructure& column : columns) {
@@ -30,7 +35,8 @@ QJsonArray columnsToJson(const QList<DatabaseColumnStructure>& columns) {
     return array;
 }
 
-void printColumns(QTextStream& out, const QString& title, const QList<DatabaseColumnStructure>& columns) {
+void printColumns(QTextStream& out, const QString& title, const QList<DatabaseColumnStructure>& columns,
+                  const QString& note = QString()) {
     out << title << "\n";
     Table table({QStringLiteral("column"), QStringLiteral("type"), QStringLiteral("size"),
                  QStringLiteral("default"), QStringLiteral("choices")});
@@ -45,6 +51,7 @@ void printColumns(QTextStream& out, const QString& title, const QList<DatabaseCo
     table.print(out);
     for (const DatabaseColumnStructure& column : columns)
         if (!column.description.isEmpty()) out << "  " << column.name << ": " << column.description << "\n";
+    if (!note.isEmpty()) out << "  " << note << "\n";
     out << "\n";
 }
 
@@ -80,7 +87,7 @@ int runColumns(const QStringList& arguments) {
     }
     out << "Plugin " << call.name << " (host contract version " << call.version << ")\n\n";
     printColumns(out, QStringLiteral("Device columns"), call.deviceColumns);
-    printColumns(out, QStringLiteral("Item columns"), call.itemColumns);
+    printColumns(out, QStringLiteral("Item columns"), call.itemColumns, kChoiceNote);
     return 0;
 }
 

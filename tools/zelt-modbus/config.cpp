@@ -75,6 +75,22 @@ QString describe(const QJsonValue& value) {
     return QStringLiteral("nothing");
 }
 
+template <size_t N>
+QString choiceList(const Choice (&choices)[N]) {
+    QStringList names;
+    for (const Choice& choice : choices)
+        names.append(
+            QStringLiteral("\"%1\" (%2)").arg(QLatin1String(choice.name), QLatin1String(choice.code)));
+    const QString last = names.takeLast();
+    return names.join(QStringLiteral(", ")) + QStringLiteral(" or ") + last;
+}
+
+bool isCode(const QString& text) {
+    for (const QChar character : text)
+        if (character < QLatin1Char('0') || character > QLatin1Char('9')) return false;
+    return true;
+}
+
 class ConfigReader {
 public:
     explicit ConfigReader(QString fileName) : file(std::move(fileName)) {}
@@ -93,6 +109,7 @@ private:
     bool readText(const QJsonObject& object, const QString& key, const QString& place, bool required,
                   QString* out);
     bool readTransport(const QString& place, QMap<QString, QString>* settings);
+    bool readItemChoices(const QString& place, QMap<QString, QString>* settings);
     bool readDevice(const QJsonValue& value, const QString& place, DeviceConfig* device);
     bool readItem(const QJsonValue& value, const QString& place, ItemConfig* item);
 
@@ -183,6 +200,30 @@ bool ConfigReader::readTransport(const QString& place, QMap<QString, QString>* s
     return true;
 }
 
+bool ConfigReader::readItemChoices(const QString& place, QMap<QString, QString>* settings) {
+    const struct {
+        const QString& key;
+        bool (*storedFor)(const QString&, QString*);
+        QString expected;
+    } kChoiceSettings[] = {{kTypeSetting, typeSettingFor, choiceList(kTypeChoices)},
+                           {kRegisterTypeSetting, registerTypeSettingFor, choiceList(kRegisterTypeChoices)}};
+    for (const auto& setting : kChoiceSettings) {
+        if (!settings->contains(setting.key)) continue;
+        const QString text = settings->value(setting.key);
+        // Codes (and the empty default) go to the plugin as they stand, as they always have.
+        if (isCode(text)) continue;
+        QString stored;
+        // The plugin would read a name as code 0: a misspelt "FLOAT" would become a BIT, "Holding Register" a
+        // coil.
+        if (!setting.storedFor(text, &stored))
+            return fail(
+                place + QLatin1Char('.') + kSettingsKey + QLatin1Char('.') + setting.key,
+                QStringLiteral("expected %1, as name or code, not %2").arg(setting.expected, describe(text)));
+        settings->insert(setting.key, stored);
+    }
+    return true;
+}
+
 bool ConfigReader::readDevice(const QJsonValue& value, const QString& place, DeviceConfig* device) {
     if (!value.isObject())
         return fail(place, QStringLiteral("expected an object, not %1").arg(describe(value)));
@@ -232,7 +273,7 @@ bool ConfigReader::readItem(const QJsonValue& value, const QString& place, ItemC
     uids.insert(item->uid);
     item->name = item->uid;
     if (!readText(object, kNameKey, place, false, &item->name)) return false;
-    return readSettings(object, place, &item->settings);
+    return readSettings(object, place, &item->settings) && readItemChoices(place, &item->settings);
 }
 
 }  // namespace
