@@ -9,8 +9,6 @@
 // Usage: memory_bench [--devices N] [--items N] [--idle-ms N] [--tls-devices N]
 #include <malloc.h>
 #include <poll.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <QCoreApplication>
 #include <QDir>
@@ -25,6 +23,7 @@
 #include "bench/bench_items.h"
 #include "bench/bench_support.h"
 #include "bench/bench_tls.h"
+#include "bench/simulator_child.h"
 #include "plugin/modbus.h"
 #include "tools/sim/simulator.h"
 #include "tools/standin/standin_host.h"
@@ -44,36 +43,6 @@ constexpr double kKiB = 1024.0;
 long heapInUse() {
     const struct mallinfo2 info = mallinfo2();
     return static_cast<long>(info.uordblks + info.hblkhd);
-}
-
-struct Ports {
-    uint16_t plain = 0;
-    uint16_t tls = 0;
-};
-
-// Serves until the parent closes its end of `control`; reports the ports through `report` (zero for one that
-// did not start). The TLS simulator makes the certificate kit in `kitDir` when it starts.
-[[noreturn]] void runSimulatorChild(const QString& kitDir, int reportFd, int controlFd) {
-    modbus_sim::Simulator simulator;
-    modbus_sim::Simulator tlsSimulator;
-    tlsSimulator.setTlsKit(kitDir, modbus_sim::TlsFault::None);
-    Ports ports;
-    if (simulator.start()) {
-        bench::fillSimulator(&simulator);
-        ports.plain = simulator.port();
-    }
-    if (tlsSimulator.start()) {
-        bench::fillSimulator(&tlsSimulator);
-        ports.tls = tlsSimulator.port();
-    }
-    if (::write(reportFd, &ports, sizeof(ports)) != sizeof(ports)) _exit(1);
-    ::close(reportFd);
-    char byte;
-    while (::read(controlFd, &byte, 1) > 0) {
-    }
-    simulator.stop();
-    tlsSimulator.stop();
-    _exit(0);
 }
 
 // Every device here stands for a device at an address of its own; all reach the same simulator, so each is
@@ -142,33 +111,11 @@ int main(int argc, char** argv) {
 
     QTemporaryDir kit;
     if (!kit.isValid()) return 1;
-    int report[2];
-    int control[2];
-    if (::pipe(report) != 0 || ::pipe(control) != 0) return 1;
-    const pid_t child = ::fork();
-    if (child < 0) return 1;
-    if (child == 0) {
-        ::close(report[0]);
-        ::close(control[1]);
-        runSimulatorChild(kit.path(), report[1], control[0]);
-    }
-    ::close(report[1]);
-    ::close(control[0]);
-    Ports ports;
-    const bool havePort =
-        ::read(report[0], &ports, sizeof(ports)) == sizeof(ports) && ports.plain != 0 && ports.tls != 0;
+    bench::SimulatorChild simulators;
+    if (!simulators.start(kit.path())) return 1;
+    const bench::SimulatorPorts ports = simulators.ports();
     const uint16_t port = ports.plain;
-    ::close(report[0]);
-    auto stopChild = [&]() {
-        ::close(control[1]);
-        int status = 0;
-        ::waitpid(child, &status, 0);
-    };
-    if (!havePort) {
-        std::fprintf(stderr, "the simulators did not start\n");
-        stopChild();
-        return 1;
-    }
+    auto stopChild = [&]() { simulators.stop(); };
 
     QCoreApplication application(argc, argv);
     std::printf("memory_bench: %d devices x %d items, build type %s\n", deviceCount, itemCount,

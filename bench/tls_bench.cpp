@@ -10,9 +10,7 @@
 // Usage: tls_bench [--connects N] [--only full|resumed|plain]
 //   --connects: timed reconnecting polls per device (default 200), after two untimed ones
 //   --only: poll that one device only (for valgrind --tool=callgrind, see bench/README.md)
-#include <sys/wait.h>
 #include <time.h>
-#include <unistd.h>
 
 #include <QCoreApplication>
 #include <QDir>
@@ -28,6 +26,7 @@
 #include "bench/bench_items.h"
 #include "bench/bench_support.h"
 #include "bench/bench_tls.h"
+#include "bench/simulator_child.h"
 #include "connection/tls_endpoint.h"
 #include "connection/tls_settings.h"
 #include "plugin/diagnostics.h"
@@ -63,36 +62,6 @@ double processCpuNowUs() {
     timespec now{};
     clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
     return now.tv_sec * 1e6 + now.tv_nsec / 1e3;
-}
-
-struct Ports {
-    uint16_t tls = 0;
-    uint16_t plain = 0;
-};
-
-// Serves until the parent closes its end of `control`; reports both ports through `report` (zeros when a
-// simulator did not start). The TLS simulator makes the kit in `kitDir` when it starts.
-[[noreturn]] void runSimulatorsChild(const QString& kitDir, int reportFd, int controlFd) {
-    modbus_sim::Simulator tls;
-    modbus_sim::Simulator plain;
-    tls.setTlsKit(kitDir, modbus_sim::TlsFault::None);
-    Ports ports;
-    if (tls.start()) {
-        bench::fillSimulator(&tls);
-        ports.tls = tls.port();
-    }
-    if (plain.start()) {
-        bench::fillSimulator(&plain);
-        ports.plain = plain.port();
-    }
-    if (::write(reportFd, &ports, sizeof(ports)) != sizeof(ports)) _exit(1);
-    ::close(reportFd);
-    char byte;
-    while (::read(controlFd, &byte, 1) > 0) {
-    }
-    tls.stop();
-    plain.stop();
-    _exit(0);
 }
 
 // One device polled over and over, its figures, and the health counters read through its diagnostic items.
@@ -169,32 +138,10 @@ int main(int argc, char** argv) {
     QTemporaryDir kit;
     if (!kit.isValid()) return 1;
     const QString kitDir = kit.path();
-    int report[2];
-    int control[2];
-    if (::pipe(report) != 0 || ::pipe(control) != 0) return 1;
-    const pid_t child = ::fork();
-    if (child < 0) return 1;
-    if (child == 0) {
-        ::close(report[0]);
-        ::close(control[1]);
-        runSimulatorsChild(kitDir, report[1], control[0]);
-    }
-    ::close(report[1]);
-    ::close(control[0]);
-    Ports ports;
-    const bool havePorts =
-        ::read(report[0], &ports, sizeof(ports)) == sizeof(ports) && ports.tls != 0 && ports.plain != 0;
-    ::close(report[0]);
-    auto stopChild = [&]() {
-        ::close(control[1]);
-        int status = 0;
-        ::waitpid(child, &status, 0);
-    };
-    if (!havePorts) {
-        std::fprintf(stderr, "the simulators did not start\n");
-        stopChild();
-        return 1;
-    }
+    bench::SimulatorChild simulators;
+    if (!simulators.start(kitDir)) return 1;
+    const bench::SimulatorPorts ports = simulators.ports();
+    auto stopChild = [&]() { simulators.stop(); };
 
     QCoreApplication application(argc, argv);
     std::printf("tls_bench: %d reconnecting polls per device after %d untimed, build type %s\n", connects,

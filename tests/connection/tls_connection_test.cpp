@@ -11,6 +11,7 @@
 #include <memory>
 
 #include "common/stunnel_fixture.h"
+#include "common/tls_kit.h"
 #include "connection/connection.h"
 #include "host/plugin_interface.h"
 #include "tools/sim/sim_pki.h"
@@ -28,11 +29,8 @@ protected:
     void SetUp() override {
         Host::instance().reset();
         ASSERT_TRUE(pki.isValid());
-        QString error;
-        ASSERT_TRUE(modbus_sim::makeTestPki(pki.path(), QStringLiteral("127.0.0.1"), &error))
-            << error.toStdString();
-        ASSERT_TRUE(modbus_sim::makeFaultCertificates(pki.path(), QStringLiteral("127.0.0.1"), &error))
-            << error.toStdString();
+        ASSERT_NO_FATAL_FAILURE(
+            test_support::makeLoopbackKit(pki.path(), test_support::FaultCertificates::Make));
         simulator.setHoldingRegisters(0, {0x1111, 0x2222, 0x3333});
         simulator.setInputRegisters(0, {0xA1, 0xA2});
         simulator.setCoils(0, {1, 0, 1});

@@ -10,6 +10,7 @@
 #include <chrono>
 #include <vector>
 
+#include "common/closed_port.h"
 #include "common/time_scale.h"
 #include "discovery/constants.h"
 #include "discovery/identify_result.h"
@@ -23,6 +24,7 @@ using ModbusDiscovery::QtTransport;
 using rtu_test::rtuFrame;
 using rtu_test::RtuRequest;
 using rtu_test::RtuResponder;
+using test_support::closedPort;
 
 const QString kLoopback = QStringLiteral("127.0.0.1");
 const char kLoopbackText[] = "127.0.0.1";
@@ -80,22 +82,6 @@ void expectAsked(const std::vector<RtuRequest>& requests, const std::vector<Aske
         EXPECT_EQ(requests[i].unit, expected[i].unit);
         EXPECT_EQ(requests[i].pdu.toHex(), expected[i].pdu.toHex());
     }
-}
-
-// A loopback port with nothing listening: bound once to learn a free port, then closed.
-quint16 closedPort() {
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof(address);
-    quint16 port = 0;
-    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0 &&
-        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
-        port = ntohs(address.sin_port);
-    }
-    ::close(fd);
-    return port;
 }
 
 TEST(RtuTransportTest, FindsTheOneAnsweringUnitPastHeartbeatsAndStrayFrames) {

@@ -4,9 +4,6 @@
 #include "discovery/tls_probe.h"
 
 #include <gtest/gtest.h>
-#include <openssl/bio.h>
-#include <openssl/pem.h>
-#include <openssl/x509.h>
 
 #include <QFile>
 #include <QTemporaryDir>
@@ -16,6 +13,7 @@
 #include "discovery/constants.h"
 #include "discovery/secure_probe.h"
 #include "discovery/transport.h"
+#include "tests/common/tls_kit.h"
 #include "tools/sim/sim_pki.h"
 #include "tools/sim/sim_tls_kit.h"
 #include "tools/sim/simulator.h"
@@ -25,6 +23,7 @@ namespace {
 using modbus_sim::Simulator;
 using modbus_sim::TlsFault;
 using ModbusDiscovery::SecureProbe;
+using test_support::expiryOf;
 
 constexpr char kLoopback[] = "127.0.0.1";
 constexpr char kForeignClient[] = "foreign-client";
@@ -33,38 +32,11 @@ constexpr int kConnectTimeoutMs = 2000;
 constexpr int kHandshakeTimeoutMs = 5000;
 constexpr int kReadTimeoutMs = 2000;
 
-// The notAfter of a PEM certificate file, as OpenSSL prints it.
-QString expiryOf(const QString& path) {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) {
-        return QString();
-    }
-    const QByteArray pem = file.readAll();
-    BIO* bio = BIO_new_mem_buf(pem.constData(), pem.size());
-    X509* certificate = PEM_read_bio_X509(bio, nullptr, nullptr, nullptr);
-    BIO_free(bio);
-    if (!certificate) {
-        return QString();
-    }
-    BIO* text = BIO_new(BIO_s_mem());
-    ASN1_TIME_print(text, X509_get0_notAfter(certificate));
-    char* data = nullptr;
-    const long length = BIO_get_mem_data(text, &data);
-    const QString expiry = QString::fromLatin1(data, static_cast<int>(length));
-    BIO_free(text);
-    X509_free(certificate);
-    return expiry;
-}
-
-class TlsProbeTest : public ::testing::Test {
+class TlsProbeTest : public test_support::LoopbackTlsKitTest {
 protected:
     static void SetUpTestSuite() {
-        kitDir = std::make_unique<QTemporaryDir>();
-        ASSERT_TRUE(kitDir->isValid());
+        ASSERT_NO_FATAL_FAILURE(LoopbackTlsKitTest::SetUpTestSuite());
         QString error;
-        ASSERT_TRUE(modbus_sim::makeTestPki(kit(), QLatin1String(kLoopback), &error)) << error.toStdString();
-        ASSERT_TRUE(modbus_sim::makeFaultCertificates(kit(), QLatin1String(kLoopback), &error))
-            << error.toStdString();
         // A client certificate of an authority the device does not know.
         modbus_sim::CertificateSpec foreign;
         foreign.name = QLatin1String(kForeignClient);
@@ -73,20 +45,11 @@ protected:
         foreign.issuer = QLatin1String(modbus_sim::kOtherCaName);
         ASSERT_TRUE(modbus_sim::makeCertificate(kit(), foreign, &error)) << error.toStdString();
     }
-    static void TearDownTestSuite() { kitDir.reset(); }
-
-    static QString kit() { return kitDir->path(); }
-    static QString pem(const char* name) { return modbus_sim::certificatePath(kit(), QLatin1String(name)); }
-    static QString key(const char* name) { return modbus_sim::keyPath(kit(), QLatin1String(name)); }
-
     void serve(TlsFault fault = TlsFault::None) {
         modbus_sim::TlsServerSettings settings;
-        bool created = true;
-        QString error;
-        ASSERT_TRUE(modbus_sim::tlsServerSettingsForKit(kit(), QLatin1String(kLoopback), fault, &settings,
-                                                        &created, &error))
-            << error.toStdString();
+        ASSERT_NO_FATAL_FAILURE(serverSettings(fault, &settings));
         simulator.setTls(settings);
+        QString error;
         modbus_sim::DeviceIdentification identity;
         identity.objects = {{0x00, "ACME"}, {0x01, "SEC-1"}, {0x02, "2.0"}, {0x05, "Secure Meter"}};
         simulator.setDeviceIdentification(identity);
@@ -109,11 +72,8 @@ protected:
                                             kConnectTimeoutMs, kHandshakeTimeoutMs, kReadTimeoutMs);
     }
 
-    static std::unique_ptr<QTemporaryDir> kitDir;
     Simulator simulator;
 };
-
-std::unique_ptr<QTemporaryDir> TlsProbeTest::kitDir;
 
 TEST_F(TlsProbeTest, IdentifiesTheDeviceInsideTheSession) {
     serve();

@@ -19,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "common/closed_port.h"
 #include "common/scripted_server.h"
 #include "common/time_scale.h"
 #include "discovery/constants.h"
@@ -34,6 +35,7 @@ using modbus_sim::FaultRule;
 using modbus_sim::Simulator;
 using ModbusDiscovery::IdentifyResult;
 using ModbusDiscovery::QtTransport;
+using test_support::closedPort;
 using test_support::Request;
 using test_support::ScriptedServer;
 
@@ -116,22 +118,6 @@ private:
     int fd = -1;
     quint16 listenPort = 0;
 };
-
-// A loopback port with nothing listening: bound once to learn a free port, then closed.
-quint16 closedPort() {
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof(address);
-    quint16 port = 0;
-    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0 &&
-        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
-        port = ntohs(address.sin_port);
-    }
-    ::close(fd);
-    return port;
-}
 
 std::vector<int> unitsOf(const std::vector<modbus_sim::RequestRecord>& log) {
     std::vector<int> units;

@@ -1,6 +1,8 @@
 // A real subnet scan over a veth pair between two network namespaces that the test creates and removes: the
 // scanner side holds one address of a /24, the device side several addresses with simulators, a listener that
 // never answers and an address with nothing listening; the rest of the /24 is unassigned.
+#include "tests/common/netns_scan.h"
+
 #include <gtest/gtest.h>
 #include <net/if.h>
 
@@ -26,6 +28,7 @@ namespace {
 using modbus_sim::DeviceIdentification;
 using modbus_sim::Simulator;
 using ModbusDiscovery::Candidate;
+using netns_testbed::ExpectedCandidate;
 using netns_testbed::SilentListener;
 using netns_testbed::Testbed;
 
@@ -49,16 +52,6 @@ DeviceIdentification identification(const QByteArray& vendor, const QByteArray& 
     result.objects = {{0x00, vendor}, {0x01, model + "-PC"}, {0x02, version}, {0x05, model}};
     return result;
 }
-
-struct Expected {
-    QString address;
-    int unit;
-    QString vendor;
-    QString productCode;
-    QString version;
-    QString modelName;
-    QString uid;
-};
 
 class NetnsScanTest : public ::testing::Test {
 protected:
@@ -118,18 +111,7 @@ protected:
     QList<Candidate> scan(const ModbusDiscovery::Options& options, QStringList* log, QStringList* hosts,
                           std::chrono::milliseconds* elapsed) {
         QList<Candidate> result;
-        const bool entered = testbed.runInScanner([&] {
-            // Never scan unless the interface really is the one inside this namespace.
-            if (::if_nametoindex(testbed.scannerLink.c_str()) == 0) {
-                return;
-            }
-            *hosts = ModbusDiscovery::ipv4HostsOnInterface(options.networkInterface, nullptr);
-            ModbusDiscovery::QtTransport transport;
-            const auto started = std::chrono::steady_clock::now();
-            result = ModbusDiscovery::discoverDevices(options, transport, log, nullptr);
-            *elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(
-                std::chrono::steady_clock::now() - started);
-        });
+        const bool entered = netns_testbed::scanFromScanner(testbed, options, log, &result, hosts, elapsed);
         EXPECT_TRUE(entered) << "cannot enter " << testbed.scannerNamespace;
         return result;
     }
@@ -161,25 +143,14 @@ TEST_F(NetnsScanTest, FindsExactlyTheAnsweringDevicesOfTheSubnet) {
 
     std::sort(found.begin(), found.end(),
               [](const Candidate& a, const Candidate& b) { return a.address < b.address; });
-    const Expected expected[] = {
-        {kIdentifiedDevice, 1, "ACME", "Model A-PC", "1.4", "Model A", "modbus_10_77_0_10_502_1"},
-        {kSlaveIdDevice, 1, "", "Meter B", "", "Meter B", "modbus_10_77_0_11_502_1"},
-        {kGatewayDevice, 255, "Gate", "Gateway D-PC", "2.0", "Gateway D", "modbus_10_77_0_15_502_255"},
+    const ExpectedCandidate expected[] = {
+        {kIdentifiedDevice, 1, "ACME", "Model A-PC", "1.4", "Model A", "tcp-scan", "modbus_10_77_0_10_502_1"},
+        {kSlaveIdDevice, 1, "", "Meter B", "", "Meter B", "tcp-scan", "modbus_10_77_0_11_502_1"},
+        {kGatewayDevice, 255, "Gate", "Gateway D-PC", "2.0", "Gateway D", "tcp-scan",
+         "modbus_10_77_0_15_502_255"},
     };
     ASSERT_EQ(found.size(), static_cast<int>(std::size(expected)));
-    for (size_t i = 0; i < std::size(expected); ++i) {
-        SCOPED_TRACE(expected[i].address.toStdString());
-        const Candidate& candidate = found.at(static_cast<int>(i));
-        EXPECT_EQ(candidate.address, expected[i].address);
-        EXPECT_EQ(candidate.port, kPort);
-        EXPECT_EQ(candidate.unitId, expected[i].unit);
-        EXPECT_EQ(candidate.vendor, expected[i].vendor);
-        EXPECT_EQ(candidate.productCode, expected[i].productCode);
-        EXPECT_EQ(candidate.version, expected[i].version);
-        EXPECT_EQ(candidate.modelName, expected[i].modelName);
-        EXPECT_EQ(candidate.source, "tcp-scan");
-        EXPECT_EQ(ModbusDiscovery::uidFor(candidate), expected[i].uid);
-    }
+    netns_testbed::expectCandidates(found, kPort, expected);
     // The known device was probed all the same; only its candidate was dropped.
     EXPECT_GT(known.totalRequests(), 0);
     EXPECT_EQ(log,

@@ -20,8 +20,8 @@
 #include "discovery/options.h"
 #include "discovery/subnet.h"
 #include "discovery/transport.h"
+#include "tests/common/netns_scan.h"
 #include "tests/common/netns_testbed.h"
-#include "tests/common/program_command.h"
 #include "tests/tools/zelt_modbus_runner.h"
 #include "tools/sim/simulator.h"
 
@@ -30,6 +30,7 @@ namespace {
 using modbus_sim::DeviceIdentification;
 using modbus_sim::Simulator;
 using ModbusDiscovery::Candidate;
+using netns_testbed::ExpectedCandidate;
 using netns_testbed::SilentListener;
 using netns_testbed::Testbed;
 using zelt_modbus_test::ToolRun;
@@ -92,13 +93,8 @@ protected:
         testbed.destroy();
     }
 
-    // The tool run in the scanner namespace, through the emulator on a cross build.
-    ToolRun discover(const QStringList& arguments) {
-        return zelt_modbus_test::runProgram(QStringLiteral("ip"),
-                                            QStringList{QStringLiteral("netns"), QStringLiteral("exec"),
-                                                        QString::fromStdString(testbed.scannerNamespace)} +
-                                                zelt_test::commandFor(zelt_modbus_test::toolPath()) +
-                                                QStringList{QStringLiteral("discover")} + arguments);
+    ToolRun discover(const QStringList& arguments) const {
+        return netns_testbed::discoverFromScanner(testbed, arguments);
     }
 
     Testbed testbed;
@@ -106,17 +102,6 @@ protected:
     Simulator tcpPlain;
     Simulator converter;
     std::unique_ptr<SilentListener> silent;
-};
-
-struct Expected {
-    QString address;
-    int unit;
-    QString vendor;
-    QString productCode;
-    QString version;
-    QString modelName;
-    QString source;
-    QString uid;
 };
 
 TEST_F(RtuOverTcpScanTest, TheSubnetScanFindsTheSerialMeterAmongModbusTcpDevices) {
@@ -129,44 +114,21 @@ TEST_F(RtuOverTcpScanTest, TheSubnetScanFindsTheSerialMeterAmongModbusTcpDevices
     QList<Candidate> found;
     QStringList hosts;
     std::chrono::milliseconds elapsed{0};
-    ASSERT_TRUE(testbed.runInScanner([&] {
-        // Never scan unless the interface really is the one inside this namespace.
-        if (::if_nametoindex(testbed.scannerLink.c_str()) == 0) {
-            return;
-        }
-        hosts = ModbusDiscovery::ipv4HostsOnInterface(options.networkInterface, nullptr);
-        ModbusDiscovery::QtTransport transport;
-        const auto started = std::chrono::steady_clock::now();
-        found = ModbusDiscovery::discoverDevices(options, transport, nullptr, nullptr);
-        elapsed =
-            std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - started);
-    }));
+    ASSERT_TRUE(netns_testbed::scanFromScanner(testbed, options, nullptr, &found, &hosts, &elapsed));
     ASSERT_EQ(hosts.size(), kHostsOnTheSubnet);
     std::printf("[ measured ] RTU-over-TCP subnet scan of %d hosts: %lld ms\n", kHostsOnTheSubnet,
                 static_cast<long long>(elapsed.count()));
 
     std::sort(found.begin(), found.end(),
               [](const Candidate& a, const Candidate& b) { return a.address < b.address; });
-    const Expected expected[] = {
+    const ExpectedCandidate expected[] = {
         {kTcpMeter, 1, "ACME", "AM-1", "1.4", "Model A", "tcp-scan", "modbus_10_79_0_10_502_1"},
         {kTcpPlain, 1, "", "Meter B", "", "Meter B", "tcp-scan", "modbus_10_79_0_11_502_1"},
         {kConverter, kRtuUnit, "Serial Co", "SC-9", "3.2", "RS-9", "rtu-over-tcp-scan",
          "modbus_10_79_0_20_502_3"},
     };
     ASSERT_EQ(found.size(), static_cast<int>(std::size(expected)));
-    for (size_t i = 0; i < std::size(expected); ++i) {
-        SCOPED_TRACE(expected[i].address.toStdString());
-        const Candidate& candidate = found.at(static_cast<int>(i));
-        EXPECT_EQ(candidate.address, expected[i].address);
-        EXPECT_EQ(candidate.port, kPort);
-        EXPECT_EQ(candidate.unitId, expected[i].unit);
-        EXPECT_EQ(candidate.vendor, expected[i].vendor);
-        EXPECT_EQ(candidate.productCode, expected[i].productCode);
-        EXPECT_EQ(candidate.version, expected[i].version);
-        EXPECT_EQ(candidate.modelName, expected[i].modelName);
-        EXPECT_EQ(candidate.source, expected[i].source);
-        EXPECT_EQ(ModbusDiscovery::uidFor(candidate), expected[i].uid);
-    }
+    netns_testbed::expectCandidates(found, kPort, expected);
     const QJsonObject serial = ModbusDiscovery::candidateToJson(found.at(2));
     EXPECT_EQ(serial.value("name").toString(), "RS-9 (10.79.0.20)");
     EXPECT_EQ(serial.value("description").toString(), "Serial Co RS-9 3.2 at 10.79.0.20:502 unit 3");

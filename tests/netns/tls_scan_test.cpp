@@ -3,9 +3,6 @@
 // zelt-modbus discover --transport tls run in the scanner namespace, with and without one.
 #include <gtest/gtest.h>
 #include <net/if.h>
-#include <openssl/bio.h>
-#include <openssl/pem.h>
-#include <openssl/x509.h>
 
 #include <QFile>
 #include <QJsonArray>
@@ -24,8 +21,9 @@
 #include "discovery/options.h"
 #include "discovery/subnet.h"
 #include "discovery/transport.h"
+#include "tests/common/netns_scan.h"
 #include "tests/common/netns_testbed.h"
-#include "tests/common/program_command.h"
+#include "tests/common/tls_kit.h"
 #include "tests/tools/zelt_modbus_runner.h"
 #include "tools/sim/sim_pki.h"
 #include "tools/sim/sim_tls_kit.h"
@@ -36,6 +34,8 @@ namespace {
 using modbus_sim::DeviceIdentification;
 using modbus_sim::Simulator;
 using ModbusDiscovery::Candidate;
+using test_support::expiryOf;
+using test_support::keyBody;
 using zelt_modbus_test::ToolRun;
 
 constexpr uint16_t kPlainPort = 502;
@@ -47,44 +47,6 @@ const char kSecureMeter[] = "10.82.0.20";    // Modbus/TCP Security on 802, clie
 const char kSecureGateway[] = "10.82.0.21";  // Modbus/TCP Security on 802, Report Slave ID only
 constexpr int kHostsOnTheSubnet = 253;
 constexpr int kScanTimeoutMs = 30000;
-
-QString expiryOf(const QString& path) {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) {
-        return QString();
-    }
-    const QByteArray pem = file.readAll();
-    BIO* bio = BIO_new_mem_buf(pem.constData(), pem.size());
-    X509* certificate = PEM_read_bio_X509(bio, nullptr, nullptr, nullptr);
-    BIO_free(bio);
-    if (!certificate) {
-        return QString();
-    }
-    BIO* text = BIO_new(BIO_s_mem());
-    ASN1_TIME_print(text, X509_get0_notAfter(certificate));
-    char* data = nullptr;
-    const long length = BIO_get_mem_data(text, &data);
-    const QString expiry = QString::fromLatin1(data, static_cast<int>(length));
-    BIO_free(text);
-    X509_free(certificate);
-    return expiry;
-}
-
-// The base64 lines of a PEM key file, which no output may contain.
-QStringList keyBody(const QString& path) {
-    QFile file(path);
-    QStringList lines;
-    if (!file.open(QIODevice::ReadOnly)) {
-        return lines;
-    }
-    for (const QString& line :
-         QString::fromLatin1(file.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
-        if (!line.startsWith(QLatin1String("-----"))) {
-            lines.append(line.trimmed());
-        }
-    }
-    return lines;
-}
 
 class TlsScanTest : public ::testing::Test {
 protected:
@@ -147,12 +109,8 @@ protected:
     }
     QString key(const char* name) const { return modbus_sim::keyPath(kit.path(), QLatin1String(name)); }
 
-    ToolRun discover(const QStringList& arguments) {
-        return zelt_modbus_test::runProgram(QStringLiteral("ip"),
-                                            QStringList{QStringLiteral("netns"), QStringLiteral("exec"),
-                                                        QString::fromStdString(testbed.scannerNamespace)} +
-                                                zelt_test::commandFor(zelt_modbus_test::toolPath()) +
-                                                QStringList{QStringLiteral("discover")} + arguments);
+    ToolRun discover(const QStringList& arguments) const {
+        return netns_testbed::discoverFromScanner(testbed, arguments);
     }
 
     QTemporaryDir kit;
@@ -176,18 +134,7 @@ TEST_F(TlsScanTest, TheSubnetScanFindsTheSecureDevicesWithTheirIdentity) {
     QList<Candidate> found;
     QStringList hosts;
     std::chrono::milliseconds elapsed{0};
-    ASSERT_TRUE(testbed.runInScanner([&] {
-        // Never scan unless the interface really is the one inside this namespace.
-        if (::if_nametoindex(testbed.scannerLink.c_str()) == 0) {
-            return;
-        }
-        hosts = ModbusDiscovery::ipv4HostsOnInterface(options.networkInterface, nullptr);
-        ModbusDiscovery::QtTransport transport;
-        const auto started = std::chrono::steady_clock::now();
-        found = ModbusDiscovery::discoverDevices(options, transport, nullptr, nullptr);
-        elapsed =
-            std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - started);
-    }));
+    ASSERT_TRUE(netns_testbed::scanFromScanner(testbed, options, nullptr, &found, &hosts, &elapsed));
     ASSERT_EQ(hosts.size(), kHostsOnTheSubnet);
     std::printf("[ measured ] Modbus/TCP Security subnet scan of %d hosts: %lld ms\n", kHostsOnTheSubnet,
                 static_cast<long long>(elapsed.count()));

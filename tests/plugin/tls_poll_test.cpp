@@ -10,6 +10,7 @@
 #include "common/manual_clock.h"
 #include "common/plugin_batch.h"
 #include "common/stunnel_fixture.h"
+#include "common/tls_kit.h"
 #include "plugin/diagnostics.h"
 #include "plugin/modbus.h"
 #include "tools/sim/sim_pki.h"
@@ -31,9 +32,8 @@ protected:
     void SetUp() override {
         Host::instance().reset();
         ASSERT_TRUE(pki.isValid());
-        QString error;
-        ASSERT_TRUE(modbus_sim::makeTestPki(pki.path(), QStringLiteral("127.0.0.1"), &error))
-            << error.toStdString();
+        ASSERT_NO_FATAL_FAILURE(
+            test_support::makeLoopbackKit(pki.path(), test_support::FaultCertificates::Skip));
         sim.setHoldingRegisters(0, {0x4148, 0x0000, 42});
         sim.setCoils(0, {1});
         ASSERT_TRUE(sim.start());

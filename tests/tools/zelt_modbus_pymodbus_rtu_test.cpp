@@ -8,12 +8,14 @@
 #include <QJsonObject>
 #include <iterator>
 
+#include "common/pymodbus_types.h"
 #include "tools/pymodbus_server_fixture.h"
 #include "tools/zelt_modbus_runner.h"
 
 namespace {
 
 using pymodbus_test::Framer;
+using pymodbus_test::Row;
 using zelt_modbus_test::itemOf;
 using zelt_modbus_test::pollLines;
 using zelt_modbus_test::runTool;
@@ -39,60 +41,6 @@ protected:
                         QStringLiteral("--value"), QString::fromUtf8(value)});
     }
 };
-
-struct Row {
-    const char* uid;
-    const char* value;
-};
-
-// What the Modbus TCP test reads from this server data.
-const Row kTypeRows[] = {
-    {"float", "1"},
-    {"int32", "-2"},
-    {"uint16", "4660"},
-    {"text", "PYMB"},
-    {"bit0", "1"},
-    {"bit1", "0"},
-    {"bit3", "1"},
-    {"uint32", "123456"},
-    {"in_int16", "-1"},
-    {"in_uint16", "4660"},
-    {"coil1", "1"},
-    {"coil2", "0"},
-    {"coil3", "1"},
-    {"input1", "0"},
-    {"input2", "1"},
-    {"identity_1_vendor", "PyModbus Test Vendor"},
-    {"identity_1_product_code", "PYM-1"},
-    {"identity_1_version", "3.0"},
-    {"identity_1_vendor_url", "https://pymodbus.invalid"},
-    {"identity_1_product_name", "PyModbus test server"},
-    {"identity_1_model", "PYM-1 model"},
-    {"identity_1_user_application", "zelt-modbus test"},
-};
-
-QByteArray typesConfig(uint16_t port) {
-    return QStringLiteral(R"({"devices": [{"id": 1, "name": "pymodbus", "address": "127.0.0.1",
-        "settings": {"port": "%1", "transport": "%2"}, "items": [
-        {"uid": "float", "settings": {"register": "40001", "type": "5"}},
-        {"uid": "int32", "settings": {"register": "40003", "type": "3"}},
-        {"uid": "uint16", "settings": {"register": "40005", "type": "2"}},
-        {"uid": "text", "settings": {"register": "40006-40009", "type": "7"}},
-        {"uid": "bit0", "settings": {"register": "40010.0", "type": "0"}},
-        {"uid": "bit1", "settings": {"register": "40010.1", "type": "0"}},
-        {"uid": "bit3", "settings": {"register": "40010.3", "type": "0"}},
-        {"uid": "uint32", "settings": {"register": "40011", "type": "4"}},
-        {"uid": "in_int16", "settings": {"register": "30001", "type": "1"}},
-        {"uid": "in_uint16", "settings": {"register": "30002", "type": "2"}},
-        {"uid": "coil1", "settings": {"register": "00001", "type": "0"}},
-        {"uid": "coil2", "settings": {"register": "00002", "type": "0"}},
-        {"uid": "coil3", "settings": {"register": "00003", "type": "0"}},
-        {"uid": "input1", "settings": {"register": "10001", "type": "0"}},
-        {"uid": "input2", "settings": {"register": "10002", "type": "0"}}]}]})")
-        .arg(port)
-        .arg(QLatin1String(kRtuOverTcp))
-        .toUtf8();
-}
 
 // One device per byte and word order ("endianness", "byte_order"), ids 1 to 4, each reading every type.
 QByteArray ordersConfig(uint16_t port, const char* transport) {
@@ -190,23 +138,12 @@ QMap<QString, QString> itemsOf(const QList<QJsonObject>& lines) {
 
 TEST_F(PymodbusRtuTest, PollReadsWhatTheModbusTcpTestReads) {
     const QString path = dir.filePath(QStringLiteral("pymodbus_rtu.json"));
-    ASSERT_TRUE(writeFile(path, typesConfig(port)));
+    ASSERT_TRUE(writeFile(path, pymodbus_test::typesConfig(port, kRtuOverTcp)));
     const auto run = poll(path, 2);
     ASSERT_EQ(run.exitCode, 0) << run.err.toStdString();
     const QList<QJsonObject> lines = pollLines(run.out);
     ASSERT_EQ(lines.size(), 2) << run.out.toStdString();
-    for (const QJsonObject& line : lines) {
-        SCOPED_TRACE(line.value("poll").toInt());
-        EXPECT_TRUE(line.value("ok").toBool());
-        EXPECT_EQ(line.value("error").toString(), QString());
-        EXPECT_EQ(line.value("items").toArray().size(), static_cast<int>(std::size(kTypeRows)));
-        for (const Row& row : kTypeRows) {
-            SCOPED_TRACE(row.uid);
-            const QJsonObject item = itemOf(line, QLatin1String(row.uid));
-            EXPECT_EQ(item.value("value").toString(), QString::fromUtf8(row.value));
-            EXPECT_EQ(item.value("error").toString(), QString());
-        }
-    }
+    pymodbus_test::expectTypeRows(lines);
 }
 
 TEST_F(PymodbusRtuTest, EveryOrderReadsTheValuesModbusTcpReadsFromTheSameData) {

@@ -9,12 +9,15 @@
 #include <QJsonObject>
 #include <QTemporaryDir>
 
+#include "tests/common/map_json.h"
 #include "tools/sim/simulator.h"
 #include "tools/zelt-modbus/config.h"
 #include "tools/zelt_modbus_runner.h"
 
 namespace {
 
+using test_support::comparableMap;
+using test_support::jsonOf;
 using zelt_modbus_test::itemOf;
 using zelt_modbus_test::pollLines;
 using zelt_modbus_test::runTool;
@@ -28,10 +31,6 @@ constexpr int kFirstUnit = 1;
 constexpr int kSecondUnit = 4;
 const QString kTcp = QStringLiteral("tcp");
 const QString kRtu = QStringLiteral("rtu");
-
-QJsonObject jsonOf(const QString& text) {
-    return QJsonDocument::fromJson(text.toUtf8()).object();
-}
 
 // Both simulators' values: per unit and table, and a hole in the holding registers of every unit.
 void load(modbus_sim::Simulator* simulator) {
@@ -193,20 +192,8 @@ TEST_F(RtuCommissionTest, MapFindsTheRunsOfModbusTcpAndItsConfigurationKeepsTheT
     ASSERT_EQ(overTcp.exitCode, 0) << overTcp.err.toStdString();
     EXPECT_EQ(overRtu.err, QStringLiteral("zelt-modbus map: wrote %1: 3 devices, 55 items\n").arg(path));
 
-    auto comparable = [](QJsonObject json) {
-        json.remove(QStringLiteral("port"));
-        json.remove(QStringLiteral("elapsed_ms"));
-        QJsonArray tables;
-        for (const QJsonValue& value : json.value(QStringLiteral("tables")).toArray()) {
-            QJsonObject table = value.toObject();
-            table.remove(QStringLiteral("elapsed_ms"));
-            tables.append(table);
-        }
-        json.insert(QStringLiteral("tables"), tables);
-        return json;
-    };
-    const QJsonObject rtuMap = comparable(jsonOf(overRtu.out));
-    EXPECT_EQ(rtuMap, comparable(jsonOf(overTcp.out)));
+    const QJsonObject rtuMap = comparableMap(jsonOf(overRtu.out));
+    EXPECT_EQ(rtuMap, comparableMap(jsonOf(overTcp.out)));
     QStringList runs;
     for (const QJsonValue& table : rtuMap.value(QStringLiteral("tables")).toArray())
         for (const QJsonValue& value : table.toObject().value(QStringLiteral("runs")).toArray())
@@ -214,15 +201,10 @@ TEST_F(RtuCommissionTest, MapFindsTheRunsOfModbusTcpAndItsConfigurationKeepsTheT
     EXPECT_EQ(runs, (QStringList{"40001-40010", "40016-40030", "00001-00030"}));
     EXPECT_EQ(rtu.totalRequests(), tcp.totalRequests());
 
-    zelt_cli::Config config;
-    QString error;
-    ASSERT_TRUE(zelt_cli::readConfigFile(path, &config, &error)) << error.toStdString();
-    ASSERT_EQ(config.devices.size(), 3);
-    for (const zelt_cli::DeviceConfig& device : config.devices)
-        EXPECT_EQ(device.settings, (QMap<QString, QString>{{"port", QString::number(rtu.port())},
+    ASSERT_NO_FATAL_FAILURE(test_support::expectMapConfig(path, 3,
+                                                          {{"port", QString::number(rtu.port())},
                                                            {"server_id", QString::number(kSecondUnit)},
-                                                           {"transport", "1"}}))
-            << device.name.toStdString();
+                                                           {"transport", "1"}}));
 
     // The plugin polls what map wrote over RTU, and reads the second unit's values.
     const ToolRun poll = runTool({QStringLiteral("poll"), QStringLiteral("--config"), path,

@@ -4,9 +4,6 @@
 // options and their errors, the configuration's tls keys, and that no output ever holds key material.
 
 #include <gtest/gtest.h>
-#include <openssl/bio.h>
-#include <openssl/pem.h>
-#include <openssl/x509.h>
 
 #include <QFile>
 #include <QJsonArray>
@@ -16,6 +13,8 @@
 #include <memory>
 #include <vector>
 
+#include "tests/common/map_json.h"
+#include "tests/common/tls_kit.h"
 #include "tools/sim/sim_pki.h"
 #include "tools/sim/sim_tls_kit.h"
 #include "tools/sim/simulator.h"
@@ -24,6 +23,9 @@
 
 namespace {
 
+using test_support::comparableMap;
+using test_support::expiryOf;
+using test_support::jsonOf;
 using zelt_modbus_test::runTool;
 using zelt_modbus_test::ToolRun;
 using zelt_modbus_test::writeFile;
@@ -38,29 +40,9 @@ const QStringList kTls13Suites{QStringLiteral("TLS_AES_128_GCM_SHA256"),
                                QStringLiteral("TLS_AES_256_GCM_SHA384"),
                                QStringLiteral("TLS_CHACHA20_POLY1305_SHA256")};
 
-QJsonObject jsonOf(const QString& text) {
-    return QJsonDocument::fromJson(text.toUtf8()).object();
-}
-
 QString readText(const QString& path) {
     QFile file(path);
     return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
-}
-
-QString expiryOf(const QString& path) {
-    const QByteArray pem = readText(path).toUtf8();
-    BIO* bio = BIO_new_mem_buf(pem.constData(), pem.size());
-    X509* certificate = PEM_read_bio_X509(bio, nullptr, nullptr, nullptr);
-    BIO_free(bio);
-    if (!certificate) return QString();
-    BIO* text = BIO_new(BIO_s_mem());
-    ASN1_TIME_print(text, X509_get0_notAfter(certificate));
-    char* data = nullptr;
-    const long length = BIO_get_mem_data(text, &data);
-    const QString expiry = QString::fromLatin1(data, static_cast<int>(length));
-    BIO_free(text);
-    X509_free(certificate);
-    return expiry;
 }
 
 void load(modbus_sim::Simulator* simulator) {
@@ -77,33 +59,14 @@ void load(modbus_sim::Simulator* simulator) {
     }
 }
 
-class ZeltModbusTlsTest : public ::testing::Test {
+class ZeltModbusTlsTest : public test_support::LoopbackTlsKitTest {
 protected:
-    static void SetUpTestSuite() {
-        kitDir = std::make_unique<QTemporaryDir>();
-        ASSERT_TRUE(kitDir->isValid());
-        QString error;
-        ASSERT_TRUE(modbus_sim::makeTestPki(kit(), QLatin1String(kLoopback), &error)) << error.toStdString();
-        ASSERT_TRUE(modbus_sim::makeFaultCertificates(kit(), QLatin1String(kLoopback), &error))
-            << error.toStdString();
-    }
-    static void TearDownTestSuite() { kitDir.reset(); }
-
-    static QString kit() { return kitDir->path(); }
-    static QString pem(const char* name) { return modbus_sim::certificatePath(kit(), QLatin1String(name)); }
-    static QString key(const char* name) { return modbus_sim::keyPath(kit(), QLatin1String(name)); }
     static QStringList certificateOptions() {
         return {QStringLiteral("--tls-ca"),   pem(modbus_sim::kCaName),    QStringLiteral("--tls-cert"),
                 pem(modbus_sim::kClientName), QStringLiteral("--tls-key"), key(modbus_sim::kClientName)};
     }
     // The base64 lines of the client's key.
-    static QStringList keyBody() {
-        QStringList lines;
-        for (const QString& line :
-             readText(key(modbus_sim::kClientName)).split(QLatin1Char('\n'), Qt::SkipEmptyParts))
-            if (!line.startsWith(QLatin1String("-----"))) lines.append(line.trimmed());
-        return lines;
-    }
+    static QStringList keyBody() { return test_support::keyBody(key(modbus_sim::kClientName)); }
 
     void SetUp() override {
         ASSERT_TRUE(dir.isValid());
@@ -114,12 +77,9 @@ protected:
 
     void serveTls(modbus_sim::TlsFault fault = modbus_sim::TlsFault::None) {
         modbus_sim::TlsServerSettings settings;
-        bool created = true;
-        QString error;
-        ASSERT_TRUE(modbus_sim::tlsServerSettingsForKit(kit(), QLatin1String(kLoopback), fault, &settings,
-                                                        &created, &error))
-            << error.toStdString();
+        ASSERT_NO_FATAL_FAILURE(serverSettings(fault, &settings));
         tls.setTls(settings);
+        QString error;
         ASSERT_TRUE(tls.start(QLatin1String(kLoopback), 0, &error)) << error.toStdString();
     }
 
@@ -168,14 +128,11 @@ protected:
             .arg(cipher, expiryOf(pem(modbus_sim::kDeviceName)));
     }
 
-    static std::unique_ptr<QTemporaryDir> kitDir;
     QTemporaryDir dir;
     modbus_sim::Simulator tcp;
     modbus_sim::Simulator tls;
     QStringList outputs;
 };
-
-std::unique_ptr<QTemporaryDir> ZeltModbusTlsTest::kitDir;
 
 TEST_F(ZeltModbusTlsTest, InspectReadsAsOverModbusTcpAndShowsTheHandshake) {
     serveTls();
@@ -260,34 +217,17 @@ TEST_F(ZeltModbusTlsTest, MapFindsTheRunsOfModbusTcpAndItsConfigurationKeepsTheC
     ASSERT_EQ(overTls.exitCode, 0) << overTls.err.toStdString();
     ASSERT_EQ(overTcp.exitCode, 0) << overTcp.err.toStdString();
     EXPECT_EQ(overTls.err, QStringLiteral("zelt-modbus map: wrote %1: 3 devices, 55 items\n").arg(path));
-    auto comparable = [](QJsonObject json) {
-        json.remove(QStringLiteral("port"));
-        json.remove(QStringLiteral("elapsed_ms"));
-        QJsonArray tables;
-        for (const QJsonValue& value : json.value(QStringLiteral("tables")).toArray()) {
-            QJsonObject table = value.toObject();
-            table.remove(QStringLiteral("elapsed_ms"));
-            tables.append(table);
-        }
-        json.insert(QStringLiteral("tables"), tables);
-        return json;
-    };
-    EXPECT_EQ(comparable(jsonOf(overTls.out)), comparable(jsonOf(overTcp.out)));
+    EXPECT_EQ(comparableMap(jsonOf(overTls.out)), comparableMap(jsonOf(overTcp.out)));
     EXPECT_EQ(tls.totalRequests(), tcp.totalRequests());
 
-    zelt_cli::Config config;
-    QString error;
-    ASSERT_TRUE(zelt_cli::readConfigFile(path, &config, &error)) << error.toStdString();
-    ASSERT_EQ(config.devices.size(), 3);
-    for (const zelt_cli::DeviceConfig& device : config.devices)
-        EXPECT_EQ(device.settings,
-                  (QMap<QString, QString>{{"port", QString::number(tls.port())},
-                                          {"server_id", "1"},
-                                          {"transport", "2"},
-                                          {"tls_ca_certificates", pem(modbus_sim::kCaName)},
-                                          {"tls_certificate", pem(modbus_sim::kClientName)},
-                                          {"tls_private_key", key(modbus_sim::kClientName)}}))
-            << device.name.toStdString();
+    ASSERT_NO_FATAL_FAILURE(
+        test_support::expectMapConfig(path, 3,
+                                      {{"port", QString::number(tls.port())},
+                                       {"server_id", "1"},
+                                       {"transport", "2"},
+                                       {"tls_ca_certificates", pem(modbus_sim::kCaName)},
+                                       {"tls_certificate", pem(modbus_sim::kClientName)},
+                                       {"tls_private_key", key(modbus_sim::kClientName)}}));
 
     // The plugin polls what map wrote, over TLS.
     const ToolRun poll =
