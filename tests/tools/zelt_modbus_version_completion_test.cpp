@@ -19,8 +19,8 @@ using zelt_modbus_test::runProgram;
 using zelt_modbus_test::runTool;
 using zelt_modbus_test::ToolRun;
 
-const char* const kCommands[] = {"demo",    "poll", "write",    "discover",
-                                 "inspect", "map",  "simulate", "columns"};
+const char* const kCommands[] = {"demo", "poll",     "write",   "discover", "inspect",
+                                 "map",  "simulate", "columns", "identify"};
 constexpr int kBashTimeoutMs = 60000;
 
 // The project version as the top-level CMakeLists.txt declares it, read independently of the tool.
@@ -138,8 +138,8 @@ TEST_F(ZeltModbusCompletion, CompletesCommands) {
     EXPECT_EQ(complete({"zelt-modbus", "po"}), QStringList{"poll"});
     EXPECT_EQ(complete({"zelt-modbus", "d"}), (QStringList{"demo", "discover"}));
     EXPECT_EQ(complete({"zelt-modbus", ""}),
-              (QStringList{"--help", "--version", "columns", "demo", "discover", "inspect", "map", "poll",
-                           "simulate", "write"}));
+              (QStringList{"--help", "--version", "columns", "demo", "discover", "identify", "inspect", "map",
+                           "poll", "simulate", "write"}));
     EXPECT_EQ(complete({"zelt-modbus", "--v"}), QStringList{"--version"});
 }
 

@@ -68,5 +68,6 @@ int runDiscover(const QStringList& arguments);
 int runSimulate(const QStringList& arguments);
 int runInspect(const QStringList& arguments);
 int runMap(const QStringList& arguments);
+int runIdentify(const QStringList& arguments);
 
 }  // namespace zelt_cli

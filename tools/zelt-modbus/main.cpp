@@ -17,6 +17,7 @@ const char* kUsage =
     "  write      write one value to one item of a configuration file\n"
     "  discover   look for Modbus TCP devices with the plugin's discovery\n"
     "  inspect    read registers once and show every type and byte order the plugin can read them as\n"
+    "  identify   read a device's identification (vendor, product code, revision, ...) through the plugin\n"
     "  map        find the addresses a device answers, and write a configuration for them\n"
     "  simulate   run the Modbus TCP device simulator\n"
     "  columns    print the configuration columns the plugin declares\n"
@@ -48,6 +49,7 @@ int main(int argc, char** argv) {
                                          {QStringLiteral("write"), zelt_cli::runWrite},
                                          {QStringLiteral("discover"), zelt_cli::runDiscover},
                                          {QStringLiteral("inspect"), zelt_cli::runInspect},
+                                         {QStringLiteral("identify"), zelt_cli::runIdentify},
                                          {QStringLiteral("map"), zelt_cli::runMap},
                                          {QStringLiteral("simulate"), zelt_cli::runSimulate},
                                          {QStringLiteral("columns"), zelt_cli::runColumns}};
