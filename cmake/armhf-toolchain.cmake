@@ -43,6 +43,11 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
+# Headers that differ per architecture (OpenSSL's opensslconf.h, configuration.h) live in the multiarch folder,
+# which the compiler only searches by itself with --sysroot.
+set(CMAKE_C_STANDARD_INCLUDE_DIRECTORIES "${ZELT_ARMHF_SYSROOT}/usr/include/${ZELT_ARMHF_TRIPLET}")
+set(CMAKE_CXX_STANDARD_INCLUDE_DIRECTORIES "${ZELT_ARMHF_SYSROOT}/usr/include/${ZELT_ARMHF_TRIPLET}")
+
 # The linker follows the sysroot libraries' own dependencies (ICU, zlib, ... behind Qt) without linking them.
 set(_zelt_rpath_link
     "-Wl,-rpath-link,${ZELT_ARMHF_SYSROOT}/lib/${ZELT_ARMHF_TRIPLET} -Wl,-rpath-link,${ZELT_ARMHF_SYSROOT}/usr/lib/${ZELT_ARMHF_TRIPLET}")
