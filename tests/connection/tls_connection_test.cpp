@@ -5,6 +5,7 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 
+#include <QDateTime>
 #include <QFile>
 #include <QTemporaryDir>
 #include <climits>
@@ -334,4 +335,36 @@ TEST_F(TlsSimulatorFaultTest, AViewerMayReadButItsWriteIsAnIllegalFunction) {
     EXPECT_EQ(connection.writeWord(0, 5, &err), -1);
     EXPECT_EQ(connection.errToStr(err), QStringLiteral("Illegal function"));
     EXPECT_EQ(secured.holdingRegisters(0, 1), std::vector<uint16_t>({77}));
+}
+
+TEST_F(TlsConnectionTest, ACertificateReplacedOnDiskIsUsedFromTheNextConnect) {
+    modbus_sim::Simulator secured;
+    secured.setTlsKit(pki.path(), modbus_sim::TlsFault::None);
+    ASSERT_TRUE(secured.start());
+    int err = 0;
+    int daysBefore = 0;
+    {
+        Connection connection(network(secured.port()), &host, &err);
+        ASSERT_TRUE(connection.isConnected()) << connection.errToStr(err).toStdString();
+        daysBefore = connection.tlsClientCertificateDaysLeft();
+    }
+    EXPECT_GE(daysBefore, modbus_sim::kDefaultValidDays - 1);
+    // The gateway's certificate is rotated in place: same files, a certificate valid for 10 days.
+    QString error;
+    ASSERT_TRUE(modbus_sim::makeClientCertificate(pki.path(), QStringLiteral("client"),
+                                                  QStringLiteral("operator"), 10, &error))
+        << error.toStdString();
+    // A rotation comes later than the first connect; the file system's clock may not have moved on yet in a
+    // test.
+    QFile rotated(file("client.pem"));
+    ASSERT_TRUE(rotated.open(QIODevice::ReadWrite));
+    ASSERT_TRUE(
+        rotated.setFileTime(QDateTime::currentDateTimeUtc().addSecs(60), QFileDevice::FileModificationTime));
+    rotated.close();
+    Connection connection(network(secured.port()), &host, &err);
+    ASSERT_TRUE(connection.isConnected()) << connection.errToStr(err).toStdString();
+    EXPECT_GE(connection.tlsClientCertificateDaysLeft(), 9);
+    EXPECT_LE(connection.tlsClientCertificateDaysLeft(), 10);
+    // New certificates, new endpoint: a full handshake, not the old session.
+    EXPECT_FALSE(connection.tlsHandshake()->resumed);
 }
