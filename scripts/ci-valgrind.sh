@@ -39,7 +39,7 @@ for run in "${runs[@]}"; do
     echo "== valgrind $binary --gtest_filter=$filter"
     status=0
     valgrind --leak-check=full --show-leak-kinds=definite --errors-for-leak-kinds=definite \
-        --track-fds=yes --error-exitcode=$kErrorExit --log-file="$log" \
+        --track-fds=yes --error-exitcode=$kErrorExit --log-file="$log" --suppressions=scripts/valgrind.supp \
         "$build_dir/tests/$binary" --gtest_filter="$filter" --gtest_brief=1 || status=$?
     if ((status != 0)); then
         echo "FAILED: $binary exited with $status (memcheck errors or leaks when $kErrorExit); see $log"
