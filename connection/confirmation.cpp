@@ -2,19 +2,19 @@
 
 #include <modbus.h>
 
+#include "connection/pdu_words.h"
+
 namespace confirmation {
 
 namespace {
 
+using pdu_words::kBitsPerByte;
+using pdu_words::wordAt;
+
 constexpr int kExceptionFlag = 0x80;
 constexpr int kExceptionReplyPdu = 2;  // function code with the exception flag, exception code
-constexpr int kBitsPerByte = 8;
-constexpr int kQuantityOffset = 3;  // function code, address, quantity
+constexpr int kQuantityOffset = 3;     // function code, address, quantity
 constexpr int kAnsweredQuantityOffset = 3;
-
-int wordAt(const unsigned char* at) {
-    return (at[0] << 8) | at[1];
-}
 
 }  // namespace
 

@@ -189,6 +189,13 @@ std::chrono::steady_clock::time_point Connection::responseDeadline() const {
     return std::chrono::steady_clock::now() + std::chrono::seconds(sec) + std::chrono::microseconds(usec);
 }
 
+std::chrono::microseconds Connection::byteTimeout() const {
+    uint32_t sec = 0;
+    uint32_t usec = 0;
+    modbus_get_byte_timeout(ctx, &sec, &usec);
+    return std::chrono::seconds(sec) + std::chrono::microseconds(usec);
+}
+
 int Connection::settle(int result, int error, int* err, const char* failureLog) const {
     if (result >= 0) {
         setDeviceError(0);

@@ -161,6 +161,8 @@ private:
     void awaitLateRtuAnswer(int function) const;
     void waitForRequestPause() const;
     std::chrono::steady_clock::time_point responseDeadline() const;
+    // How long an answer that has begun may wait for each further byte; 0: no such limit.
+    std::chrono::microseconds byteTimeout() const;
     int socket() const;
     // Completes the TLS handshake on the connected `socket` before `deadline`; false with *err set.
     bool startTls(int socket, std::chrono::steady_clock::time_point deadline, int* err);

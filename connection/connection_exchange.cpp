@@ -19,10 +19,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// An answer numbered up to this many requests before the current one is a late answer to a request that
-// timed out; anything else with a wrong number is a bad frame.
-constexpr int kLateAnswerWindow = 1024;
-constexpr int kTransactionIdSpace = 65536;
 // Room for an RTU answer with as much again of other bytes before it.
 constexpr int kRtuReceiveBuffer = 2 * rtu_framing::kMaxFrameLength;
 // A frame of the right unit, function and length whose CRC fails is the answer, damaged; anything still to
@@ -96,8 +92,7 @@ int Connection::receiveMbapAnswer(unsigned short sentId, unsigned char* frame, i
         const int received = receiveMbapFrame(frame, capacity, deadline, size, err);
         if (received < 0) return received;
         const unsigned short id = mbap_framing::transactionId(frame);
-        const int behind = (sentId - id + kTransactionIdSpace) % kTransactionIdSpace;
-        if (behind == 0 || behind > kLateAnswerWindow) {
+        if (!mbap_framing::answersAnEarlierRequest(id, sentId)) {
             lastExchange = Clock::now();
             return received;
         }
@@ -114,10 +109,7 @@ int Connection::receiveMbapAnswer(unsigned short sentId, unsigned char* frame, i
 // leaving the rest in the socket; the raw PDUs of identity are therefore read by the MBAP length field.
 int Connection::receiveMbapFrame(unsigned char* frame, int capacity, Clock::time_point deadline,
                                  AnswerSize size, int* err) const {
-    uint32_t byteSec = 0;
-    uint32_t byteUsec = 0;
-    modbus_get_byte_timeout(ctx, &byteSec, &byteUsec);
-    const auto byteTimeout = std::chrono::seconds(byteSec) + std::chrono::microseconds(byteUsec);
+    const auto byteTimeout = this->byteTimeout();
     int received = 0;
     int wanted = mbap_framing::kHeaderLength + (size == AnswerSize::ByFunction ? 1 : 0);
     bool sized = false;
@@ -200,10 +192,7 @@ int Connection::receiveRtuAnswer(int function, int byteCount, unsigned char* rep
 
 int Connection::searchRtuAnswer(rtu_framing::Expectation const& expected, Clock::time_point deadline,
                                 unsigned char* reply, int* skipped, int* err) const {
-    uint32_t byteSec = 0;
-    uint32_t byteUsec = 0;
-    modbus_get_byte_timeout(ctx, &byteSec, &byteUsec);
-    const auto byteTimeout = std::chrono::seconds(byteSec) + std::chrono::microseconds(byteUsec);
+    const auto byteTimeout = this->byteTimeout();
     unsigned char buffer[kRtuReceiveBuffer];
     int size = 0;
     bool crcMismatch = false;

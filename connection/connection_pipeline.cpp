@@ -10,26 +10,16 @@
 #include "connection/confirmation.h"
 #include "connection/connection.h"
 #include "connection/mbap_framing.h"
+#include "connection/pdu_words.h"
 #include "connection/request_discipline.h"
 
 namespace {
 
-constexpr int kReadRequestPdu = 5;   // function code, address, quantity
-constexpr int kReadReplyHeader = 2;  // function code, byte count
-constexpr int kBitsPerByte = 8;
-// An answer numbered up to this many requests before the first one in flight is a late answer to a request
-// that timed out.
-constexpr int kLateAnswerWindow = 1024;
-constexpr int kTransactionIdSpace = 65536;
-
-void putWord(unsigned char* at, int value) {
-    at[0] = static_cast<unsigned char>((value >> 8) & 0xFF);
-    at[1] = static_cast<unsigned char>(value & 0xFF);
-}
-
-int wordAt(const unsigned char* at) {
-    return (at[0] << 8) | at[1];
-}
+using pdu_words::kBitsPerByte;
+using pdu_words::kReadReplyHeader;
+using pdu_words::kReadRequestPdu;
+using pdu_words::putWord;
+using pdu_words::wordAt;
 
 bool isBitTable(RegisterType table) {
     return table == OutputCoil || table == InputCoil;
@@ -69,25 +59,21 @@ Connection::Pipeline Connection::readOneByOne(std::vector<PipelinedRead>& reads)
             read.answered = true;
             continue;
         }
-        unsigned char request[kReadRequestPdu] = {static_cast<unsigned char>(readFunction(read.table))};
-        putWord(request + 1, read.address);
-        putWord(request + 3, read.count);
-        const int expected =
-            kReadReplyHeader +
-            (isBitTable(read.table) ? confirmation::bytesForBits(read.count) : 2 * read.count);
-        unsigned char reply[kMaxReplyPdu];
         const auto sentAt = Clock::now();
         read.sent = true;
-        if (transact(request, sizeof request, expected, reply, &read.error) < 0) {
-            read.answered = request_discipline::isExceptionAnswer(read.error);
-            if (request_discipline::isExceptionAnswer(read.error)) continue;
-            return request_discipline::isTimeout(read.error) ? Pipeline::Refused : Pipeline::Broken;
+        int error = 0;
+        const int result = isBitTable(read.table)
+                               ? readBits(read.table, read.address, read.count, read.bits, &error)
+                               : readWords(read.table, read.address, read.count, read.words, &error);
+        if (result < 0) {
+            read.error = error;
+            read.answered = request_discipline::isExceptionAnswer(error);
+            if (read.answered) continue;
+            return request_discipline::isTimeout(error) ? Pipeline::Refused : Pipeline::Broken;
         }
         read.answered = true;
-        read.error = 0;
-        read.result = read.count;
+        read.result = result;
         read.responseMs = std::chrono::duration<double, std::milli>(Clock::now() - sentAt).count();
-        storeValues(read, reply);
     }
     return Pipeline::Kept;
 }
@@ -163,8 +149,7 @@ Connection::Pipeline Connection::readPipelined(std::vector<PipelinedRead>& reads
             return pending.transactionId == id;
         });
         if (answered == inFlight.end()) {
-            const int behind = (firstId - id + kTransactionIdSpace) % kTransactionIdSpace;
-            if (behind > 0 && behind <= kLateAnswerWindow) continue;  // late answer to an earlier request
+            if (mbap_framing::answersAnEarlierRequest(id, firstId)) continue;  // came late: dropped
             failRest(EMBBADDATA);
             return Pipeline::Refused;
         }

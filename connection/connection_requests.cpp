@@ -8,27 +8,22 @@
 
 #include "connection/confirmation.h"
 #include "connection/connection.h"
+#include "connection/pdu_words.h"
 #include "connection/request_discipline.h"
 #include "host/plugin_interface.h"
 
 namespace {
 
-constexpr int kReadRequestPdu = 5;       // function code, address, quantity
+using pdu_words::kBitsPerByte;
+using pdu_words::kReadReplyHeader;
+using pdu_words::kReadRequestPdu;
+using pdu_words::putWord;
+using pdu_words::wordAt;
+
 constexpr int kWriteReplyPdu = 5;        // function code, address, value or quantity
 constexpr int kMaskWriteRequestPdu = 7;  // function code, address, AND mask, OR mask; echoed as the reply
-constexpr int kReadReplyHeader = 2;      // function code, byte count
 constexpr int kMultipleWriteHeader = 6;  // function code, address, quantity, byte count
-constexpr int kBitsPerByte = 8;
 constexpr unsigned short kCoilOn = 0xFF00;
-
-void putWord(unsigned char* at, int value) {
-    at[0] = static_cast<unsigned char>((value >> 8) & 0xFF);
-    at[1] = static_cast<unsigned char>(value & 0xFF);
-}
-
-int wordAt(const unsigned char* at) {
-    return (at[0] << 8) | at[1];
-}
 
 void setBoth(int* err, int error) {
     *err = error;

@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "connection/pdu_words.h"
+
 namespace mbap_framing {
 
 namespace {
@@ -9,16 +11,13 @@ namespace {
 constexpr int kLengthFieldOffset = 4;
 constexpr int kProtocolIdOffset = 2;
 constexpr int kUnitOffset = 6;
-constexpr int kByteMask = 0xFF;
+// An answer numbered up to this many requests before the one awaited is a late answer to a request that timed
+// out; anything else with a wrong number is a bad frame.
+constexpr int kLateAnswerWindow = 1024;
+constexpr int kTransactionIdSpace = 65536;
 
-void putWord(unsigned char* at, int value) {
-    at[0] = static_cast<unsigned char>((value >> 8) & kByteMask);
-    at[1] = static_cast<unsigned char>(value & kByteMask);
-}
-
-int wordAt(const unsigned char* at) {
-    return (at[0] << 8) | at[1];
-}
+using pdu_words::putWord;
+using pdu_words::wordAt;
 
 }  // namespace
 
@@ -38,6 +37,11 @@ unsigned short transactionId(const unsigned char* frame) {
 
 int lengthField(const unsigned char* frame) {
     return wordAt(frame + kLengthFieldOffset);
+}
+
+bool answersAnEarlierRequest(unsigned short id, unsigned short awaited) {
+    const int behind = (awaited - id + kTransactionIdSpace) % kTransactionIdSpace;
+    return behind > 0 && behind <= kLateAnswerWindow;
 }
 
 bool protocolIdRefused(const unsigned char* frame) {

@@ -20,6 +20,9 @@ int buildRequest(unsigned short transactionId, int unit, const unsigned char* pd
 
 unsigned short transactionId(const unsigned char* frame);
 int lengthField(const unsigned char* frame);
+// Whether an answer numbered `id` belongs to a request sent before the one numbered `awaited` (a late answer
+// to be dropped), rather than to it or to nothing sent here.
+bool answersAnEarlierRequest(unsigned short id, unsigned short awaited);
 // libmodbus 3.1.6 refuses a protocol id only when both of its bytes are set; so does this.
 bool protocolIdRefused(const unsigned char* frame);
 

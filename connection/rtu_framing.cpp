@@ -4,6 +4,7 @@
 
 #include "connection/answer_length.h"
 #include "connection/crc16.h"
+#include "connection/pdu_words.h"
 
 namespace rtu_framing {
 
@@ -11,8 +12,8 @@ namespace {
 
 constexpr int kExceptionFlag = 0x80;
 constexpr int kByteCountOffset = 2;  // in the frame: unit id, function code, byte count
-constexpr int kByteMask = 0xFF;
-constexpr int kBitsPerByte = 8;
+using pdu_words::kBitsPerByte;
+using pdu_words::kByteMask;
 
 bool crcFits(const unsigned char* frame, int length) {
     const int crc = modbus_crc::crc16(frame, static_cast<size_t>(length - kCrcLength));

@@ -3,7 +3,6 @@
 #include <openssl/err.h>
 #include <openssl/x509v3.h>
 
-#include <QCryptographicHash>
 #include <QFile>
 #include <climits>
 #include <map>
@@ -40,13 +39,7 @@ bool cpuLacksAes() {
 }
 
 QByteArray cacheKey(QString const& target, TlsSettings const& settings) {
-    QCryptographicHash hash(QCryptographicHash::Sha256);
-    for (QString const& part :
-         {target, settings.caCertificates, settings.certificate, settings.privateKey, settings.serverName}) {
-        hash.addData(part.toUtf8());
-        hash.addData("\0", 1);
-    }
-    return hash.result();
+    return target.toUtf8() + '/' + settings.digest();
 }
 
 std::mutex& cacheMutex() {

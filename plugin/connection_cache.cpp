@@ -1,4 +1,3 @@
-#include <QCryptographicHash>
 #include <QStringBuilder>
 #include <algorithm>
 
@@ -16,17 +15,10 @@ QString endpointKey(int deviceId, QString const& address, quint16 port, bool sha
     switch (options.transport) {
         case Transport::RtuOverTcp:
             return QStringLiteral("rtu:") % target;
-        case Transport::ModbusTcpSecurity: {
+        case Transport::ModbusTcpSecurity:
             // Units behind one secured gateway share a session only when they present the same certificates.
-            QCryptographicHash certificates(QCryptographicHash::Sha256);
-            for (QString const& part : {options.tls.caCertificates, options.tls.certificate,
-                                        options.tls.privateKey, options.tls.serverName}) {
-                certificates.addData(part.toUtf8());
-                certificates.addData("\0", 1);
-            }
             return QStringLiteral("tls:") % target % QLatin1Char('/') %
-                   QString::fromLatin1(certificates.result().toHex());
-        }
+                   QString::fromLatin1(options.tls.digest().toHex());
         case Transport::ModbusTcp:
             break;
     }
