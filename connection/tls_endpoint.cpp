@@ -143,8 +143,10 @@ int TlsEndpoint::onNewSession(SSL* ssl, SSL_SESSION* session) {
 SSL_SESSION* TlsEndpoint::sessionToResume() {
     std::lock_guard<std::mutex> lock(sessionMutex);
     if (!session || !SSL_SESSION_is_resumable(session)) return nullptr;
-    SSL_SESSION_up_ref(session);
-    return session;
+    // A copy of its own for each connection: OpenSSL changes the session a connection resumed when a new
+    // ticket arrives on it, and connections of one endpoint (devices with a connection each) run on their own
+    // threads.
+    return SSL_SESSION_dup(session);
 }
 
 void TlsEndpoint::keepSession(SSL_SESSION* newSession) {

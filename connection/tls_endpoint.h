@@ -28,7 +28,7 @@ public:
     TlsEndpoint& operator=(TlsEndpoint const&) = delete;
 
     SSL_CTX* context() const { return ctx; }
-    // The session to resume (a reference of the caller's own, to free), or null.
+    // The session to resume (a copy of the caller's own, to free), or null.
     SSL_SESSION* sessionToResume();
     // A session the device offered for resumption, or none (null) after the device refused one.
     void keepSession(SSL_SESSION* session);
