@@ -135,7 +135,7 @@ TlsEndpoint::~TlsEndpoint() {
 int TlsEndpoint::onNewSession(SSL* ssl, SSL_SESSION* session) {
     auto* endpoint = static_cast<TlsEndpoint*>(SSL_CTX_get_app_data(SSL_get_SSL_CTX(ssl)));
     if (!endpoint) return 0;
-    ++endpoint->offered;
+    if (auto* offered = static_cast<std::atomic<bool>*>(SSL_get_app_data(ssl))) *offered = true;
     endpoint->keepSession(session);
     return 1;  // the reference is the endpoint's now
 }

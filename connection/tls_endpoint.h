@@ -32,11 +32,12 @@ public:
     SSL_SESSION* sessionToResume();
     // A session the device offered for resumption, or none (null) after the device refused one.
     void keepSession(SSL_SESSION* session);
-    // How many sessions the device has offered so far: one offered after a handshake says the device took the
-    // gateway's certificate.
-    int sessionsOffered() const { return offered.load(); }
     // Days until the gateway's own certificate expires, or INT_MIN when none is configured.
     int clientCertificateDaysLeft() const { return clientDaysLeft; }
+
+    // A connection that wants to know when its device offers a session (which says the device took the
+    // gateway's certificate) points the SSL's app data at an atomic<bool> for that time.
+    static void watchForSession(SSL* ssl, std::atomic<bool>* offered) { SSL_set_app_data(ssl, offered); }
 
     // Whether the CPU lacks AES instructions, going by /proc/cpuinfo's text: ChaCha20-Poly1305 is then
     // faster than AES-GCM and is offered first.
@@ -49,7 +50,6 @@ private:
     SSL_CTX* ctx = nullptr;
     std::mutex sessionMutex;
     SSL_SESSION* session = nullptr;
-    std::atomic<int> offered{0};
     QString fileStamp;
     int clientDaysLeft = 0;
 };

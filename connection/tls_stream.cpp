@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 
 #include <QStringList>
+#include <atomic>
 #include <climits>
 
 #include "connection/socket_stream.h"
@@ -190,7 +191,8 @@ std::unique_ptr<TlsStream> TlsStream::handshake(int socket, std::shared_ptr<TlsE
         const auto verdictBy = std::min(deadline, Clock::now() + 2 * roundTrip + kVerdictMargin);
         unsigned char peek = 0;
         int waitError = 0;
-        const int offeredBefore = stream->endpoint->sessionsOffered();
+        std::atomic<bool> sessionOffered{false};
+        TlsEndpoint::watchForSession(ssl, &sessionOffered);
         // What was read ahead with the handshake's last record is looked at before the socket is waited on.
         bool buffered = SSL_has_pending(ssl) == 1;
         while (buffered || SocketStream::waitFor(socket, POLLIN, verdictBy, &waitError)) {
@@ -199,12 +201,13 @@ std::unique_ptr<TlsStream> TlsStream::handshake(int socket, std::shared_ptr<TlsE
             if (peeked > 0) break;
             const int sslError = SSL_get_error(ssl, peeked);
             // A session ticket: the device took the certificate.
-            if (sslError == SSL_ERROR_WANT_READ && stream->endpoint->sessionsOffered() != offeredBefore)
-                break;
+            if (sslError == SSL_ERROR_WANT_READ && sessionOffered) break;
             if (sslError == SSL_ERROR_WANT_READ) continue;
+            TlsEndpoint::watchForSession(ssl, nullptr);
             *failure = handshakeFailure(ssl, sslError);
             return nullptr;
         }
+        TlsEndpoint::watchForSession(ssl, nullptr);
     }
     TlsHandshake& details = stream->details;
     details.resumed = SSL_session_reused(ssl) == 1;
